@@ -1,0 +1,42 @@
+// The headless dialog model: the parts the library needs now are the screen's
+// metrics and font objects.
+#pragma once
+#include <cstdint>
+#include <string>
+
+namespace sx::plat {
+
+// The emulated screen: 1920 x 1080 at 96 dots per inch.
+inline constexpr int32_t kScreenWidth = 1920;
+inline constexpr int32_t kScreenHeight = 1080;
+inline constexpr int32_t kScreenDpi = 96;
+
+// Vertical logical pixels per inch of a window's display context (LOGPIXELSY).
+int32_t LogPixelsY(void* window);
+
+struct FontSpec {
+  int32_t Height = 0;
+  int32_t Width = 0;
+  int32_t Escapement = 0;
+  int32_t Orientation = 0;
+  int32_t Weight = 400;
+  uint8_t Italic = 0;
+  uint8_t Underline = 0;
+  uint8_t StrikeOut = 0;
+  uint8_t CharSet = 0;
+  uint8_t OutPrecision = 0;
+  uint8_t ClipPrecision = 0;
+  uint8_t Quality = 0;
+  uint8_t PitchAndFamily = 0;
+  char FaceName[64] = {};
+};
+
+struct Font;
+using FontHandle = Font*;
+
+FontHandle CreateFont(const FontSpec& spec);
+void DeleteFont(FontHandle font);
+// The font's description; false for a null or deleted handle.
+bool DescribeFont(FontHandle font, FontSpec& out);
+
+}  // namespace sx::plat
