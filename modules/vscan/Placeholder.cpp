@@ -1,0 +1,2 @@
+// Replaced by the virtual scanner sources.
+namespace {}
