@@ -1,0 +1,129 @@
+// SxLoad and SxFree: opening the stored data source, and releasing
+// everything the library made since attach.
+#include <cstring>
+
+#include "driver/DriverTable.h"
+#include "frame/LibraryState.h"
+#include "frame/Trace.h"
+#include "imaging/ColorMatch.h"
+#include "platform/Memory.h"
+#include "settings/ScanSettings.h"
+#include "sources/DataSourceList.h"
+#include "sources/Discovery.h"
+#include "sources/SourceBinding.h"
+#include "sxscan.h"
+
+namespace sx {
+
+namespace {
+
+constexpr char kLoadLabel[] = "SxLoad";
+constexpr char kFreeLabel[] = "SxFree";
+constexpr char kSourceNameValue[] = "SOURCENAME";
+
+// The stored name selects the first entry whose DisplayName it begins with,
+// in any letter case; the built-in source matches whatever is stored.
+bool MatchesStoredName(const DataSourceEntry& entry, const char* stored) {
+  const char* name = entry.Host.DisplayName;
+  return EqualNoCase(stored, name, strnlen(name, kDisplayNameField)) ||
+         std::strncmp(name, kSampleDisplayName, kDisplayNameField) == 0;
+}
+
+DataSourceEntry* SelectStoredSource() {
+  char stored[kPathBufferSize + 1] = {};
+  ReadRegValue(kKeyOptions, kSourceNameValue, stored, kKindText, kPathBufferSize);
+  for (gSourceCursor = gSourceHead; gSourceCursor; gSourceCursor = gSourceCursor->Next) {
+    if (MatchesStoredName(*gSourceCursor, stored)) break;
+  }
+  return gSourceCursor;
+}
+
+int32_t Load(void* window) {
+  TraceIn(kLoadLabel);
+  int32_t result = SX_ERR_DRIVER;
+  gLib.HostWindow = window;
+  // Already open (or enumerated): nothing to do until SxFree.
+  if (gDriver.Module || gSourceHead || gSettings.ToneTables[0]) return SX_OK;
+  if (!gLib.DialogFont) CreateDialogFont();
+
+  SxDataSource scratch;
+  const int32_t listed = SxGetDS(SX_DS_FIRST, &scratch);
+  if (listed != SX_OK) return listed;
+
+  if (const DataSourceEntry* entry = SelectStoredSource()) {
+    result = OpenDataSource(*entry, Binding::Load, SX_ERR_DRIVER);
+  } else {
+    result = SX_ERR_NO_SOURCE;
+  }
+  TraceOut(kLoadLabel, 1, result);
+  return result;
+}
+
+// The scanner keeps the power-save time the host chose, then the driver is
+// terminated and its module unloaded.
+void ReleaseBoundDriver() {
+  if (!gDriver.Module) return;
+  NvRam record{};
+  driver::ReadNVMData(&record);
+  record.PowerSaveTime = gSettings.EnergySaving;
+  driver::WriteNVMData(&record);
+  driver::SetPowerSaveTime(gSettings.EnergySaving);
+  ReleaseDriver();
+}
+
+void DropEvent(plat::EventHandle& event) {
+  if (!event) return;
+  plat::CloseEvent(event);
+  event = nullptr;
+}
+
+// Design note: the workers are stopped by the platform's terminate, which
+// releases a parked worker and joins it; they are parked between
+// acquisitions, so this never waits on a running job.
+void StopWorker(plat::ThreadHandle& thread) {
+  if (!thread) return;
+  plat::TerminateThread(thread, 0);
+  thread = nullptr;
+}
+
+void Free() {
+  TraceIn(kFreeLabel);
+  FreeToneTables();
+  CloseCMatch();
+  ReleaseBoundDriver();
+  FreeDataSourceList();
+  if (gRing) ReleaseBufferRing();
+  if (gLib.DialogFont) {
+    plat::DeleteFont(gLib.DialogFont);
+    gLib.DialogFont = nullptr;
+  }
+  DropEvent(gLib.ProcessedEvent);
+  DropEvent(gLib.PageEvent);
+  DropEvent(gLib.BlockFreeEvent);
+  DropEvent(gLib.RawReadyEvent);
+  StopWorker(gLib.ReadThread);
+  StopWorker(gLib.IPThread);
+  TraceOut(kFreeLabel, 1);
+}
+
+}  // namespace
+
+}  // namespace sx
+
+// Design note: nothing may escape to the host. A load that throws reports a
+// failed driver (-4); SxFree always answers 0.
+SX_EXPORT int32_t SX_API SxLoad(void* window) {
+  try {
+    return sx::Load(window);
+  } catch (...) {
+    return SX_ERR_DRIVER;
+  }
+}
+
+SX_EXPORT int32_t SX_API SxFree(void) {
+  try {
+    sx::Free();
+  } catch (...) {
+  }
+  return SX_OK;
+}

@@ -1,0 +1,41 @@
+// Version records: ELF section extraction, the version block built from its
+// text, and queries of the block never read outside what they were given.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "platform/Module.h"
+
+using namespace sx::plat;
+
+namespace {
+
+void QueryAll(const std::string& block) {
+  if (block.empty()) return;
+  static const char* const kQueries[] = {
+      "\\VarFileInfo\\Translation", "\\StringFileInfo\\040904B0\\CompanyName",
+      "\\StringFileInfo\\040904B0\\ProductName", "\\StringFileInfo\\040904B0\\FileVersion", "x",
+  };
+  for (const char* q : kQueries) {
+    const void* value = nullptr;
+    uint32_t length = 0;
+    if (!VersionQueryValue(block.data(), q, &value, &length)) continue;
+    const char* p = static_cast<const char*>(value);
+    if (p < block.data() || p + length > block.data() + block.size()) __builtin_trap();
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  // Copied so that any read past the end is caught, even of a short input.
+  std::string image(reinterpret_cast<const char*>(data), size);
+  std::string section;
+  if (ExtractVersionSection(image.data(), image.size(), section)) {
+    if (section.size() > size) __builtin_trap();
+    QueryAll(BuildVersionBlock(section.data(), section.size()));
+  }
+  QueryAll(BuildVersionBlock(image.data(), image.size()));
+  return 0;
+}

@@ -1,0 +1,77 @@
+// The capabilities a host can name, with the value types the program uses to
+// read, set and list each one, and the text forms of values and lists.
+// Pure functions: nothing here calls the library.
+#pragma once
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace sx::host {
+
+// The shape of what SxQueryData answers for a capability. The count alone
+// does not tell a range, a default and an empty list apart, so each
+// capability's form is fixed here.
+enum class ListForm : uint8_t { Enumeration, Range, Default, Any, Empty };
+
+enum CapabilityFlag : uint8_t {
+  kCapNone = 0,
+  // Reading it hands the scanner's background raster to the value address
+  // instead of a value; never read as a setting.
+  kCapGetFetchesRaster = 1,
+  // Listing it acts on the scanner (sets the power-save time to 0). Design
+  // note: the overview leaves it out; the list is empty anyway.
+  kCapQueryActs = 2,
+  // Set in the unit CAP_UNITS names, read back in 1/300 inch.
+  kCapReadIn300ths = 8,
+};
+
+struct CapabilityInfo {
+  const char* name;   // "CAP_XRESOLUTION"
+  uint16_t code;
+  uint16_t getType;   // value type asked from SxGetValue; 0: cannot be read
+  uint16_t setType;   // value type passed to SxSetValue; 0: cannot be set
+  uint16_t itemType;  // value type of the SxQueryData items
+  ListForm form;
+  uint8_t flags;
+};
+
+std::span<const CapabilityInfo> AllCapabilities();
+// "CAP_XRESOLUTION", "xresolution" (any letter case) or the code "0x9200".
+const CapabilityInfo* FindCapability(std::string_view name);
+
+// Bytes one value (or list item) of the type occupies; 2 for unknown codes.
+size_t ValueTypeBytes(uint16_t type);
+bool IsTextType(uint16_t type);
+const char* ValueTypeName(uint16_t type);
+
+// A value in one of the value types; big enough for the longest text.
+struct Value {
+  uint16_t type = 0;
+  std::array<uint8_t, 256> bytes{};
+};
+
+// The text typed by the user as a value of the type: integers within the
+// type's range, finite reals, texts that fit with their terminating zero.
+bool ParseValue(uint16_t type, std::string_view text, Value* out, std::string* error);
+Value IntegerValue(uint16_t type, int64_t v);
+Value RealValue(float v);
+// `bytes` holds at least ValueTypeBytes(type) bytes; texts stop at the first
+// zero or at the end of their field.
+std::string FormatValue(uint16_t type, const uint8_t* bytes);
+
+// The admissible values in words: "one of 0, 1, 2", "50 to 600 step 1",
+// "default 1048576", "any value", "none". `itemBytes` is how many bytes of
+// items can be read; items beyond it are never touched.
+std::string DescribeList(const CapabilityInfo& cap, int32_t count, const uint8_t* items,
+                         size_t itemBytes);
+
+// A zero-terminated text in a fixed field that may lack the terminator.
+std::string FieldText(const char* field, size_t width);
+
+// What a library result code means, for messages.
+std::string ResultText(int32_t result);
+
+}  // namespace sx::host

@@ -1,0 +1,372 @@
+#include "CommandLine.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+
+namespace sx::host {
+namespace {
+
+struct CommandName {
+  const char* name;
+  CommandKind kind;
+  int minOperands;
+  int maxOperands;  // -1: any number
+};
+
+constexpr CommandName kCommands[] = {
+    {"help", CommandKind::Help, 0, 0},       {"version", CommandKind::Version, 0, 0},
+    {"sources", CommandKind::Sources, 0, 0}, {"select", CommandKind::Select, 1, 1},
+    {"info", CommandKind::Info, 0, 0},       {"caps", CommandKind::Caps, 0, 0},
+    {"get", CommandKind::Get, 1, -1},        {"set", CommandKind::Set, 2, -1},
+    {"scan", CommandKind::Scan, 0, 0},
+};
+
+std::string Lower(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return out;
+}
+
+// Lower case, blanks trimmed and runs of blanks made one: display names pad
+// the model name with blanks, which nobody types.
+std::string Loose(std::string_view text) {
+  std::string out;
+  for (char c : text) {
+    if (c == ' ' || c == '\t') {
+      if (!out.empty() && out.back() != ' ') out += ' ';
+    } else {
+      out += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+  }
+  while (!out.empty() && out.back() == ' ') out.pop_back();
+  return out;
+}
+
+bool SplitList(std::string_view text, std::vector<std::string_view>* parts) {
+  parts->clear();
+  size_t start = 0;
+  while (true) {
+    size_t comma = text.find(',', start);
+    parts->push_back(text.substr(start, comma == std::string_view::npos ? comma : comma - start));
+    if (comma == std::string_view::npos) return true;
+    start = comma + 1;
+  }
+}
+
+bool ParseArea(std::string_view text, ScanArea* area, std::string* error) {
+  std::vector<std::string_view> parts;
+  SplitList(text, &parts);
+  float v[4];
+  bool ok = parts.size() == 4;
+  for (size_t i = 0; ok && i < 4; ++i) ok = ParseReal(parts[i], &v[i]);
+  if (!ok || v[0] < 0 || v[1] < 0 || v[2] <= 0 || v[3] <= 0) {
+    *error = "--area wants X,Y,W,H: four numbers, X and Y not negative, W and H positive";
+    return false;
+  }
+  *area = {v[0], v[1], v[2], v[3]};
+  return true;
+}
+
+template <typename Enum>
+struct Keyword {
+  const char* word;
+  Enum value;
+};
+
+template <typename Enum, size_t N>
+bool ParseKeyword(const Keyword<Enum> (&table)[N], std::string_view text, Enum* out) {
+  for (const auto& k : table) {
+    if (Lower(text) == k.word) {
+      *out = k.value;
+      return true;
+    }
+  }
+  return false;
+}
+
+constexpr Keyword<ColorMode> kModes[] = {
+    {"color", ColorMode::Color}, {"colour", ColorMode::Color}, {"gray", ColorMode::Gray},
+    {"grey", ColorMode::Gray},   {"lineart", ColorMode::Lineart}};
+constexpr Keyword<ScanSource> kSources[] = {
+    {"flatbed", ScanSource::Flatbed}, {"feeder", ScanSource::Feeder}, {"auto", ScanSource::Auto}};
+constexpr Keyword<AreaUnits> kUnits[] = {{"inches", AreaUnits::Inches},
+                                         {"in", AreaUnits::Inches},
+                                         {"cm", AreaUnits::Centimetres},
+                                         {"centimetres", AreaUnits::Centimetres},
+                                         {"pixels", AreaUnits::Pixels},
+                                         {"px", AreaUnits::Pixels}};
+
+bool HasImageExtension(const std::string& path) {
+  std::string lower = Lower(path);
+  for (const char* ext : {".png", ".tif", ".tiff"}) {
+    std::string_view e(ext);
+    if (lower.size() > e.size() && lower.compare(lower.size() - e.size(), e.size(), e) == 0)
+      return true;
+  }
+  return false;
+}
+
+// One scan option with its value; false with a message when it is not valid.
+bool ApplyValueOption(std::string_view name, std::string_view value, ScanOptions* scan,
+                      std::string* error) {
+  int64_t n = 0;
+  if (name == "--resolution") {
+    if (!ParseInteger(value, 1, 65535, &n)) {
+      *error = "--resolution wants dots per inch, 1 to 65535";
+      return false;
+    }
+    scan->resolution = static_cast<int32_t>(n);
+  } else if (name == "--mode") {
+    if (!ParseKeyword(kModes, value, &scan->mode)) {
+      *error = "--mode wants color, gray or lineart";
+      return false;
+    }
+  } else if (name == "--area") {
+    if (!ParseArea(value, &scan->area, error)) return false;
+    scan->hasArea = true;
+  } else if (name == "--units") {
+    if (!ParseKeyword(kUnits, value, &scan->units)) {
+      *error = "--units wants inches, cm or pixels";
+      return false;
+    }
+    scan->hasUnits = true;
+  } else if (name == "--source") {
+    if (!ParseKeyword(kSources, value, &scan->source)) {
+      *error = "--source wants flatbed, feeder or auto";
+      return false;
+    }
+  } else if (name == "--pages") {
+    if (Lower(value) == "all") {
+      scan->pages = kAllPages;
+    } else if (ParseInteger(value, 1, INT32_MAX, &n)) {
+      scan->pages = static_cast<int32_t>(n);
+    } else {
+      *error = "--pages wants a count of at least 1, or all";
+      return false;
+    }
+  } else if (name == "--output") {
+    if (!HasImageExtension(std::string(value))) {
+      *error = "--output wants a file name ending in .png, .tif or .tiff";
+      return false;
+    }
+    scan->output = std::string(value);
+  } else if (name == "--buffer") {
+    if (!ParseInteger(value, 1, INT32_MAX, &n)) {
+      *error = "--buffer wants a size in bytes";
+      return false;
+    }
+    scan->transferBytes = static_cast<uint32_t>(n);
+  } else if (name == "--set") {
+    size_t eq = value.find('=');
+    if (eq == std::string_view::npos || eq == 0) {
+      *error = "--set wants NAME=VALUE";
+      return false;
+    }
+    scan->settings.emplace_back(std::string(value.substr(0, eq)), std::string(value.substr(eq + 1)));
+  } else {
+    *error = "unknown option " + std::string(name);
+    return false;
+  }
+  return true;
+}
+
+constexpr const char* kValueOptions[] = {"--resolution", "--mode",   "--area",   "--units", "--source",
+                                         "--pages",      "--output", "--buffer", "--set"};
+
+bool TakesValue(std::string_view name) {
+  for (const char* o : kValueOptions)
+    if (name == o) return true;
+  return false;
+}
+
+// Scan options, as "--name value" or "--name=value".
+bool ParseOption(const std::vector<std::string>& args, size_t* i, CommandLine* line,
+                 std::string* error) {
+  std::string_view arg = args[*i];
+  if (arg == "--buffered") {
+    line->scan.buffered = true;
+    return true;
+  }
+  if (arg == "--progress") {
+    line->scan.progress = true;
+    return true;
+  }
+  std::string_view name = arg;
+  std::string_view value;
+  size_t eq = arg.find('=');
+  if (eq != std::string_view::npos) {
+    name = arg.substr(0, eq);
+    value = arg.substr(eq + 1);
+  } else if (TakesValue(name)) {
+    if (*i + 1 >= args.size()) {
+      *error = std::string(name) + " needs a value";
+      return false;
+    }
+    value = args[++*i];
+  }
+  return ApplyValueOption(name, value, &line->scan, error);
+}
+
+bool CheckScanOptions(const CommandLine& line, bool sawScanOption, std::string* error) {
+  if (line.kind != CommandKind::Scan) {
+    if (sawScanOption) {
+      *error = "scan options belong to the scan command";
+      return false;
+    }
+    return true;
+  }
+  if (line.scan.hasUnits && !line.scan.hasArea) {
+    *error = "--units states the unit of --area; give --area as well";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool ParseInteger(std::string_view text, int64_t min, int64_t max, int64_t* out) {
+  std::string s(text);
+  if (s.empty() || std::isspace(static_cast<unsigned char>(s[0]))) return false;
+  errno = 0;
+  char* end = nullptr;
+  long long v = std::strtoll(s.c_str(), &end, 0);
+  // Base 0 would read a leading zero as octal; values here are decimal.
+  size_t digits = (s[0] == '-' || s[0] == '+') ? 1 : 0;
+  bool octal = s.size() > digits + 1 && s[digits] == '0' &&
+               std::isdigit(static_cast<unsigned char>(s[digits + 1]));
+  if (octal || errno != 0 || end != s.c_str() + s.size() || v < min || v > max) return false;
+  *out = v;
+  return true;
+}
+
+bool ParseReal(std::string_view text, float* out) {
+  std::string s(text);
+  if (s.empty() || std::isspace(static_cast<unsigned char>(s[0]))) return false;
+  errno = 0;
+  char* end = nullptr;
+  float v = std::strtof(s.c_str(), &end);
+  if (errno != 0 || end != s.c_str() + s.size() || !std::isfinite(v)) return false;
+  *out = v;
+  return true;
+}
+
+ParseOutcome ParseCommandLine(const std::vector<std::string>& args) {
+  ParseOutcome result;
+  CommandLine& line = result.line;
+  bool sawCommand = false;
+  bool sawScanOption = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    // Help and version win wherever they stand.
+    if (arg == "-h" || arg == "--help" || arg == "--version") {
+      line.kind = arg == "--version" ? CommandKind::Version : CommandKind::Help;
+      result.ok = true;
+      return result;
+    }
+    if (arg.size() > 1 && arg[0] == '-' && !(sawCommand && line.kind == CommandKind::Set)) {
+      if (!ParseOption(args, &i, &line, &result.error)) return result;
+      sawScanOption = true;
+      continue;
+    }
+    if (!sawCommand) {
+      bool known = false;
+      for (const auto& c : kCommands) {
+        if (arg == c.name) {
+          line.kind = c.kind;
+          known = true;
+        }
+      }
+      if (!known) {
+        result.error = "unknown command '" + arg + "'";
+        return result;
+      }
+      sawCommand = true;
+      continue;
+    }
+    line.operands.push_back(arg);
+  }
+  if (args.empty()) {
+    line.kind = CommandKind::Help;
+    result.ok = true;
+    return result;
+  }
+  if (!sawCommand) {
+    result.error = "no command given";
+    return result;
+  }
+  for (const auto& c : kCommands) {
+    if (c.kind != line.kind) continue;
+    int n = static_cast<int>(line.operands.size());
+    if (n < c.minOperands || (c.maxOperands >= 0 && n > c.maxOperands)) {
+      result.error = std::string("wrong number of operands for ") + c.name;
+      return result;
+    }
+  }
+  if (line.kind == CommandKind::Set && line.operands.size() % 2 != 0) {
+    result.error = "set wants NAME VALUE pairs";
+    return result;
+  }
+  if (!CheckScanOptions(line, sawScanOption, &result.error)) return result;
+  result.ok = true;
+  return result;
+}
+
+int FindSourceByName(const std::vector<std::string>& names, std::string_view query,
+                     std::string* error) {
+  for (size_t i = 0; i < names.size(); ++i)
+    if (names[i] == query) return static_cast<int>(i);
+  std::string want = Loose(query);
+  int found = -1;
+  int count = 0;
+  if (!want.empty()) {
+    for (size_t i = 0; i < names.size(); ++i) {
+      if (Loose(names[i]).find(want) != std::string::npos) {
+        if (found < 0) found = static_cast<int>(i);
+        ++count;
+      }
+    }
+  }
+  if (count == 1) return found;
+  if (count == 0) {
+    *error = "no data source matches '" + std::string(query) + "'";
+  } else {
+    *error = "'" + std::string(query) + "' matches " + std::to_string(count) +
+             " data sources; give more of the name";
+  }
+  return -1;
+}
+
+std::string UsageText() {
+  return "usage: sxscan COMMAND [OPERANDS] [OPTIONS]\n"
+         "\n"
+         "commands:\n"
+         "  sources              list the data sources (display name, vendor, port, file, version)\n"
+         "  select NAME          choose a data source by display name (or a unique part of it)\n"
+         "  info                 open the chosen source; show model, firmware and serial number\n"
+         "  caps                 every capability: current value and admissible values\n"
+         "  get NAME...          current value of capabilities (CAP_XRESOLUTION or xresolution)\n"
+         "  set NAME VALUE...    set capabilities and show what the library kept; settings last\n"
+         "                       while the program runs, so pass them to scan with --set\n"
+         "  scan [OPTIONS]       scan to a file\n"
+         "  help, version\n"
+         "\n"
+         "scan options:\n"
+         "  --resolution N              dots per inch (both directions)\n"
+         "  --mode color|gray|lineart   pixel type\n"
+         "  --area X,Y,W,H              scan area, in inches unless --units says otherwise\n"
+         "  --units inches|cm|pixels    unit of --area (pixels are 1/300 inch)\n"
+         "  --source flatbed|feeder|auto\n"
+         "  --pages N|all               number of pages to transfer from the feeder\n"
+         "  --output FILE               .png for one page; several pages become a multi-page\n"
+         "                              .tif (a .png name then changes to .tif); default scan.png\n"
+         "  --buffered                  read and process on the library's worker threads\n"
+         "  --buffer BYTES              transfer buffer size (default 1048576)\n"
+         "  --set NAME=VALUE            any other capability, applied last\n"
+         "  --progress                  draw the progress bar even when stderr is no terminal\n"
+         "\n"
+         "The library finds its system tree through SX_ROOT. Ctrl-C stops a scan cleanly.\n";
+}
+
+}  // namespace sx::host

@@ -1,0 +1,74 @@
+// The command line of the sxscan program: commands, scan options and the
+// operands' text forms. Pure functions, no library calls.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace sx::host {
+
+enum class CommandKind { Help, Version, Sources, Select, Info, Caps, Get, Set, Scan };
+
+// Values are those of CAP_SCANTYPE.
+enum class ScanSource : int { Keep = -1, Auto = 0, Feeder = 1, Flatbed = 2 };
+// Values are those of CAP_PIXELTYPE.
+enum class ColorMode : int { Keep = -1, Lineart = 0, Gray = 1, Color = 2 };
+// Values are those of CAP_UNITS.
+enum class AreaUnits : int { Inches = 0, Centimetres = 1, Pixels = 2 };
+
+constexpr uint32_t kDefaultTransferBytes = 1u << 20;
+// A buffered transfer hands over blocks of up to one mebibyte, so the buffer
+// may not be smaller there.
+constexpr uint32_t kBufferedTransferBytes = 1u << 20;
+constexpr int32_t kAllPages = -1;
+
+struct ScanArea {
+  float x = 0, y = 0, width = 0, length = 0;
+};
+
+struct ScanOptions {
+  int32_t resolution = 0;  // 0: keep the current setting
+  ColorMode mode = ColorMode::Keep;
+  bool hasArea = false;
+  ScanArea area;
+  bool hasUnits = false;
+  AreaUnits units = AreaUnits::Inches;
+  ScanSource source = ScanSource::Keep;
+  int32_t pages = 0;  // 0: keep the current setting; kAllPages: as many as come
+  std::string output = "scan.png";
+  bool buffered = false;
+  uint32_t transferBytes = kDefaultTransferBytes;
+  bool progress = false;  // draw the bar even when stderr is not a terminal
+  // --set NAME=VALUE, applied after the options above, in the order given.
+  std::vector<std::pair<std::string, std::string>> settings;
+};
+
+struct CommandLine {
+  CommandKind kind = CommandKind::Help;
+  std::vector<std::string> operands;
+  ScanOptions scan;
+};
+
+struct ParseOutcome {
+  bool ok = false;
+  std::string error;
+  CommandLine line;
+};
+
+// argv without the program name.
+ParseOutcome ParseCommandLine(const std::vector<std::string>& args);
+std::string UsageText();
+
+// Whole-text number parsing: decimal or 0x-hexadecimal integers, finite reals.
+bool ParseInteger(std::string_view text, int64_t min, int64_t max, int64_t* out);
+bool ParseReal(std::string_view text, float* out);
+
+// The source whose display name matches `query`: an exact match first, else
+// the one name that contains it ignoring letter case and runs of blanks.
+// Returns the index, or -1 with a message in *error.
+int FindSourceByName(const std::vector<std::string>& names, std::string_view query,
+                     std::string* error);
+
+}  // namespace sx::host

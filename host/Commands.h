@@ -1,0 +1,23 @@
+// The commands of the sxscan program. Each returns the process exit code.
+#pragma once
+#include <string>
+#include <vector>
+
+#include "CommandLine.h"
+
+namespace sx::host {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitCancelled = 130;  // as a shell reports an interrupt
+
+int RunSources();
+int RunSelect(const std::string& name);
+int RunInfo();
+int RunCaps();
+int RunGet(const std::vector<std::string>& names);
+int RunSet(const std::vector<std::string>& pairs);
+int RunScan(const ScanOptions& options);
+
+}  // namespace sx::host

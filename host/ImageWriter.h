@@ -1,0 +1,110 @@
+// Image files for scanned pages: PNG for one page, multi-page TIFF for a
+// stack of feeder pages, line art as 1 bit per pixel. Design note: pixel
+// bytes are written as the library delivers them, never reinterpreted; line
+// art included, whose 0 bits are black as in the grey scale (PNG's only
+// reading, and TIFF's min-is-black).
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sx::host {
+
+enum class PixelKind : uint8_t { Lineart, Gray, Rgb };
+
+struct PageFormat {
+  PixelKind kind = PixelKind::Gray;
+  uint32_t width = 0;         // pixels per line written to the file
+  uint32_t lines = 0;         // lines announced for the page
+  uint32_t bytesPerLine = 0;  // stride of the delivered raster
+  uint32_t xdpi = 0;          // 0: unknown
+  uint32_t ydpi = 0;
+};
+
+// Whether the file formats can hold a page of this format; the reason if not.
+bool CheckPageFormat(const PageFormat& format, std::string* error);
+
+struct PageImage {
+  PageFormat format;
+  std::vector<uint8_t> raster;  // delivered bytes; only whole lines are written
+  uint32_t Lines() const {
+    return format.bytesPerLine ? static_cast<uint32_t>(raster.size() / format.bytesPerLine) : 0;
+  }
+};
+
+bool WritePng(const std::string& path, const PageImage& page, std::string* error);
+
+// A TIFF file that takes one page after another; each page is complete in the
+// file once AppendPage returns.
+class TiffWriter {
+ public:
+  TiffWriter() = default;
+  ~TiffWriter();
+  TiffWriter(const TiffWriter&) = delete;
+  TiffWriter& operator=(const TiffWriter&) = delete;
+
+  bool Open(const std::string& path, std::string* error);
+  bool AppendPage(const PageImage& page, std::string* error);
+  bool Close(std::string* error);
+  bool IsOpen() const { return file_ != nullptr; }
+
+ private:
+  void* file_ = nullptr;  // TIFF*
+  uint16_t pages_ = 0;
+};
+
+// The output of one scan. A .tif/.tiff name gets every page as it completes.
+// Design note: a feeder may deliver any number of pages, known only as they
+// come, so a .png name gets its page when the scan ends with one page; when
+// a second page arrives, the document becomes a multi-page TIFF beside it
+// (the name with .tif), holding every page, and no PNG is written.
+class OutputDocument {
+ public:
+  explicit OutputDocument(std::string path);
+
+  // Pages larger than this are refused: a page is held in memory until it
+  // is complete.
+  static constexpr uint64_t kMaxPageBytes = 1ull << 30;
+
+  bool BeginPage(const PageFormat& format);
+  // Adds delivered bytes to the open page; bytes past the announced page are
+  // dropped. Returns the bytes kept.
+  size_t Append(const uint8_t* data, size_t bytes);
+  // The page is complete: written (TIFF) or kept until Finish (PNG).
+  bool EndPage();
+  // Forgets an unfinished page (the scan stopped inside it).
+  void DropPage();
+  // Writes what is still kept and closes the file. Idempotent.
+  bool Finish();
+
+  bool PageOpen() const { return open_; }
+  uint64_t PageBytes() const { return current_.raster.size(); }
+  uint64_t PageExpectedBytes() const {
+    return uint64_t{current_.format.lines} * current_.format.bytesPerLine;
+  }
+  int PagesDone() const { return pagesDone_; }
+  int PagesSkipped() const { return pagesSkipped_; }
+  // The file written (or to be written); empty before the first page is done.
+  std::string WrittenPath() const;
+  const std::string& Error() const { return error_; }
+
+ private:
+  bool WriteTiffPage(const PageImage& page);
+
+  std::string path_;
+  std::string tiffPath_;
+  bool tiffNamed_ = false;
+  TiffWriter tiff_;
+  std::optional<PageImage> kept_;
+  PageImage current_;
+  bool open_ = false;
+  bool finished_ = false;
+  int pagesDone_ = 0;
+  int pagesSkipped_ = 0;
+  std::string error_;
+};
+
+}  // namespace sx::host

@@ -1,0 +1,285 @@
+// The scan command: settings from the options, a transfer buffer from the
+// library's memory functions, one SxAcquire, and the pages written to a file
+// as the transfer callback receives them.
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <new>
+#include <system_error>
+
+#include "Commands.h"
+#include "Console.h"
+#include "ImageWriter.h"
+#include "Progress.h"
+#include "ScanPlan.h"
+#include "Session.h"
+#include "sxscan.h"
+#include "sxsys.h"
+
+namespace sx::host {
+namespace {
+
+// The callback's answer when the program itself must stop the transfer (a
+// page it cannot write); any nonzero answer stops it, and this one is not a
+// library code, so the reason is told from HostStop.
+constexpr int32_t kHostStop = -1;
+
+// Set by the SIGINT handler, read by the transfer callback. Thread contract:
+// written from a signal handler, so only a lock-free atomic will do.
+std::atomic<bool> g_interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+extern "C" void OnInterrupt(int) {
+  g_interrupted.store(true);
+  // A second Ctrl-C ends the program at once, should the library not call
+  // back again.
+  std::signal(SIGINT, SIG_DFL);
+}
+
+// Everything the transfer callback works on. Thread contract: the library
+// calls the callback on the host's thread inside SxAcquire in both transfer
+// modes, so this is touched by that thread only.
+struct Transfer {
+  OutputDocument* document = nullptr;
+  const uint8_t* buffer = nullptr;  // the address handed to SxAcquire
+  size_t bufferBytes = 0;
+  const void* lastData = nullptr;   // the current block address, if it moved
+  bool showProgress = false;
+  bool terminal = false;
+  ProgressState progress;
+  std::string lastDrawn;
+  int lastDecile = -1;
+  std::string stopReason;
+};
+Transfer* g_transfer = nullptr;
+
+void DrawProgress(Transfer& t) {
+  if (!t.showProgress) return;
+  t.progress.bytesDone = t.document->PageBytes();
+  if (t.terminal) {
+    std::string text = RenderProgress(t.progress, TerminalWidth() - 1);
+    if (text != t.lastDrawn) DrawProgressLine(text);
+    t.lastDrawn = text;
+    return;
+  }
+  // Not a terminal: one line per tenth of the page is enough for a log.
+  int decile = t.progress.bytesExpected
+                   ? static_cast<int>(t.progress.bytesDone * 10 / t.progress.bytesExpected)
+                   : 0;
+  if (decile != t.lastDecile) DrawProgressLine(RenderProgress(t.progress, 80));
+  t.lastDecile = decile;
+}
+
+int32_t HostStop(Transfer& t, const std::string& reason) {
+  t.stopReason = reason;
+  return kHostStop;
+}
+
+int32_t OnImageInfo(Transfer& t, const void* data, int64_t* byteCount) {
+  if (!data) return HostStop(t, "the library announced a page without its description");
+  SxImageInfo info;
+  std::memcpy(&info, data, sizeof info);
+  PageFormat format;
+  std::string error;
+  if (!PageFormatFromInfo(info, &format, &error)) return HostStop(t, error);
+  // A page that was never marked as ended is over once the next one begins.
+  if (t.document->PageOpen() && !t.document->EndPage()) return HostStop(t, t.document->Error());
+  if (!t.document->BeginPage(format)) return HostStop(t, t.document->Error());
+  ++t.progress.page;
+  t.progress.bytesExpected = t.document->PageExpectedBytes();
+  t.lastDecile = -1;
+  DrawProgress(t);
+  // Direct transfers size their blocks from this answer.
+  if (byteCount) *byteCount = static_cast<int64_t>(t.bufferBytes);
+  return SX_OK;
+}
+
+// The bytes that can be read at `data`: the library may have enlarged and
+// moved the buffer, so the block's own size counts, not the size asked for.
+// Design note: the count is trusted only up to that size, so a wrong count
+// cannot make the program read past the block.
+size_t ReadableBytes(const Transfer& t, const void* data) {
+  SxHandle handle = SxSysGlobalHandle(data);
+  if (handle) return SxSysGlobalSize(handle);
+  return data == t.buffer ? t.bufferBytes : 0;
+}
+
+int32_t OnImageData(Transfer& t, const void* data, const int64_t* byteCount, int32_t code) {
+  if (!t.document->PageOpen() || !data) return SX_OK;
+  t.lastData = data;
+  int64_t count = byteCount ? *byteCount : 0;
+  // Design note: no block reaches 4 GiB, so bits above 32 can only be the
+  // neighbour of a 32-bit count (a block status); they are ignored.
+  if (count > INT64_C(0xFFFFFFFF)) count &= INT64_C(0xFFFFFFFF);
+  size_t bytes = count > 0 ? static_cast<size_t>(std::min<uint64_t>(count, ReadableBytes(t, data))) : 0;
+  t.document->Append(static_cast<const uint8_t*>(data), bytes);
+  DrawProgress(t);
+  if (code == SX_XFER_PAGE_END || code == SX_XFER_SHORT_PAGE) {
+    if (!t.document->EndPage()) return HostStop(t, t.document->Error());
+  }
+  return SX_OK;
+}
+
+int32_t Dispatch(Transfer& t, void* data, int64_t* byteCount, int32_t code) {
+  switch (code) {
+    case SX_XFER_IMAGE_INFO:
+      return OnImageInfo(t, data, byteCount);
+    case SX_XFER_DATA:
+    case SX_XFER_PAGE_END:
+    case SX_XFER_SHORT_PAGE:
+      return OnImageData(t, data, byteCount, code);
+    default:
+      // Cancelled or failed blocks carry no data. Design note: a page that
+      // did not end is dropped when the transfer ends, never written half.
+      return SX_OK;
+  }
+}
+
+// Called by the library, so nothing may be thrown out of it.
+extern "C" int32_t SX_API OnTransfer(void* data, int64_t* byteCount, int32_t code) {
+  Transfer& t = *g_transfer;
+  if (g_interrupted.load()) return SX_ERR_CANCELLED;
+  try {
+    return Dispatch(t, data, byteCount, code);
+  } catch (const std::bad_alloc&) {
+    return HostStop(t, "out of memory for the page");
+  } catch (const std::exception& e) {
+    return HostStop(t, e.what());
+  }
+}
+
+bool ApplySettings(const std::vector<SettingChange>& changes) {
+  for (const auto& change : changes) {
+    int32_t result = WriteValue(*change.cap, change.value);
+    if (result != SX_OK) {
+      std::fprintf(stderr, "sxscan: cannot set %s: %s (%d)\n", change.cap->name, ResultText(result).c_str(),
+                   result);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool PrepareOutputFolder(const std::string& output) {
+  std::filesystem::path parent = std::filesystem::path(output).parent_path();
+  if (parent.empty()) return true;
+  std::error_code ec;
+  std::filesystem::create_directories(parent, ec);
+  if (ec) {
+    std::fprintf(stderr, "sxscan: cannot create %s: %s\n", parent.c_str(), ec.message().c_str());
+    return false;
+  }
+  return true;
+}
+
+// The transfer buffer: a movable global block, locked while the scan runs.
+struct TransferBuffer {
+  SxHandle handle = nullptr;
+  uint8_t* address = nullptr;
+  size_t bytes = 0;
+
+  bool Allocate(size_t n) {
+    handle = SxSysGlobalAlloc(SX_GHND, n);
+    address = handle ? static_cast<uint8_t*>(SxSysGlobalLock(handle)) : nullptr;
+    bytes = n;
+    return address != nullptr;
+  }
+  // `current` is the last address the library handed back (it may have moved
+  // the block); the block is freed through whichever handle still names it.
+  void Release(const void* current) {
+    if (current && current != address && SxSysGlobalHandle(current)) {
+      ReleaseLockedBlock(const_cast<void*>(current));
+      return;
+    }
+    if (address) {
+      ReleaseLockedBlock(address);
+    } else if (handle) {
+      SxSysGlobalFree(handle);
+    }
+  }
+};
+
+int Report(int32_t result, const Transfer& transfer, const OutputDocument& document, bool finished) {
+  EndProgressLine();
+  std::string written = document.WrittenPath();
+  if (document.PagesDone() > 0 && finished)
+    std::printf("wrote %d page%s to %s\n", document.PagesDone(), document.PagesDone() == 1 ? "" : "s",
+                written.c_str());
+  if (document.PagesSkipped() > 0)
+    std::fprintf(stderr, "sxscan: %d page(s) without image lines were left out\n", document.PagesSkipped());
+  if (!finished) {
+    std::fprintf(stderr, "sxscan: %s\n", document.Error().c_str());
+    return kExitFailed;
+  }
+  if (g_interrupted.load() || result == SX_ERR_CANCELLED) {
+    std::fprintf(stderr, "sxscan: scan cancelled\n");
+    return kExitCancelled;
+  }
+  if (result != SX_OK) {
+    if (result == kHostStop && !transfer.stopReason.empty())
+      std::fprintf(stderr, "sxscan: scan stopped: %s\n", transfer.stopReason.c_str());
+    else
+      std::fprintf(stderr, "sxscan: scan failed: %s (%d)\n", ResultText(result).c_str(), result);
+    return kExitFailed;
+  }
+  if (document.PagesDone() == 0) {
+    std::fprintf(stderr, "sxscan: the scanner delivered no page\n");
+    return kExitFailed;
+  }
+  return kExitOk;
+}
+
+}  // namespace
+
+int RunScan(const ScanOptions& options) {
+  std::vector<SettingChange> changes;
+  std::string error;
+  if (!BuildScanSettings(options, &changes, &error)) {
+    std::fprintf(stderr, "sxscan: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  if (!PrepareOutputFolder(options.output)) return kExitFailed;
+  if (!OpenStoredSource()) {
+    SxFree();
+    return kExitFailed;
+  }
+  size_t bufferBytes = options.buffered ? std::max(options.transferBytes, kBufferedTransferBytes)
+                                        : options.transferBytes;
+  TransferBuffer buffer;
+  if (!ApplySettings(changes) || !buffer.Allocate(bufferBytes)) {
+    if (!buffer.address && buffer.bytes) std::fprintf(stderr, "sxscan: no memory for the transfer buffer\n");
+    buffer.Release(nullptr);
+    SxFree();
+    return kExitFailed;
+  }
+
+  OutputDocument document(options.output);
+  Transfer transfer;
+  transfer.document = &document;
+  transfer.buffer = buffer.address;
+  transfer.bufferBytes = buffer.bytes;
+  transfer.terminal = StderrIsTerminal();
+  transfer.showProgress = options.progress || transfer.terminal;
+  // Only a feeder scan delivers the pages asked for; a flatbed gives one.
+  transfer.progress.pagesExpected =
+      options.source == ScanSource::Feeder && options.pages > 0 ? options.pages : 0;
+  g_transfer = &transfer;
+  g_interrupted.store(false);
+  auto previous = std::signal(SIGINT, OnInterrupt);
+
+  int32_t result = SxAcquire(OnTransfer, buffer.address);
+
+  std::signal(SIGINT, previous == SIG_ERR ? SIG_DFL : previous);
+  g_transfer = nullptr;
+  bool finished = document.Finish();
+  buffer.Release(transfer.lastData);
+  SxFree();
+  return Report(result, transfer, document, finished);
+}
+
+}  // namespace sx::host

@@ -1,2 +1,0 @@
-// Replaced by the virtual scanner sources.
-namespace {}

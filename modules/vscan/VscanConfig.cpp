@@ -1,0 +1,321 @@
+#include "modules/vscan/VscanConfig.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+namespace sx::vscan {
+
+namespace {
+
+constexpr const char* kEntryNames[kEntryCount] = {
+    "TerminateDriver", "InitializeDriver", "InitializeScanner", "GetScannerStatusEx",
+    "GetScannerStatus", "GetScannerAbilityEx", "GetScannerAbility", "InitialButton",
+    "ResetPushButton", "ReadPushButton", "SetGammaTable", "StartScan", "ReadScan", "ReadScanEx",
+    "StopScan", "SetScanParameter", "CheckPushButton", "SetPowerSaveTime", "LampOff",
+    "GetADFStatus", "ReadNVMData", "GetLightStatus", "ChooseSCSIScannerByID", "TuneScanLength",
+    "GetBackgroundRaster", "DoCancel", "WriteNVMData",
+};
+
+// The defaults are kept as ini text, so they are read by the same rules as a
+// user's file and cannot drift from vscan.ini.example.
+constexpr char kDefaultIni[] = R"([Scanner]
+Vendor=CORVANE
+Model=QM7110V
+Firmware=1.00
+Port=USB
+DeviceId=0
+Extended=1
+DefaultAreaWidth=2550
+DefaultAreaLength=3508
+FeatureFlags=0x00000011
+AbilityFlags=0
+FlatbedMaxWidth=2550
+FlatbedMaxLength=3508
+AdfMaxWidth=2550
+AdfMaxLength=4200
+MaxResolution=600
+ResolutionLimitA=600
+ResolutionLimitB=600
+ResolutionLimitC=1200
+ResolutionLimitD=1200
+PixelTypeFlags=0xA0
+SourceFlags=0xE4
+ModeFlags=0xC0
+OptionFlags=0xD2
+HalftonePatternCount=4
+DiffusionPatternCount=2
+HalftonePatternMap=1,2,3,4,5,6,7,8
+LineartAlignment=32
+GrayAlignment=8
+ColorAlignment=8
+HalftoneAlignment=32
+DiffusionAlignment=32
+Gray4Alignment=32
+ExtraFlags=0x180
+AltAreaWidth=0
+AltAreaLength=0
+Buttons=2
+PressedButton=0
+[NVRAM]
+SerialNumber=VS0001234
+PadCount=12
+ADFSingleCount=345
+ADFDuplexCount=6
+PowerSaveTime=15
+)";
+
+// A numeric field of a binary record, set from the key of the same meaning.
+struct FieldSpec {
+  const char* Key;
+  size_t Offset;
+  size_t Width;  // 1, 2 or 4 bytes
+};
+
+struct TextSpec {
+  const char* Key;
+  size_t Offset;
+  size_t Size;
+};
+
+#define SX_ABILITY(key, field) {key, offsetof(ScannerAbility, field), sizeof(ScannerAbility::field)}
+constexpr FieldSpec kAbilityFields[] = {
+    SX_ABILITY("FeatureFlags", FeatureFlags),
+    SX_ABILITY("FeatureFlags2", FeatureFlags2),
+    SX_ABILITY("AbilityFlags", AbilityFlags),
+    SX_ABILITY("FlatbedMaxWidth", FlatbedMaxWidth),
+    SX_ABILITY("FlatbedMaxLength", FlatbedMaxLength),
+    SX_ABILITY("AdfMaxWidth", AdfMaxWidth),
+    SX_ABILITY("AdfMaxLength", AdfMaxLength),
+    SX_ABILITY("MaxResolution", MaxResolution),
+    SX_ABILITY("ResolutionLimitA", ResolutionLimitA),
+    SX_ABILITY("ResolutionLimitB", ResolutionLimitB),
+    SX_ABILITY("ResolutionLimitC", ResolutionLimitC),
+    SX_ABILITY("ResolutionLimitD", ResolutionLimitD),
+    SX_ABILITY("PixelTypeFlags", PixelTypeFlags),
+    SX_ABILITY("SourceFlags", SourceFlags),
+    SX_ABILITY("ModeFlags", ModeFlags),
+    SX_ABILITY("OptionFlags", OptionFlags),
+    SX_ABILITY("HalftonePatternCount", HalftonePatternCount),
+    SX_ABILITY("DiffusionPatternCount", DiffusionPatternCount),
+    SX_ABILITY("LineartAlignment", LineartAlignment),
+    SX_ABILITY("GrayAlignment", GrayAlignment),
+    SX_ABILITY("ColorAlignment", ColorAlignment),
+    SX_ABILITY("HalftoneAlignment", HalftoneAlignment),
+    SX_ABILITY("DiffusionAlignment", DiffusionAlignment),
+    SX_ABILITY("Gray4Alignment", Gray4Alignment),
+    SX_ABILITY("ExtraFlags", ExtraFlags),
+    SX_ABILITY("AltAreaWidth", AltAreaWidth),
+    SX_ABILITY("AltAreaLength", AltAreaLength),
+};
+#undef SX_ABILITY
+
+constexpr TextSpec kAbilityTexts[] = {
+    {"Vendor", offsetof(ScannerAbility, Vendor), sizeof(ScannerAbility::Vendor)},
+    {"Model", offsetof(ScannerAbility, ModelName), sizeof(ScannerAbility::ModelName)},
+    {"Firmware", offsetof(ScannerAbility, FirmwareVersion), sizeof(ScannerAbility::FirmwareVersion)},
+    {"Port", offsetof(ScannerAbility, PortName), sizeof(ScannerAbility::PortName)},
+    {"DeviceId", offsetof(ScannerAbility, DeviceId), sizeof(ScannerAbility::DeviceId)},
+};
+
+#define SX_NVRAM(field) {#field, offsetof(NvRam, field), sizeof(NvRam::field)}
+constexpr FieldSpec kNvramFields[] = {
+    SX_NVRAM(PadCount),       SX_NVRAM(ADFSingleCount),      SX_NVRAM(ADFDuplexCount),
+    SX_NVRAM(PadFBCountCount), SX_NVRAM(FBLeadingEdge),      SX_NVRAM(FBSideEdge),
+    SX_NVRAM(ADFFrontLeadingEdge), SX_NVRAM(ADFFrontSideEdge), SX_NVRAM(ADFRearLeadingEdge),
+    SX_NVRAM(ADFRearSideEdge), SX_NVRAM(BornMonth),          SX_NVRAM(BornDay),
+    SX_NVRAM(BornYear),       SX_NVRAM(FirstScanMonth),      SX_NVRAM(FirstScanDay),
+    SX_NVRAM(FirstScanYear),  SX_NVRAM(VMag),                SX_NVRAM(HMag),
+    SX_NVRAM(CCDType),        SX_NVRAM(ScanSpeed),           SX_NVRAM(PowerSaveTime),
+};
+#undef SX_NVRAM
+
+// One ini file: sections of key/value pairs in file order.
+struct IniSection {
+  std::string Name;
+  std::vector<std::pair<std::string, std::string>> Values;
+};
+
+std::string_view Trim(std::string_view s) {
+  while (!s.empty() && (s.front() == ' ' || s.front() == '\t' || s.front() == '\r')) s.remove_prefix(1);
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r')) s.remove_suffix(1);
+  return s;
+}
+
+bool SameName(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
+std::vector<IniSection> ParseIni(const std::string& text) {
+  std::vector<IniSection> sections;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    std::string_view line = Trim(std::string_view(text).substr(start, end - start));
+    start = end + 1;
+    if (line.empty() || line.front() == ';' || line.front() == '#') continue;
+    if (line.front() == '[') {
+      size_t close = line.find(']');
+      if (close != std::string_view::npos) sections.push_back({std::string(Trim(line.substr(1, close - 1))), {}});
+      continue;
+    }
+    size_t eq = line.find('=');
+    if (eq == std::string_view::npos || sections.empty()) continue;
+    std::string_view value = Trim(line.substr(eq + 1));
+    if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.back() == value.front())
+      value = value.substr(1, value.size() - 2);
+    sections.back().Values.emplace_back(std::string(Trim(line.substr(0, eq))), std::string(value));
+  }
+  return sections;
+}
+
+// The first value of a key in the first section of that name that has it, as
+// the profile functions find it.
+const std::string* Find(const std::vector<IniSection>& ini, std::string_view section, std::string_view key) {
+  for (const IniSection& s : ini) {
+    if (!SameName(s.Name, section)) continue;
+    for (const auto& kv : s.Values)
+      if (SameName(kv.first, key)) return &kv.second;
+  }
+  return nullptr;
+}
+
+template <class T>
+void ReadNumber(const std::vector<IniSection>& ini, const char* section, const char* key, T& out) {
+  int64_t v = 0;
+  if (const std::string* s = Find(ini, section, key); s && ParseIniNumber(*s, v)) out = static_cast<T>(v);
+}
+
+// Little-endian store of the low `width` bytes of v.
+void StoreField(uint8_t* record, const FieldSpec& f, int64_t v) {
+  for (size_t i = 0; i < f.Width; ++i) record[f.Offset + i] = static_cast<uint8_t>(static_cast<uint64_t>(v) >> (8 * i));
+}
+
+// A text fills its field; only a shorter text is zero-terminated, so a field
+// can be filled completely when a test needs an unterminated one.
+void StoreText(uint8_t* record, size_t offset, size_t size, const std::string& text) {
+  std::memset(record + offset, 0, size);
+  std::memcpy(record + offset, text.data(), std::min(size, text.size()));
+}
+
+void ApplyScanner(Config& c, const std::vector<IniSection>& ini) {
+  auto* ability = reinterpret_cast<uint8_t*>(&c.Ability);
+  for (const TextSpec& t : kAbilityTexts)
+    if (const std::string* s = Find(ini, "Scanner", t.Key)) StoreText(ability, t.Offset, t.Size, *s);
+  for (const FieldSpec& f : kAbilityFields) {
+    int64_t v = 0;
+    if (const std::string* s = Find(ini, "Scanner", f.Key); s && ParseIniNumber(*s, v)) StoreField(ability, f, v);
+  }
+  if (const std::string* s = Find(ini, "Scanner", "HalftonePatternMap")) {
+    size_t pos = 0;
+    for (size_t i = 0; i < sizeof c.Ability.HalftonePatternMap && pos <= s->size(); ++i) {
+      size_t comma = std::min(s->find(',', pos), s->size());
+      int64_t v = 0;
+      if (ParseIniNumber(s->substr(pos, comma - pos), v)) c.Ability.HalftonePatternMap[i] = static_cast<uint8_t>(v);
+      pos = comma + 1;
+    }
+  }
+  ReadNumber(ini, "Scanner", "Extended", c.Extended);
+  ReadNumber(ini, "Scanner", "DefaultAreaWidth", c.DefaultAreaWidth);
+  ReadNumber(ini, "Scanner", "DefaultAreaLength", c.DefaultAreaLength);
+  ReadNumber(ini, "Scanner", "Buttons", c.Buttons);
+  ReadNumber(ini, "Scanner", "PressedButton", c.PressedButton);
+}
+
+void ApplyNvram(Config& c, const std::vector<IniSection>& ini) {
+  auto* nvram = reinterpret_cast<uint8_t*>(&c.Nvram);
+  for (const FieldSpec& f : kNvramFields) {
+    int64_t v = 0;
+    if (const std::string* s = Find(ini, "NVRAM", f.Key); s && ParseIniNumber(*s, v)) StoreField(nvram, f, v);
+  }
+  if (const std::string* s = Find(ini, "NVRAM", "SerialNumber"))
+    StoreText(nvram, offsetof(NvRam, SerialNumber), sizeof c.Nvram.SerialNumber, *s);
+}
+
+void ApplyFaults(Config& c, const std::vector<IniSection>& ini) {
+  for (size_t i = 0; i < kEntryCount; ++i) {
+    const std::string name = kEntryNames[i];
+    ReadNumber(ini, "Faults", name.c_str(), c.Faults[i].Status);
+    ReadNumber(ini, "Faults", (name + "Times").c_str(), c.Faults[i].Times);
+  }
+  // Older spellings of the same faults.
+  auto alias = [&](const char* key, Entry e) { ReadNumber(ini, "Faults", key, c.Faults[size_t(e)].Status); };
+  alias("FailInitializeDriver", Entry::InitializeDriver);
+  alias("FailInitializeScanner", Entry::InitializeScanner);
+  alias("FailAbility", Entry::GetScannerAbility);
+  alias("FailAbility", Entry::GetScannerAbilityEx);
+  ReadNumber(ini, "Faults", "ShortReadAtLine", c.ShortReadAtLine);
+  ReadNumber(ini, "Faults", "FailReadAtLine", c.FailReadAtLine);
+  ReadNumber(ini, "Faults", "ReadStatus", c.ReadStatus);
+  ReadNumber(ini, "Faults", "FaultPage", c.FaultPage);
+  ReadNumber(ini, "Faults", "ReadScanExExtra", c.ReadScanExExtra);
+  ReadNumber(ini, "Faults", "ParameterStatus", c.ParameterStatus);
+  ReadNumber(ini, "Faults", "PaperOutStatus", c.PaperOutStatus);
+}
+
+std::string Resolve(const std::string& path, const std::string& folder) {
+  if (path.empty() || path.front() == '/' || folder.empty()) return path;
+  return folder + "/" + path;
+}
+
+}  // namespace
+
+const char* EntryName(Entry e) {
+  auto i = static_cast<size_t>(e);
+  return i < kEntryCount ? kEntryNames[i] : "?";
+}
+
+bool ParseIniNumber(const std::string& text, int64_t& value) {
+  std::string_view s = Trim(text);
+  bool negative = false;
+  if (!s.empty() && (s.front() == '-' || s.front() == '+')) {
+    negative = s.front() == '-';
+    s.remove_prefix(1);
+  }
+  int base = 10;
+  if (s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
+    base = 16;
+    s.remove_prefix(2);
+  }
+  uint64_t v = 0;
+  size_t digits = 0;
+  for (char ch : s) {
+    int d = ch >= '0' && ch <= '9' ? ch - '0'
+            : base == 16 && ch >= 'a' && ch <= 'f' ? ch - 'a' + 10
+            : base == 16 && ch >= 'A' && ch <= 'F' ? ch - 'A' + 10
+                                                     : -1;
+    if (d < 0) break;
+    // Saturate rather than wrap: an absurd number stays absurd.
+    v = v > (uint64_t{1} << 40) ? v : v * base + d;
+    ++digits;
+  }
+  if (digits == 0) return false;
+  value = negative ? -static_cast<int64_t>(v) : static_cast<int64_t>(v);
+  return true;
+}
+
+Config DefaultConfig() {
+  Config c;
+  ApplyIni(c, kDefaultIni, "");
+  return c;
+}
+
+void ApplyIni(Config& c, const std::string& text, const std::string& folder) {
+  const std::vector<IniSection> ini = ParseIni(text);
+  ApplyScanner(c, ini);
+  ApplyNvram(c, ini);
+  ReadNumber(ini, "Feeder", "Sheets", c.Sheets);
+  if (const std::string* s = Find(ini, "Page", "Image")) c.ImagePath = Resolve(*s, folder);
+  ReadNumber(ini, "Page", "WarmUpRefusals", c.WarmUpRefusals);
+  ReadNumber(ini, "Page", "WarmUpStatus", c.WarmUpStatus);
+  ReadNumber(ini, "Page", "WarmUpPolls", c.WarmUpPolls);
+  ApplyFaults(c, ini);
+  if (const std::string* s = Find(ini, "Log", "File")) c.LogPath = Resolve(*s, folder);
+}
+
+}  // namespace sx::vscan

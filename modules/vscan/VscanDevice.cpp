@@ -1,0 +1,388 @@
+#include "modules/vscan/VscanDevice.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+namespace sx::vscan {
+
+namespace {
+
+int32_t Fail(Device& d, uint32_t status, std::string& extra, const char* reason) {
+  d.Status = status;
+  if (reason) extra += std::string(extra.empty() ? "" : " ") + "reason=" + reason;
+  return 0;
+}
+
+int32_t Fail(Device& d, uint32_t status) {
+  d.Status = status;
+  return 0;
+}
+
+std::string ReadWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+bool IsFeederMethod(uint8_t method) { return method == 1 || method == 4 || method == 5; }
+
+// The largest area the source of a scan method can scan, 1/300 inch. False
+// for a method the scanner does not know.
+bool SourceArea(const Device& d, uint8_t method, uint32_t& width, uint32_t& length) {
+  const ScannerAbility& a = d.Cfg.Ability;
+  switch (method) {
+    case 0: width = a.FlatbedMaxWidth; length = a.FlatbedMaxLength; return true;
+    case 1: case 4: case 5: width = a.AdfMaxWidth; length = a.AdfMaxLength; return true;
+    case 2: case 3:
+      // The alternate sources fall back to the default area, as the library
+      // does when it reads the abilities.
+      width = a.AltAreaWidth ? a.AltAreaWidth : d.Cfg.DefaultAreaWidth;
+      length = a.AltAreaLength ? a.AltAreaLength : d.Cfg.DefaultAreaLength;
+      return true;
+    default: return false;
+  }
+}
+
+// Why the scanner refuses a parameter record, or null when it accepts it.
+const char* RefusalReason(const Device& d, const ScanParameter& p) {
+  const uint16_t maxRes = d.Cfg.Ability.MaxResolution;
+  if (p.ScanMode != kModeLineArt && p.ScanMode != kModeHalftone && p.ScanMode != kModeGray &&
+      p.ScanMode != kModeColor)
+    return "ScanMode";
+  if (p.XRes == 0 || p.YRes == 0 || p.XRes > maxRes || p.YRes > maxRes) return "Resolution";
+  if (p.PixelNum == 0) return "PixelNum";
+  if (p.LineNum == 0) return "LineNum";
+  ChartGeometry g;
+  g.ScanMode = p.ScanMode;
+  g.PixelNum = p.PixelNum;
+  // A line art line of fewer than 8 pixels would be a line of no bytes.
+  if (ChartBytesPerLine(g) == 0) return "LineBytes";
+  uint32_t width = 0, length = 0;
+  if (!SourceArea(d, p.ScanMethod, width, length)) return "ScanMethod";
+  if (uint32_t{p.Left} + p.Width > width || uint32_t{p.Top} + p.Length > length) return "Area";
+  return nullptr;
+}
+
+// The lamp refuses work while it warms up; each refusal brings it closer.
+bool LampCold(Device& d) {
+  if (d.WarmUpLeft == 0) return false;
+  --d.WarmUpLeft;
+  d.Status = d.Cfg.WarmUpStatus;
+  return true;
+}
+
+bool FaultPageNow(const Device& d) { return d.Cfg.FaultPage == 0 || d.Cfg.FaultPage == d.PagesStarted; }
+
+void ResetSession(Device& d) {
+  d.Status = 0;
+  // Fault counts start again with each session, except InitializeDriver's
+  // own, so "fail the first initialisation only" spans sessions.
+  const uint32_t initHits = d.FaultHits[static_cast<size_t>(Entry::InitializeDriver)];
+  d.FaultHits.fill(0);
+  d.FaultHits[static_cast<size_t>(Entry::InitializeDriver)] = initHits;
+  d.SheetsLeft = d.Cfg.Sheets;
+  d.SheetsTaken = 0;
+  d.WarmUpLeft = d.Cfg.WarmUpRefusals;
+  d.LampPolls = 0;
+  d.Pressed = d.Cfg.PressedButton;
+  d.ParamsValid = false;
+  d.PageActive = false;
+  d.PagesStarted = 0;
+  for (auto& table : d.Tone)
+    for (int i = 0; i < 256; ++i) table[i] = static_cast<uint8_t>(i);
+}
+
+void StartPage(Device& d, uint32_t sheet) {
+  ChartGeometry g;
+  g.Left = d.Params.Left;
+  g.Top = d.Params.Top;
+  g.XRes = d.Params.XRes;
+  g.YRes = d.Params.YRes;
+  g.PixelNum = d.Params.PixelNum;
+  g.LineNum = d.Params.LineNum;
+  g.ScanMode = d.Params.ScanMode;
+  g.ColorFilter = d.Params.ColorFilter;
+  g.HTPatternNo = d.Params.HTPatternNo;
+  g.Page = sheet;
+  for (int c = 0; c < 3; ++c) g.Tone[c] = d.Tone[c];
+  g.Image = d.HasImage ? &d.Image : nullptr;
+  // The tables in effect when the page starts are the ones the page is read
+  // with; uploads during a page apply from the next one.
+  PrepareChart(d.Renderer, g);
+  d.LineBuffer.resize(d.Renderer.BytesPerLine);
+  d.BufferedLine = -1;
+  d.PagePos = 0;
+  d.PageLines = d.Params.LineNum;
+  if (d.Cfg.ShortReadAtLine && FaultPageNow(d)) d.PageLines = std::min(d.PageLines, d.Cfg.ShortReadAtLine);
+  d.PageActive = true;
+}
+
+// Copies the next `count` bytes of the page raster to `out`.
+void Deliver(Device& d, uint8_t* out, uint64_t count) {
+  const uint64_t bpl = d.Renderer.BytesPerLine;
+  while (count > 0) {
+    const auto line = static_cast<int32_t>(d.PagePos / bpl);
+    const uint64_t offset = d.PagePos % bpl;
+    uint64_t n = 0;
+    if (offset == 0 && count >= bpl) {
+      RenderLine(d.Renderer, line, out);
+      n = bpl;
+    } else {
+      if (d.BufferedLine != line) {
+        RenderLine(d.Renderer, line, d.LineBuffer.data());
+        d.BufferedLine = line;
+      }
+      n = std::min(bpl - offset, count);
+      std::memcpy(out, d.LineBuffer.data() + offset, n);
+    }
+    out += n;
+    count -= n;
+    d.PagePos += n;
+  }
+}
+
+// Reads up to `want` bytes of the page; `got` tells how many came (fewer at
+// the page end). 0 with Status set when the read fails.
+int32_t ReadPage(Device& d, uint8_t* buffer, uint32_t want, uint32_t& got, std::string& extra) {
+  got = 0;
+  if (!d.PageActive) return Fail(d, kStatusNotReady, extra, "NoPage");
+  if (!buffer && want) return Fail(d, d.Cfg.ParameterStatus, extra, "NoBuffer");
+  const uint64_t bpl = d.Renderer.BytesPerLine;
+  const uint64_t total = uint64_t{d.PageLines} * bpl;
+  const uint64_t n = std::min<uint64_t>(want, total - d.PagePos);
+  const uint64_t failLine = d.Cfg.FailReadAtLine;
+  if (failLine && failLine <= d.PageLines && n > 0 && FaultPageNow(d)) {
+    const uint64_t lineStart = (failLine - 1) * bpl, lineEnd = failLine * bpl;
+    if (d.PagePos < lineEnd && d.PagePos + n > lineStart) return Fail(d, d.Cfg.ReadStatus, extra, "FailReadAtLine");
+  }
+  Deliver(d, buffer, n);
+  got = static_cast<uint32_t>(n);
+  return 1;
+}
+
+}  // namespace
+
+uint8_t BackgroundByte(uint32_t index) { return static_cast<uint8_t>(240 + index % 13); }
+
+bool InjectFault(Device& d, Entry e) {
+  const Fault& f = d.Cfg.Faults[static_cast<size_t>(e)];
+  if (f.Status == 0) return false;
+  uint32_t& hits = d.FaultHits[static_cast<size_t>(e)];
+  if (f.Times && hits >= f.Times) return false;
+  ++hits;
+  d.Status = f.Status;
+  return true;
+}
+
+int32_t DoInitializeDriver(Device& d, std::string& extra) {
+  CloseLog(d);
+  d.Cfg = DefaultConfig();
+  const std::string iniPath = d.Folder + "/vscan.ini";
+  ApplyIni(d.Cfg, ReadWholeFile(iniPath), d.Folder);
+  OpenLog(d);
+  if (!d.NvramLoaded) {
+    d.Nvram = d.Cfg.Nvram;
+    d.NvramLoaded = true;
+  }
+  ResetSession(d);
+  d.Initialized = false;
+  d.HasImage = false;
+  d.Image = {};
+  if (!d.Cfg.ImagePath.empty()) {
+    std::string error;
+    if (!LoadPnm(d.Cfg.ImagePath, d.Image, error)) {
+      LogNote(d, "image: " + error);
+      return Fail(d, kStatusNotReady, extra, "Image");
+    }
+    d.HasImage = true;
+  }
+  if (InjectFault(d, Entry::InitializeDriver)) return 0;
+  d.Initialized = true;
+  return 1;
+}
+
+int32_t DoTerminateDriver(Device& d) {
+  d.Initialized = false;
+  d.PageActive = false;
+  return 1;
+}
+
+int32_t DoInitializeScanner(Device& d) {
+  d.PageActive = false;
+  return 1;
+}
+
+int32_t DoGetScannerStatus(Device& d, uint8_t* a, uint8_t* b, uint8_t* c, uint32_t* status) {
+  for (uint8_t* p : {a, b, c})
+    if (p) *p = 0;
+  if (status) *status = d.Status;
+  return 1;
+}
+
+int32_t DoGetScannerAbility(Device& d, ScannerAbilityBasic* basic, std::string& extra) {
+  if (!basic) return Fail(d, d.Cfg.ParameterStatus, extra, "NoRecord");
+  std::memset(basic, 0, sizeof *basic);
+  basic->HasExtendedAbility = d.Cfg.Extended;
+  basic->DefaultAreaWidth = d.Cfg.DefaultAreaWidth;
+  basic->DefaultAreaLength = d.Cfg.DefaultAreaLength;
+  extra = "HasExtendedAbility=" + std::to_string(basic->HasExtendedAbility) +
+          " DefaultAreaWidth=" + std::to_string(basic->DefaultAreaWidth) +
+          " DefaultAreaLength=" + std::to_string(basic->DefaultAreaLength);
+  return 1;
+}
+
+int32_t DoGetScannerAbilityEx(Device& d, ScannerAbility* ability, std::string& extra) {
+  if (!ability) return Fail(d, d.Cfg.ParameterStatus, extra, "NoRecord");
+  std::memcpy(ability, &d.Cfg.Ability, sizeof *ability);
+  extra = "ModelName=" + std::string(ability->ModelName, strnlen(ability->ModelName, sizeof ability->ModelName));
+  return 1;
+}
+
+int32_t DoInitialButton(Device& d, uintptr_t record, std::string& extra) {
+  if (!record) return Fail(d, d.Cfg.ParameterStatus, extra, "NoRecord");
+  auto* r = reinterpret_cast<uint8_t*>(record);
+  std::memset(r, 0, 24);
+  std::memcpy(r + 4, &d.Cfg.Buttons, sizeof d.Cfg.Buttons);
+  extra = "buttons=" + std::to_string(d.Cfg.Buttons);
+  return 1;
+}
+
+int32_t DoResetPushButton(Device& d) {
+  d.Pressed = 0;
+  return 1;
+}
+
+int32_t DoReadPushButton(Device& d, uintptr_t record, std::string& extra) {
+  if (!record) return Fail(d, d.Cfg.ParameterStatus, extra, "NoRecord");
+  auto* r = reinterpret_cast<uint8_t*>(record);
+  if (d.Pressed) {
+    r[0] = 0x80;
+    r[1] = static_cast<uint8_t>(d.Pressed & 0xFF);
+    r[6] = static_cast<uint8_t>(d.Pressed >> 8);
+  } else {
+    r[0] &= 0x7F;
+  }
+  extra = "button=" + std::to_string(d.Pressed);
+  return 1;
+}
+
+int32_t DoCheckPushButton(Device& d, std::string& extra) {
+  extra = "button=" + std::to_string(d.Pressed);
+  return 1;
+}
+
+int32_t DoSetGammaTable(Device& d, const uint8_t* table, int32_t channel, int32_t count) {
+  if (!table || channel < 1 || channel > 3 || count != 256) return Fail(d, d.Cfg.ParameterStatus);
+  std::memcpy(d.Tone[channel - 1], table, 256);
+  return 1;
+}
+
+int32_t DoSetScanParameter(Device& d, const ScanParameter* p, std::string& extra) {
+  if (!p) return Fail(d, d.Cfg.ParameterStatus, extra, "NoRecord");
+  if (const char* reason = RefusalReason(d, *p)) return Fail(d, d.Cfg.ParameterStatus, extra, reason);
+  if (LampCold(d)) return Fail(d, d.Status, extra, "WarmingUp");
+  d.Params = *p;
+  d.ParamsValid = true;
+  return 1;
+}
+
+int32_t DoStartScan(Device& d, std::string& extra) {
+  if (!d.ParamsValid) return Fail(d, d.Cfg.ParameterStatus, extra, "NoParameters");
+  if (LampCold(d)) return Fail(d, d.Status, extra, "WarmingUp");
+  uint32_t sheet = 0;
+  if (IsFeederMethod(d.Params.ScanMethod)) {
+    if (d.SheetsLeft == 0) return Fail(d, d.Cfg.PaperOutStatus, extra, "NoPaper");
+    --d.SheetsLeft;
+    sheet = ++d.SheetsTaken;
+  }
+  ++d.PagesStarted;
+  StartPage(d, sheet);
+  extra = "page=" + std::to_string(d.PagesStarted) + " sheet=" + std::to_string(sheet) +
+          " lines=" + std::to_string(d.PageLines) + " bytesPerLine=" + std::to_string(d.Renderer.BytesPerLine);
+  return 1;
+}
+
+int32_t DoReadScan(Device& d, uint8_t* buffer, uint32_t bytes, std::string& extra) {
+  uint32_t got = 0;
+  if (!ReadPage(d, buffer, bytes, got, extra)) return 0;
+  extra = "returned=" + std::to_string(got);
+  // Plain ReadScan has no way to report a shorter delivery: the bytes that
+  // remained are in the buffer, and the call fails with the read status.
+  if (got < bytes) return Fail(d, d.Cfg.ReadStatus, extra, "ShortRead");
+  return 1;
+}
+
+int32_t DoReadScanEx(Device& d, ReadScanRequest* request, std::string& extra) {
+  if (!request) return Fail(d, d.Cfg.ParameterStatus, extra, "NoRecord");
+  uint32_t got = 0;
+  if (!ReadPage(d, request->Buffer, request->BytesRequested, got, extra)) return 0;
+  // The injected over-report claims more than was asked; only `got` bytes
+  // were written.
+  request->BytesReturned = d.Cfg.ReadScanExExtra ? request->BytesRequested + d.Cfg.ReadScanExExtra : got;
+  extra = "returned=" + std::to_string(request->BytesReturned);
+  return 1;
+}
+
+int32_t DoStopScan(Device& d) {
+  d.PageActive = false;
+  return 1;
+}
+
+int32_t DoReadNVMData(Device& d, NvRam* nvram) {
+  if (!nvram) return Fail(d, d.Cfg.ParameterStatus);
+  std::memcpy(nvram, &d.Nvram, sizeof *nvram);
+  return 1;
+}
+
+int32_t DoWriteNVMData(Device& d, const NvRam* nvram) {
+  if (!nvram) return Fail(d, d.Cfg.ParameterStatus);
+  std::memcpy(&d.Nvram, nvram, sizeof d.Nvram);
+  return 1;
+}
+
+int32_t DoSetPowerSaveTime(Device& d, uint32_t value) {
+  // The scanner keeps its power-save time in its non-volatile memory.
+  d.Nvram.PowerSaveTime = static_cast<uint16_t>(value & 0xFFFF);
+  return 1;
+}
+
+int32_t DoGetADFStatus(Device& d, uint8_t* paper, std::string& extra) {
+  if (!paper) return Fail(d, d.Cfg.ParameterStatus, extra, "NoRecord");
+  *paper = d.SheetsLeft ? 1 : 0;
+  extra = "paper=" + std::to_string(*paper);
+  return 1;
+}
+
+int32_t DoGetLightStatus(Device& d, uint8_t* lamp, std::string& extra) {
+  if (!lamp) return Fail(d, d.Cfg.ParameterStatus, extra, "NoRecord");
+  if (d.WarmUpLeft && d.Cfg.WarmUpPolls && ++d.LampPolls >= d.Cfg.WarmUpPolls) d.WarmUpLeft = 0;
+  *lamp = d.WarmUpLeft ? 2 : 0;
+  extra = "lamp=" + std::to_string(*lamp);
+  return 1;
+}
+
+int32_t DoLampOff(Device& d) {
+  d.WarmUpLeft = d.Cfg.WarmUpRefusals;
+  d.LampPolls = 0;
+  return 1;
+}
+
+int32_t DoChooseSCSIScannerByID(Device& d, uint32_t id) {
+  d.ScsiId = id;
+  return 1;
+}
+
+int32_t DoTuneScanLength(Device& d, int32_t length) {
+  d.TunedLength = length;
+  return 1;
+}
+
+int32_t DoGetBackgroundRaster(Device& d, uintptr_t buffer, uint32_t bytes) {
+  if (!buffer && bytes) return Fail(d, d.Cfg.ParameterStatus);
+  auto* out = reinterpret_cast<uint8_t*>(buffer);
+  for (uint32_t i = 0; i < bytes; ++i) out[i] = BackgroundByte(i);
+  return 1;
+}
+
+}  // namespace sx::vscan

@@ -1,0 +1,27 @@
+// Version records: the .sxversion section of an ELF file, found without
+// loading the file, and the version block built from its text.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace sx::plat {
+
+// The largest version record accepted; a bigger section is treated as
+// hostile and gives no record.
+inline constexpr uint64_t kMaxVersionSectionBytes = 1u << 20;
+
+// Bytes of an ELF image, read on demand (from memory or from a file), so a
+// large module is never read whole.
+struct ByteSource {
+  uint64_t Size = 0;
+  // Copies `count` bytes at `offset`; false when they cannot be had.
+  bool (*Read)(void* context, uint64_t offset, void* dst, size_t count) = nullptr;
+  void* Context = nullptr;
+};
+
+// The content of the first .sxversion section. False when the image is not a
+// little-endian ELF32/ELF64 file, is malformed, or lacks the section.
+bool ExtractVersionSectionFrom(const ByteSource& source, std::string& section);
+
+}  // namespace sx::plat

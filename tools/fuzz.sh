@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Builds the parser fuzz targets with libFuzzer (clang, address and undefined
+# sanitizers) straight from the platform sources and runs each one for a
+# bounded time on its seed corpus.
+#
+#   tools/fuzz.sh [target...]      targets: registry profile version (default: all)
+#
+# Environment: FUZZ_SECONDS (default 20) per target; FUZZ_BUILD_DIR (default
+# build-fuzz). Needs: apt-get install clang libclang-rt-14-dev
+set -euo pipefail
+
+root="$(cd "$(dirname "$0")/.." && pwd)"
+seconds="${FUZZ_SECONDS:-20}"
+out="${FUZZ_BUILD_DIR:-$root/build-fuzz}"
+cxx="${CXX_FUZZ:-$(command -v clang++-14 || command -v clang++ || true)}"
+if [[ -z "$cxx" ]]; then
+  echo "fuzz.sh: clang++ not found (apt-get install clang libclang-rt-14-dev)" >&2
+  exit 2
+fi
+
+declare -A sources=(
+  [registry]="platform/RegistryText.cpp"
+  [profile]="platform/ProfileText.cpp"
+  [version]="platform/VersionRecord.cpp platform/VersionBlock.cpp"
+)
+
+targets=("$@")
+[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version)
+mkdir -p "$out"
+
+status=0
+for t in "${targets[@]}"; do
+  if [[ -z "${sources[$t]:-}" ]]; then
+    echo "fuzz.sh: unknown target '$t'" >&2
+    exit 2
+  fi
+  bin="$out/${t}_fuzz"
+  srcs=()
+  for s in ${sources[$t]}; do srcs+=("$root/$s"); done
+  echo "== building $t"
+  "$cxx" -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined \
+    -I"$root" -I"$root/include" "$root/fuzz/${t}_fuzz.cpp" "${srcs[@]}" -o "$bin"
+  # New inputs go to a work corpus; the seed corpus in the tree stays as it is.
+  work="$out/corpus-$t"
+  mkdir -p "$work"
+  echo "== running $t for ${seconds}s"
+  if ! "$bin" "$work" "$root/fuzz/corpus/$t" -max_total_time="$seconds" -max_len=65536 \
+       -timeout=10 -rss_limit_mb=2048 -artifact_prefix="$out/$t-" -print_final_stats=1 2>"$out/$t.log"; then
+    echo "fuzz.sh: $t found a failure; see $out/$t.log" >&2
+    tail -n 40 "$out/$t.log" >&2
+    status=1
+  else
+    grep -E "^stat::number_of_executed_units|^Done" "$out/$t.log" || true
+  fi
+done
+exit $status

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Installs what building and testing sxscan needs on Debian bookworm. Safe to
+# run again: when every package is installed already, apt is not touched.
+set -euo pipefail
+
+PACKAGES=(cmake g++ g++-multilib make binutils googletest libgtest-dev libbenchmark-dev
+          libpng-dev libtiff-dev clang libclang-rt-14-dev pkg-config)
+
+missing=()
+for package in "${PACKAGES[@]}"; do
+  status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
+  [[ "$status" == "install ok installed" ]] || missing+=("$package")
+done
+
+if ((${#missing[@]} == 0)); then
+  echo "setup: all ${#PACKAGES[@]} packages are installed"
+  exit 0
+fi
+
+echo "setup: installing ${missing[*]}"
+if [[ $(id -u) -ne 0 ]]; then
+  echo "setup: run as root to install packages" >&2
+  exit 1
+fi
+export DEBIAN_FRONTEND=noninteractive
+apt-get update
+apt-get install -y --no-install-recommends "${PACKAGES[@]}"

@@ -1,0 +1,91 @@
+#!/usr/bin/env bash
+# The whole check of sxscan, as CI runs it: set-up, then build and test the
+# x86-64 and i386 configurations, fuzz the parsers briefly, and run the
+# threaded suites under ThreadSanitizer. Every stage runs even when an earlier
+# one failed; the exit status is nonzero if any failed.
+#
+# Environment: JOBS (parallel jobs, default 2), BUILD_ROOT (folder of the build
+# trees, default build), FUZZ_SECONDS (per fuzz target, default 5),
+# TSAN_SUITES (test folders run under ThreadSanitizer, default
+# "platform lifecycle acquire"), SKIP_STAGES (e.g. "fuzz tsan").
+set -uo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+JOBS=${JOBS:-2}
+BUILD_ROOT=${BUILD_ROOT:-build}
+FUZZ_SECONDS=${FUZZ_SECONDS:-5}
+TSAN_SUITES=${TSAN_SUITES:-"platform lifecycle acquire"}
+SKIP_STAGES=${SKIP_STAGES:-}
+
+summary=()
+failed=0
+
+# stage NAME COMMAND...: runs one stage and records its outcome and time.
+stage() {
+  local name=$1
+  shift
+  if [[ " $SKIP_STAGES " == *" $name "* ]]; then
+    summary+=("$name skipped")
+    return
+  fi
+  echo "==== $name"
+  local start=$SECONDS
+  if "$@"; then
+    summary+=("$name ok ($((SECONDS - start))s)")
+  else
+    summary+=("$name FAILED ($((SECONDS - start))s)")
+    failed=1
+  fi
+}
+
+# build_and_test DIR CMAKE-ARGS...
+build_and_test() {
+  local dir=$1
+  shift
+  cmake -S . -B "$dir" -DSX_WERROR=ON "$@" &&
+    cmake --build "$dir" -j "$JOBS" &&
+    ctest --test-dir "$dir" --output-on-failure -j "$JOBS"
+}
+
+fuzz() {
+  FUZZ_SECONDS=$FUZZ_SECONDS bash tools/fuzz.sh
+}
+
+# Only the suites that run threads: the sanitizer slows everything down, and
+# the others have nothing for it to find.
+tsan() {
+  local targets=() names=() suite
+  for suite in $TSAN_SUITES; do
+    if compgen -G "tests/$suite/*.cpp" >/dev/null; then
+      targets+=("sx_tests_$suite")
+      names+=("$suite")
+    fi
+  done
+  if ((${#targets[@]} == 0)); then
+    echo "tsan: none of the suites '$TSAN_SUITES' exists"
+    return 0
+  fi
+  local pattern
+  pattern="^($(IFS='|'; echo "${names[*]}"))\$"
+  cmake -S . -B "$BUILD_ROOT/tsan" -DSX_WERROR=ON -DSX_SANITIZE=thread -DSX_BUILD_BENCH=OFF -DSX_BUILD_HOST=OFF &&
+    cmake --build "$BUILD_ROOT/tsan" -j "$JOBS" --target "${targets[@]}" &&
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
+      ctest --test-dir "$BUILD_ROOT/tsan" --output-on-failure -j "$JOBS" -R "$pattern"
+}
+
+total_start=$SECONDS
+stage setup tools/setup.sh
+stage x64 build_and_test "$BUILD_ROOT/x64"
+stage x86 build_and_test "$BUILD_ROOT/x86" -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 \
+  -DSX_BUILD_HOST=OFF -DSX_BUILD_BENCH=OFF
+if [[ -f tools/fuzz.sh ]]; then
+  stage fuzz fuzz
+else
+  summary+=("fuzz absent")
+fi
+stage tsan tsan
+
+verdict=PASSED
+((failed)) && verdict=FAILED
+echo "==== sxscan CI $verdict in $((SECONDS - total_start))s: $(IFS=';'; echo "${summary[*]}" | sed 's/;/, /g')"
+exit "$failed"
