@@ -8,8 +8,19 @@ extern "C" void* __dso_handle;
 
 namespace {
 
-__attribute__((constructor)) void AttachLibrary() { sx::ProcessAttach(&__dso_handle); }
+// Nothing may escape a loader notification: the process would end.
+__attribute__((constructor)) void AttachLibrary() {
+  try {
+    sx::ProcessAttach(&__dso_handle);
+  } catch (...) {
+  }
+}
 
-__attribute__((destructor)) void DetachLibrary() { sx::ProcessDetach(); }
+__attribute__((destructor)) void DetachLibrary() {
+  try {
+    sx::ProcessDetach();
+  } catch (...) {
+  }
+}
 
 }  // namespace

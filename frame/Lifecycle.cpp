@@ -6,7 +6,6 @@
 #include "frame/LibraryState.h"
 #include "frame/Trace.h"
 #include "imaging/ColorMatch.h"
-#include "platform/Memory.h"
 #include "settings/ScanSettings.h"
 #include "sources/DataSourceList.h"
 #include "sources/Discovery.h"
@@ -40,21 +39,18 @@ DataSourceEntry* SelectStoredSource() {
 
 int32_t Load(void* window) {
   TraceIn(kLoadLabel);
-  int32_t result = SX_ERR_DRIVER;
   gLib.HostWindow = window;
   // Already open (or enumerated): nothing to do until SxFree.
   if (gDriver.Module || gSourceHead || gSettings.ToneTables[0]) return SX_OK;
   if (!gLib.DialogFont) CreateDialogFont();
 
   SxDataSource scratch;
-  const int32_t listed = SxGetDS(SX_DS_FIRST, &scratch);
+  const int32_t listed = GetDataSource(SX_DS_FIRST, &scratch);
   if (listed != SX_OK) return listed;
 
-  if (const DataSourceEntry* entry = SelectStoredSource()) {
-    result = OpenDataSource(*entry, Binding::Load, SX_ERR_DRIVER);
-  } else {
-    result = SX_ERR_NO_SOURCE;
-  }
+  const DataSourceEntry* entry = SelectStoredSource();
+  const int32_t result =
+      entry ? OpenDataSource(*entry, Binding::Load, SX_ERR_DRIVER) : SX_ERR_NO_SOURCE;
   TraceOut(kLoadLabel, 1, result);
   return result;
 }

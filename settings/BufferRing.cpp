@@ -67,7 +67,8 @@ void BuildRing(uint8_t count, int32_t minBuffer) {
 }  // namespace
 
 uint8_t ComputeBufferCount(uint64_t availableBytes, int32_t minBuffer) {
-  const double count = static_cast<double>(availableBytes) * kMemoryShare / minBuffer;
+  const double share = Double(static_cast<double>(availableBytes) * kMemoryShare);
+  const double count = Double(share / minBuffer);
   if (count < kMinBuffers) return kMinBuffers;
   if (count > kMaxBuffers) return kMaxBuffers;
   return static_cast<uint8_t>(count);

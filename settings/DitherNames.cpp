@@ -23,7 +23,9 @@ constexpr char kWordHalftone[] = "Halftone";
 constexpr char kWordDiffusion[] = "Diffusion";
 
 void CopyWord(const char* word, char (&out)[kDitherNameSize]) {
-  std::snprintf(out, sizeof out, "%s", word);
+  const size_t n = strnlen(word, kDitherNameSize - 1);
+  std::memcpy(out, word, n);
+  out[n] = '\0';
 }
 
 // A name is cut to 32 characters after formatting.

@@ -189,7 +189,7 @@ void Overscan(ListBuilder& list) {
     return;
   }
   constexpr double kOverscanPerDot = 0.044642857142857144;
-  const double most = A().MaxResolution * 5 * kOverscanPerDot;
+  const double most = Double(A().MaxResolution * 5 * kOverscanPerDot);
   list.Range(0, static_cast<int32_t>(TruncateReal(most)), 1);
 }
 

@@ -117,6 +117,12 @@ bool CopyText(void* dest, const TypeInfo& destType, const TypeInfo& sourceType,
   const size_t room = destType.Size < sourceType.Size ? destType.Size : sourceType.Size;
   const int32_t length = plat::SafeReadText(text, source, room);
   if (length < 0) return false;
+  // A text shorter than its room ended in a NUL, or ran into memory that
+  // faults: the latter is abandoned like any faulting read.
+  char terminator = 1;
+  if (static_cast<size_t>(length) + 1 < room &&
+      (!plat::SafeRead(&terminator, static_cast<const char*>(source) + length, 1) || terminator))
+    return false;
   return plat::SafeWrite(dest, text, static_cast<size_t>(length) + 1);
 }
 
@@ -154,6 +160,11 @@ void ConvertValue(void* dest, uint32_t destType, uint32_t sourceType, const void
 
 float Single(float value) {
   volatile float rounded = value;
+  return rounded;
+}
+
+double Double(double value) {
+  volatile double rounded = value;
   return rounded;
 }
 

@@ -26,8 +26,10 @@ int32_t IntegerText(const char* text, size_t size);
 // the C locale's way whatever the process locale; 0.0 without a number.
 float RealText(const char* text, size_t size);
 
-// Rounds to single precision even where the compiler would keep more.
+// Round to single or double precision even where the compiler would keep
+// more (the i386 floating-point unit), so both builds compute alike.
 float Single(float value);
+double Double(double value);
 // Truncates toward zero to 64 bits; NaN and values beyond the 64-bit range
 // give the integer-indefinite pattern (INT64_MIN), as the x87 store does, so
 // their low bits are 0.

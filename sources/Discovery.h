@@ -43,6 +43,10 @@ void BuildDisplayName(const ScannerAbility& ability, char (&out)[kDisplayNameFie
 // DeviceId's leading decimal digits as the 8-bit device number.
 uint8_t DeviceNumberOf(const ScannerAbility& ability);
 
+// SxGetDS's work: message 2 builds the list when missing and delivers the
+// first entry, 3 the next, any other the entry at the cursor.
+int32_t GetDataSource(uint32_t message, SxDataSource* out);
+
 // A new "Sample" entry: the built-in source without hardware or module.
 // Null when no memory is left.
 DataSourceEntry* CreateSampleEntry();

@@ -20,6 +20,8 @@ int32_t Deliver(const DataSourceEntry& entry, SxDataSource* out) {
   return plat::SafeWrite(out, &entry.Host, sizeof entry.Host) ? SX_OK : SX_ERR_NO_SOURCE;
 }
 
+}  // namespace
+
 int32_t GetDataSource(uint32_t message, SxDataSource* out) {
   TraceIn(kTraceLabel);
   message &= kMessageMask;
@@ -44,8 +46,6 @@ int32_t GetDataSource(uint32_t message, SxDataSource* out) {
   gSourceHead = CreateSampleEntry();
   return gSourceHead ? Deliver(*gSourceHead, out) : SX_ERR_NO_SOURCE;
 }
-
-}  // namespace
 
 }  // namespace sx
 

@@ -66,7 +66,8 @@ bool HasRequiredEntryPoints() {
 }
 
 // Initialises the bound candidate and reads its abilities. False when the
-// candidate is not a usable scanner; the module is then already released.
+// candidate is not a usable scanner; the module is then already released,
+// and no "Out" line follows: the driver calls' own lines show why.
 bool InitialiseCandidate() {
   if (!driver::InitializeDriver()) {
     UnbindDriver();

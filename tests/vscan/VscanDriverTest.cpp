@@ -31,7 +31,8 @@ TEST(VscanConfig, NoIniAndTheExampleIniDescribeTheSameScanner) {
   // A colour flatbed with a feeder, with an extended record.
   EXPECT_EQ(Text(a.ModelName, sizeof a.ModelName), "QM7110V");
   EXPECT_EQ(a.PixelTypeFlags & SX_PIXEL_COLOR, SX_PIXEL_COLOR);
-  EXPECT_EQ(a.SourceFlags & (SX_SOURCE_FLATBED | SX_SOURCE_FEEDER_TYPES), 0x84);
+  EXPECT_EQ(a.SourceFlags & (SX_SOURCE_FLATBED | SX_SOURCE_SHEETFED_ONLY | SX_SOURCE_FEEDER_TYPES), 0x84)
+      << "a flatbed, and a feeder with both feeder types";
   EXPECT_EQ(a.HalftonePatternMap[7], 8) << "the list fills the whole map";
   EXPECT_EQ(ba.HasExtendedAbility, 1);
   EXPECT_EQ(ba.DefaultAreaLength, 3508);
@@ -98,18 +99,9 @@ TEST(VscanSession, InjectedFaults) {
       {"InitializeDriver=2003\nInitializeDriverTimes=1\n", [](Vscan& v) { return v.InitializeDriver(); }, {0, 1}, 2003, false},
       {"FailInitializeDriver=1\n", [](Vscan& v) { return v.InitializeDriver(); }, {0, 0}, 1, false},
       {"FailInitializeScanner=131\n", [](Vscan& v) { return v.InitializeScanner(); }, {0, 0}, 131},
-      {"FailAbility=250\n",
-       [](Vscan& v) {
-         ScannerAbility a{};
-         return v.GetScannerAbilityEx(&a);
-       },
-       {0}, 250},
+      {"FailAbility=250\n", [](Vscan& v) { ScannerAbility a{}; return v.GetScannerAbilityEx(&a); }, {0}, 250},
       {"TerminateDriver=2000\n", [](Vscan& v) { return v.TerminateDriver(); }, {0, 0}, 2000},
-      {"GetADFStatus=2018\nGetADFStatusTimes=2\n",
-       [](Vscan& v) {
-         uint8_t p = 0;
-         return v.GetADFStatus(&p);
-       },
+      {"GetADFStatus=2018\nGetADFStatusTimes=2\n", [](Vscan& v) { uint8_t p; return v.GetADFStatus(&p); },
        {0, 0, 1}, 2018},
   };
   for (const Row& r : rows) {
@@ -166,28 +158,6 @@ TEST(VscanDevice, PushButtons) {
   ASSERT_EQ(v.ReadPushButton(reinterpret_cast<uintptr_t>(state)), 1);
   EXPECT_EQ(state[0] & 0x80, 0);
   EXPECT_EQ(v.ReadPushButton(0), 0);
-}
-
-TEST(VscanDevice, FeederTakesOneSheetPerPage) {
-  Vscan v("[Feeder]\nSheets=2\n");
-  v.Open();
-  ScanParameter feeder = Colour300(2544, 4);
-  feeder.ScanMethod = 4;
-  ScanParameter flatbed = Colour300(2544, 4);
-  uint8_t paper = 0;
-  for (int sheet = 1; sheet <= 2; ++sheet) {
-    ASSERT_EQ(v.GetADFStatus(&paper), 1);
-    EXPECT_EQ(paper, 1) << "exactly 1 while sheets remain";
-    ASSERT_EQ(v.SetScanParameter(&feeder), 1);
-    ASSERT_EQ(v.StartScan(), 1);
-    ASSERT_EQ(v.StopScan(), 1);
-  }
-  ASSERT_EQ(v.GetADFStatus(&paper), 1);
-  EXPECT_EQ(paper, 0);
-  EXPECT_EQ(v.StartScan(), 0);
-  EXPECT_EQ(v.Status(), 2010u) << "paper out";
-  ASSERT_EQ(v.SetScanParameter(&flatbed), 1);
-  EXPECT_EQ(v.StartScan(), 1) << "the flatbed needs no sheet";
 }
 
 TEST(VscanDevice, LampWarmsUpOverRefusalsOrPolls) {

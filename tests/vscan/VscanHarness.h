@@ -17,6 +17,13 @@ namespace vscantest {
 
 namespace fs = std::filesystem;
 
+#define VSCAN_ENTRY_POINTS(X)                                                                      \
+  X(InitializeDriver) X(TerminateDriver) X(InitializeScanner) X(GetScannerStatusEx)               \
+  X(GetScannerStatus) X(GetScannerAbilityEx) X(GetScannerAbility) X(InitialButton)                \
+  X(ResetPushButton) X(ReadPushButton) X(SetGammaTable) X(StartScan) X(ReadScan) X(ReadScanEx)    \
+  X(StopScan) X(SetScanParameter) X(SetPowerSaveTime) X(LampOff) X(GetADFStatus) X(ReadNVMData)   \
+  X(GetLightStatus) X(DoCancel) X(WriteNVMData) X(TuneScanLength)
+
 struct Vscan {
   explicit Vscan(const std::string& ini = "", const char* module = SX_TEST_VSCAN) {
     char tmpl[] = "/tmp/vscan-XXXXXX";
@@ -26,15 +33,8 @@ struct Vscan {
     if (!ini.empty()) sxtest::WriteFile(Dir / "vscan.ini", ini);
     Handle = dlopen((Dir / "vscan.dll").c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!Handle) throw std::runtime_error(std::string("dlopen: ") + dlerror());
-#define VSCAN_BIND(name) name = reinterpret_cast<PFN_##name>(dlsym(Handle, #name))
-    VSCAN_BIND(InitializeDriver); VSCAN_BIND(TerminateDriver); VSCAN_BIND(InitializeScanner);
-    VSCAN_BIND(GetScannerStatusEx); VSCAN_BIND(GetScannerStatus); VSCAN_BIND(GetScannerAbilityEx);
-    VSCAN_BIND(GetScannerAbility); VSCAN_BIND(InitialButton); VSCAN_BIND(ResetPushButton);
-    VSCAN_BIND(ReadPushButton); VSCAN_BIND(SetGammaTable); VSCAN_BIND(StartScan);
-    VSCAN_BIND(ReadScan); VSCAN_BIND(ReadScanEx); VSCAN_BIND(StopScan); VSCAN_BIND(SetScanParameter);
-    VSCAN_BIND(SetPowerSaveTime); VSCAN_BIND(LampOff); VSCAN_BIND(GetADFStatus);
-    VSCAN_BIND(ReadNVMData); VSCAN_BIND(GetLightStatus);
-    VSCAN_BIND(DoCancel); VSCAN_BIND(WriteNVMData); VSCAN_BIND(TuneScanLength);
+#define VSCAN_BIND(name) name = reinterpret_cast<PFN_##name>(dlsym(Handle, #name));
+    VSCAN_ENTRY_POINTS(VSCAN_BIND)
 #undef VSCAN_BIND
   }
   ~Vscan() {
@@ -60,30 +60,9 @@ struct Vscan {
 
   fs::path Dir;
   void* Handle = nullptr;
-  PFN_InitializeDriver InitializeDriver = nullptr;
-  PFN_TerminateDriver TerminateDriver = nullptr;
-  PFN_InitializeScanner InitializeScanner = nullptr;
-  PFN_GetScannerStatusEx GetScannerStatusEx = nullptr;
-  PFN_GetScannerStatus GetScannerStatus = nullptr;
-  PFN_GetScannerAbilityEx GetScannerAbilityEx = nullptr;
-  PFN_GetScannerAbility GetScannerAbility = nullptr;
-  PFN_InitialButton InitialButton = nullptr;
-  PFN_ResetPushButton ResetPushButton = nullptr;
-  PFN_ReadPushButton ReadPushButton = nullptr;
-  PFN_SetGammaTable SetGammaTable = nullptr;
-  PFN_StartScan StartScan = nullptr;
-  PFN_ReadScan ReadScan = nullptr;
-  PFN_ReadScanEx ReadScanEx = nullptr;
-  PFN_StopScan StopScan = nullptr;
-  PFN_SetScanParameter SetScanParameter = nullptr;
-  PFN_SetPowerSaveTime SetPowerSaveTime = nullptr;
-  PFN_LampOff LampOff = nullptr;
-  PFN_GetADFStatus GetADFStatus = nullptr;
-  PFN_ReadNVMData ReadNVMData = nullptr;
-  PFN_GetLightStatus GetLightStatus = nullptr;
-  PFN_DoCancel DoCancel = nullptr;
-  PFN_WriteNVMData WriteNVMData = nullptr;
-  PFN_TuneScanLength TuneScanLength = nullptr;
+#define VSCAN_MEMBER(name) PFN_##name name = nullptr;
+  VSCAN_ENTRY_POINTS(VSCAN_MEMBER)
+#undef VSCAN_MEMBER
 };
 
 // A record as the library sends it for a colour flatbed scan at 300 dpi.

@@ -104,9 +104,13 @@ TEST(VscanRead, FeederSheetsCarryTheirNumbers) {
   v.Open();
   ScanParameter p = Colour300(1200, 80);
   p.Top = 150;  // the page mark cells
+  p.Length = 100;
   p.ScanMethod = 1;
   std::vector<std::vector<uint8_t>> pages;
+  uint8_t paper = 0;
   for (uint32_t sheet = 1; sheet <= 2; ++sheet) {
+    ASSERT_EQ(v.GetADFStatus(&paper), 1);
+    EXPECT_EQ(paper, 1) << "exactly 1 while sheets remain";
     ASSERT_EQ(v.SetScanParameter(&p), 1);
     ASSERT_EQ(v.StartScan(), 1);
     const std::vector<uint8_t> expected = Chart(GeometryOf(p, sheet), p.LineNum);
@@ -115,6 +119,13 @@ TEST(VscanRead, FeederSheetsCarryTheirNumbers) {
     ASSERT_EQ(v.StopScan(), 1);
   }
   EXPECT_FALSE(pages[0] == pages[1]);
+  ASSERT_EQ(v.GetADFStatus(&paper), 1);
+  EXPECT_EQ(paper, 0);
+  EXPECT_EQ(v.StartScan(), 0);
+  EXPECT_EQ(v.Status(), 2010u) << "paper out";
+  p.ScanMethod = 0;
+  ASSERT_EQ(v.SetScanParameter(&p), 1);
+  EXPECT_EQ(v.StartScan(), 1) << "the flatbed needs no sheet";
 }
 
 TEST(VscanRead, ShortAndFailingReads) {
