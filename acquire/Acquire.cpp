@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 
+#include "acquire/BufferedTransfer.h"
 #include "acquire/CheckParameter.h"
 #include "acquire/ProgressDialog.h"
 #include "acquire/WarmUpDialog.h"
@@ -33,18 +34,6 @@ int32_t MapDriverFailure() { return ErrorCodeMapping(driver::QueryStatusCode());
 
 bool LampWarmingUp(uint32_t status) {
   return status == SX_STATUS_WARMING_UP || status == SX_STATUS_WARMING_UP_EX;
-}
-
-// Starts the scanner; a cold lamp gets one retry after the warm-up wait. The
-// code of the first refusal is the one reported.
-int32_t StartScanner(const ScanSettings& s) {
-  if (driver::StartScan() != 0) return 0;
-  const uint32_t status = driver::QueryStatusCode();
-  if (s.Indicators != 0 && LampWarmingUp(status)) {
-    RunWarmUpDialog();
-    if (driver::StartScan() != 0) return 0;
-  }
-  return ErrorCodeMapping(status);
 }
 
 // Announces the page. The host answers the size of its transfer buffer, which
@@ -205,12 +194,6 @@ int32_t RunDirectTransfer(ScanSettings& s, SxTransferCallback callback, void* bu
   return result;
 }
 
-// Buffered mode (read and processing threads over the ring) is not yet
-// built; refusing it keeps a host from waiting on threads that never deliver.
-int32_t RunBufferedTransfer(ScanSettings&, SxTransferCallback, void*) {
-  return kBufferedNotAvailable;
-}
-
 int32_t Acquire(SxTransferCallback callback, void* buffer) {
   ScanSettings& s = gSettings;
   int32_t result = CheckParameter(s);
@@ -220,6 +203,9 @@ int32_t Acquire(SxTransferCallback callback, void* buffer) {
   s.PagesStarted = 0;
   s.PagesDelivered = 0;
   SxImageInfo(&gImageInfo);
+  // Design note: the descreen and sharpen set-ups run before a buffered
+  // transfer starts its workers (which it does itself), so that the
+  // processing thread never meets half-made filter state.
   PrepareDescreen(s);
   PrepareSharpen(s);
 
@@ -237,6 +223,17 @@ int32_t Acquire(SxTransferCallback callback, void* buffer) {
 }
 
 }  // namespace
+
+// The code of the first refusal is the one reported.
+int32_t StartScanner(const ScanSettings& s) {
+  if (driver::StartScan() != 0) return 0;
+  const uint32_t status = driver::QueryStatusCode();
+  if (s.Indicators != 0 && LampWarmingUp(status)) {
+    RunWarmUpDialog();
+    if (driver::StartScan() != 0) return 0;
+  }
+  return ErrorCodeMapping(status);
+}
 
 int32_t SxImageInfo(::SxImageInfo* info) {
   TraceLog(kTraceFile, "SxImageInfo", kTagIn, 1, 0, kKindNumber, 1);

@@ -9,9 +9,12 @@
 
 namespace sx {
 
-// The result of an acquisition asked for with Buffering set: the threaded
-// transfer is not available yet.
-inline constexpr int32_t kBufferedNotAvailable = SX_ERR_UNSUPPORTED;
+// The result of an acquisition asked for with Buffering set when the threaded
+// transfer cannot run: the workers and events of process attach are gone
+// (after SxFree), the ring is missing or has a buffer smaller than one block,
+// a raster line is longer than one block, or the host's buffer (when the
+// library can tell its size) cannot hold a processed block.
+inline constexpr int32_t kBufferedNotAvailable = SX_ERR_DRIVER;
 
 // The image description announced before every page (46 bytes).
 extern ::SxImageInfo gImageInfo;

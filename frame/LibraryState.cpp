@@ -45,13 +45,13 @@ void CreateDialogFont() {
   plat::ProfileGetString(gLib.LanguageSection, kFontFaceKey, kDefaultFontFace, gLib.TextBuffer,
                          kTextBufferSize, profile);
 
-  plat::FontSpec spec;
-  spec.Height = -plat::MulDiv(points, pixelsPerInch, kPointsPerInch);
-  spec.Weight = kFontWeightNormal;
-  static_assert(sizeof spec.FaceName == kTextBufferSize);
-  std::memcpy(spec.FaceName, gLib.TextBuffer, kTextBufferSize);
-  spec.FaceName[kTextBufferSize - 1] = '\0';
-  gLib.DialogFont = plat::CreateFont(spec);
+  plat::FontSpec font;
+  font.Height = -plat::MulDiv(points, pixelsPerInch, kPointsPerInch);
+  font.Weight = kFontWeightNormal;
+  static_assert(sizeof font.FaceName == kTextBufferSize);
+  std::memcpy(font.FaceName, gLib.TextBuffer, kTextBufferSize);
+  font.FaceName[kTextBufferSize - 1] = '\0';
+  gLib.DialogFont = plat::CreateFont(font);
 }
 
 // Nothing here is checked for failure: a worker or event that could not be

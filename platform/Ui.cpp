@@ -8,7 +8,7 @@
 namespace sx::plat {
 
 struct Font {
-  FontSpec Spec;
+  FontSpec Description;
 };
 
 namespace {
@@ -36,13 +36,13 @@ __attribute__((destructor(101))) void ReleaseFontTable() {
 // The headless screen has one resolution for every window.
 int32_t LogPixelsY(void*) { return kScreenDpi; }
 
-FontHandle CreateFont(const FontSpec& spec) {
+FontHandle CreateFont(const FontSpec& description) {
   std::lock_guard<std::mutex> guard(g_fonts.Lock);
   Font* font = nullptr;
   try {
     if (!g_fonts.Live) g_fonts.Live = new std::unordered_set<Font*>;
-    font = new Font{spec};
-    font->Spec.FaceName[sizeof font->Spec.FaceName - 1] = '\0';
+    font = new Font{description};
+    font->Description.FaceName[sizeof font->Description.FaceName - 1] = '\0';
     g_fonts.Live->insert(font);
     return font;
   } catch (...) {
@@ -60,7 +60,7 @@ void DeleteFont(FontHandle font) {
 bool DescribeFont(FontHandle font, FontSpec& out) {
   std::lock_guard<std::mutex> guard(g_fonts.Lock);
   if (!font || !g_fonts.Live || !g_fonts.Live->count(font)) return false;
-  out = font->Spec;
+  out = font->Description;
   return true;
 }
 

@@ -34,7 +34,7 @@ struct FontSpec {
 struct Font;
 using FontHandle = Font*;
 
-FontHandle CreateFont(const FontSpec& spec);
+FontHandle CreateFont(const FontSpec& description);
 void DeleteFont(FontHandle font);
 // The font's description; false for a null or deleted handle.
 bool DescribeFont(FontHandle font, FontSpec& out);

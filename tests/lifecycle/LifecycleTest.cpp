@@ -22,10 +22,10 @@ TEST(Lifecycle, DialogFontComesFromTheLanguageSectionOfTheLocalizeProfile) {
     root.WriteRegistry("[Software\\Quillmark]\n\"LOCALIZE\"=str(2):\"" +
                        (registry.empty() ? "" : file.string()) + "\"\n" + registry);
     sx::CreateDialogFont();
-    sx::plat::FontSpec spec;
-    ASSERT_TRUE(sx::plat::DescribeFont(sx::gLib.DialogFont, spec));
-    EXPECT_EQ(spec.Height, height) << registry;
-    EXPECT_STREQ(spec.FaceName, face.c_str()) << registry;
+    sx::plat::FontSpec description;
+    ASSERT_TRUE(sx::plat::DescribeFont(sx::gLib.DialogFont, description));
+    EXPECT_EQ(description.Height, height) << registry;
+    EXPECT_STREQ(description.FaceName, face.c_str()) << registry;
   }
   sx::plat::DeleteFont(sx::gLib.DialogFont);
   sx::gLib.DialogFont = nullptr;

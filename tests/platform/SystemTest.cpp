@@ -140,10 +140,10 @@ TEST(Paths, PatternsAndFolderListing) {
 }
 
 TEST(Ui, FontsAreLiveRecords) {
-  FontSpec spec;
-  spec.Height = -MulDiv(LogPixelsY(nullptr), 8, 72);
-  std::memset(spec.FaceName, 'A', sizeof spec.FaceName);  // unterminated
-  FontHandle f = CreateFont(spec);
+  FontSpec description;
+  description.Height = -MulDiv(LogPixelsY(nullptr), 8, 72);
+  std::memset(description.FaceName, 'A', sizeof description.FaceName);  // unterminated
+  FontHandle f = CreateFont(description);
   FontSpec out;
   ASSERT_TRUE(DescribeFont(f, out));
   EXPECT_EQ(out.Height, -11);
