@@ -36,6 +36,7 @@ struct Consumer {
   SxTransferCallback Callback;
   uint8_t* Buffer;
   RingNode* Cursor;
+  int32_t Announced = 0;  // pages whose code-2 call has been made
 };
 
 bool WorkersExist() {
@@ -85,7 +86,9 @@ bool PageLimitAllows(int32_t pages) {
   return limit == kNoPageLimit || pages < limit;
 }
 
-int32_t Announce(const Consumer& c) {
+// The host's answer in the count is not used in this mode.
+int32_t Announce(Consumer& c) {
+  ++c.Announced;
   int64_t count = sizeof(::SxImageInfo);
   return c.Callback(&gImageInfo, &count, SX_XFER_IMAGE_INFO);
 }
@@ -152,7 +155,9 @@ bool TakeBlock(RingNode* node, Delivery& d) {
 // rather than the node's 32-bit field, so that a host reading 64 bits never
 // sees the node's status in the high half.
 void Deliver(const Consumer& c, const Delivery& d) {
-  int64_t count = std::max<int32_t>(d.Bytes, 0);
+  // A block never holds more than one raw block's bytes; a larger count from
+  // the processing chain is not trusted past the node's buffer.
+  int64_t count = std::clamp<int32_t>(d.Bytes, 0, kBlockBytes);
   if (count > 0) {
     std::memcpy(c.Buffer, c.Cursor->Data, static_cast<size_t>(count));
     if (c.Settings.Invert != 0) InvertBuffer(c.Buffer, count);
@@ -171,7 +176,7 @@ void ReleaseNode(RingNode* node) {
 
 // After a page's last block: counts the page and, when the next one has
 // begun already, announces it now, since its start signal is being dropped.
-void EndDeliveredPage(const Consumer& c) {
+void EndDeliveredPage(Consumer& c) {
   const int32_t delivered = PagesDeliveredRef().fetch_add(1, std::memory_order_relaxed) + 1;
   if (PagesStartedRef().load(std::memory_order_acquire) > delivered) FailJob(Announce(c));
   plat::ResetEvent(gLib.PageEvent);
@@ -179,13 +184,18 @@ void EndDeliveredPage(const Consumer& c) {
 
 void Consume(Consumer& c) {
   for (;;) {
-    if (PagesStartedRef().load(std::memory_order_acquire) ==
-        PagesDeliveredRef().load(std::memory_order_relaxed)) {
+    // Design note: whether the next block's page is announced yet is counted
+    // here rather than read from the started and delivered pages alone: the
+    // read thread may start the first page before this thread first looks,
+    // and that page must still be announced.
+    if (c.Announced == PagesDeliveredRef().load(std::memory_order_relaxed)) {
       WaitForPage(c.Cursor);
       if (IsEndMark(c.Cursor)) return;
-      // After a failure no page is announced; the blocks already in the ring
-      // still go to the host below.
-      if (JobResult() == 0) FailJob(Announce(c));
+      // A page that has begun is announced even when the job has failed in
+      // the meantime, since its blocks still go to the host below.
+      if (PagesStartedRef().load(std::memory_order_acquire) > c.Announced) {
+        FailJob(Announce(c));
+      }
     }
     Delivery d;
     if (!TakeBlock(c.Cursor, d)) return;

@@ -223,7 +223,8 @@ void ProcessNode(ScanSettings& s, RingNode* node) {
 }
 
 // The node being processed when something threw; published empty so that
-// SxAcquire, which may be waiting for it, does not wait for ever.
+// SxAcquire, which may be waiting for it, does not wait for ever. Used by the
+// processing thread only.
 RingNode* tClaimed = nullptr;
 
 void ProcessJob() {

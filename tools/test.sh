@@ -7,14 +7,14 @@
 # Environment: JOBS (parallel jobs, default 2), BUILD_ROOT (folder of the build
 # trees, default build), FUZZ_SECONDS (per fuzz target, default 5),
 # TSAN_SUITES (test folders run under ThreadSanitizer, default
-# "platform lifecycle acquire"), SKIP_STAGES (e.g. "fuzz tsan").
+# "platform lifecycle acquire buffered"), SKIP_STAGES (e.g. "fuzz tsan").
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 JOBS=${JOBS:-2}
 BUILD_ROOT=${BUILD_ROOT:-build}
 FUZZ_SECONDS=${FUZZ_SECONDS:-5}
-TSAN_SUITES=${TSAN_SUITES:-"platform lifecycle acquire"}
+TSAN_SUITES=${TSAN_SUITES:-"platform lifecycle acquire buffered"}
 SKIP_STAGES=${SKIP_STAGES:-}
 
 summary=()

@@ -11,10 +11,7 @@ namespace {
 
 FakeScanner gFake;
 
-int32_t Refuse(uint32_t status) {
-  gFake.Status = status;
-  return 0;
-}
+int32_t Refuse(uint32_t status) { return gFake.Status = status, 0; }
 
 // True (with the status set) when the call is to be refused.
 bool Refused(std::vector<uint32_t>& codes) {
@@ -24,80 +21,31 @@ bool Refused(std::vector<uint32_t>& codes) {
   return code != 0 && Refuse(code) == 0;
 }
 
-int32_t SX_DRIVERAPI GetStatusEx(uint8_t*, uint8_t*, uint8_t*, uint32_t* status) {
-  gFake.Calls.push_back("GetScannerStatusEx");
-  *status = gFake.Status;
-  return 1;
-}
-
-int32_t SX_DRIVERAPI GetAdfStatus(uint8_t* paper) {
-  gFake.Calls.push_back("GetADFStatus");
-  if (Refused(gFake.AdfRefusals)) return 0;
-  *paper = gFake.Sheets > 0 ? 1 : 0;
-  return 1;
-}
-
-int32_t SX_DRIVERAPI SetScanParameter(ScanParameter* p) {
-  gFake.Calls.push_back("SetScanParameter");
-  gFake.Parameters.push_back(*p);
-  return Refused(gFake.SetParameterRefusals) ? 0 : 1;
-}
-
-int32_t SX_DRIVERAPI SetGammaTable(uint8_t*, int32_t, int32_t) {
-  ++gFake.GammaUploads;
-  return 1;
-}
-
-int32_t SX_DRIVERAPI TuneScanLength(int32_t a, int32_t b, int32_t c) {
-  gFake.Calls.push_back("TuneScanLength");
-  gFake.TuneArgs = {a, b, c};
-  return 1;
-}
+int32_t Called(const char* name, int32_t result = 1) { return gFake.Calls.push_back(name), result; }
 
 int32_t SX_DRIVERAPI StartScan() {
-  gFake.Calls.push_back("StartScan");
-  if (Refused(gFake.StartRefusals)) return 0;
+  if (Refused(gFake.StartRefusals)) return Called("StartScan", 0);
   const uint8_t method = gFake.Parameters.back().ScanMethod;
   if (method == 1 || method == 4 || method == 5) {
-    if (gFake.Sheets == 0) return Refuse(2005);
+    if (gFake.Sheets == 0) return Called("StartScan", Refuse(2005));
     --gFake.Sheets;
   }
   gFake.Offset = 0;
-  return 1;
+  return Called("StartScan");
 }
 
 int32_t SX_DRIVERAPI ReadScanEx(ReadScanRequest* request) {
   gFake.Calls.push_back("ReadScan");
   const ScanParameter& p = gFake.Parameters.back();
-  const int64_t lineBytes =
-      p.ScanMode == 4 ? 3 * p.PixelNum : p.ScanMode == 2 ? p.PixelNum : p.PixelNum / 8;
+  const int64_t lineBytes = p.ScanMode == 4 ? 3 * p.PixelNum : p.ScanMode == 2 ? p.PixelNum : p.PixelNum / 8;
   int64_t lines = p.LineNum;
   if (gFake.ShortAtLine >= 0) lines = std::min(lines, gFake.ShortAtLine);
   const int64_t wanted = request->BytesRequested;
-  if (gFake.FailAtLine >= 0 && gFake.Offset + wanted > gFake.FailAtLine * lineBytes) {
-    return Refuse(2004);
-  }
+  if (gFake.FailAtLine >= 0 && gFake.Offset + wanted > gFake.FailAtLine * lineBytes) return Refuse(2004);
   const int64_t n = std::max<int64_t>(0, std::min(wanted, lines * lineBytes - gFake.Offset));
   for (int64_t i = 0; i < n; ++i) request->Buffer[i] = PatternByte(gFake.Page, gFake.Offset + i);
   gFake.Offset += n;
   request->BytesReturned = static_cast<uint32_t>(n);
-  return 1;
-}
-
-int32_t SX_DRIVERAPI StopScan() {
-  gFake.Calls.push_back("StopScan");
-  ++gFake.Page;
-  return gFake.FailStop ? Refuse(2004) : 1;
-}
-
-int32_t SX_DRIVERAPI DoCancel() {
-  gFake.Calls.push_back("DoCancel");
-  return 1;
-}
-
-int32_t SX_DRIVERAPI GetLightStatus(uint8_t* lamp) {
-  gFake.Calls.push_back("GetLightStatus");
-  *lamp = gFake.LampWarmPolls-- > 0 ? gFake.LampWarmState : 0;
   return 1;
 }
 
@@ -117,23 +65,30 @@ FakeScanner& Fake() { return gFake; }
 
 void InstallFakeScanner() {
   gFake = FakeScanner{};
-  sx::DriverTable& d = sx::gDriver;
-  d = sx::DriverTable{};
-  d.GetScannerStatusEx = GetStatusEx;
-  d.GetADFStatus = GetAdfStatus;
-  d.SetScanParameter = SetScanParameter;
-  d.SetGammaTable = SetGammaTable;
-  d.TuneScanLength = TuneScanLength;
+  sx::DriverTable& d = sx::gDriver = sx::DriverTable{};
+  d.GetScannerStatusEx = [](uint8_t*, uint8_t*, uint8_t*, uint32_t* status) SX_DRIVERAPI {
+    return *status = gFake.Status, Called("GetScannerStatusEx");
+  };
+  d.GetADFStatus = [](uint8_t* paper) SX_DRIVERAPI {
+    if (Refused(gFake.AdfRefusals)) return Called("GetADFStatus", 0);
+    return *paper = gFake.Sheets > 0 ? 1 : 0, Called("GetADFStatus");
+  };
+  d.SetScanParameter = [](ScanParameter* p) SX_DRIVERAPI {
+    gFake.Parameters.push_back(*p);
+    return Called("SetScanParameter", Refused(gFake.SetParameterRefusals) ? 0 : 1);
+  };
+  d.SetGammaTable = [](uint8_t*, int32_t, int32_t) SX_DRIVERAPI { return ++gFake.GammaUploads, 1; };
+  d.TuneScanLength = [](int32_t a, int32_t b, int32_t c) SX_DRIVERAPI {
+    return gFake.TuneArgs = {a, b, c}, Called("TuneScanLength");
+  };
   d.StartScan = StartScan;
   d.ReadScanEx = ReadScanEx;
-  d.StopScan = StopScan;
-  d.DoCancel = DoCancel;
-  d.GetLightStatus = GetLightStatus;
+  d.StopScan = []() SX_DRIVERAPI { return ++gFake.Page, Called("StopScan", gFake.FailStop ? Refuse(2004) : 1); };
+  d.DoCancel = []() SX_DRIVERAPI { return Called("DoCancel"); };
+  d.GetLightStatus = [](uint8_t* lamp) SX_DRIVERAPI {
+    return *lamp = gFake.LampWarmPolls-- > 0 ? gFake.LampWarmState : 0, Called("GetLightStatus");
+  };
 }
-
-ScannerTest::ScannerTest()
-    : driver_(sx::gDriver), settings_(sx::gSettings), ability_(sx::gAbility),
-      parameter_(sx::gScanParameter) {}
 
 ScannerTest::~ScannerTest() {
   sx::gDriver = driver_;
@@ -145,42 +100,22 @@ ScannerTest::~ScannerTest() {
 
 void ScannerTest::SetUp() {
   InstallFakeScanner();
-  ScannerAbility& a = sx::gAbility;
-  a = ScannerAbility{};
+  ScannerAbility& a = sx::gAbility = ScannerAbility{};
   std::memcpy(a.ModelName, "FAKE1000", 8);
-  a.AbilityFlags = 1;
-  a.FlatbedMaxWidth = a.AdfMaxWidth = 2550;
-  a.FlatbedMaxLength = 3300;
-  a.AdfMaxLength = 4200;
-  a.AltAreaWidth = 1200;
-  a.AltAreaLength = 1500;
-  a.MaxResolution = 600;
-  a.PixelTypeFlags = 0xA0;
-  a.SourceFlags = 0x84;  // flatbed and feeder
+  a.AbilityFlags = 1, a.MaxResolution = 600, a.PixelTypeFlags = 0xA0, a.SourceFlags = 0x84;  // flatbed, feeder
+  a.FlatbedMaxWidth = a.AdfMaxWidth = 2550, a.FlatbedMaxLength = 3300, a.AdfMaxLength = 4200;
+  a.AltAreaWidth = 1200, a.AltAreaLength = 1500;
   a.HalftonePatternCount = 4;
   for (uint8_t i = 0; i < 8; ++i) a.HalftonePatternMap[i] = static_cast<uint8_t>(10 + i);
   a.LineartAlignment = a.GrayAlignment = a.ColorAlignment = 8;
-  a.HalftoneAlignment = 16;
-  a.DiffusionAlignment = 32;
-  a.Gray4Alignment = 4;
+  a.HalftoneAlignment = 16, a.DiffusionAlignment = 32, a.Gray4Alignment = 4;
 
-  sx::ScanSettings& s = sx::gSettings;
-  s = sx::ScanSettings{};
-  s.ScanType = 2;
+  sx::ScanSettings& s = sx::gSettings = sx::ScanSettings{};
+  s.ScanType = 2, s.PixelType = 2, s.BitsPerPixel = 24, s.Filter = 2;
   s.XResolution = s.YResolution = 300;
-  s.PixelType = 2;
-  s.BitsPerPixel = 24;
-  for (int i = 0; i < sx::kChannels; ++i) {
-    s.Highlight[i] = 255;
-    s.Gamma[i] = 100;
-    s.ToneTables[i] = tables_[i];
-  }
+  for (int i = 0; i < sx::kChannels; ++i) s.Highlight[i] = 255, s.Gamma[i] = 100, s.ToneTables[i] = tables_[i];
   s.Gamma[0] = 220;
-  s.Filter = 2;
-  s.ImageWidth = 2550;
-  s.ImageLength = 3300;
-  s.XferCount = -1;
-  s.BackgroundLines = 50;
+  s.ImageWidth = 2550, s.ImageLength = 3300, s.XferCount = -1, s.BackgroundLines = 50;
   sx::gScanParameter = ScanParameter{};
 }
 

@@ -1,6 +1,6 @@
-// A scanner simulated in the driver table's slots, for white-box tests of the
-// parameter check and the direct transfer: it serves pages of a known byte
-// pattern, refuses calls on request and records the calls it receives.
+// A scanner simulated in the driver table's slots, for white-box tests of the parameter check and
+// the direct transfer: it serves pages of a known byte pattern, refuses calls on request and
+// records the calls it receives.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -30,8 +30,7 @@ struct FakeScanner {
   std::vector<std::string> Calls;  // entry points in call order (not SetGammaTable)
   std::vector<ScanParameter> Parameters;
   std::vector<int32_t> TuneArgs;
-  int GammaUploads = 0;
-  int Page = 0;
+  int GammaUploads = 0, Page = 0;
   int64_t Offset = 0;
 
   int Count(const std::string& name) const;
@@ -47,13 +46,11 @@ FakeScanner& Fake();
 // Resets the fake and puts its entry points into gDriver.
 void InstallFakeScanner();
 
-// A colour flatbed with a feeder (600 dpi, letter flatbed, legal feeder,
-// alignment 8), settings for a 300 dpi colour scan of the whole flatbed, tone
-// tables in place and the fake bound. The library-wide records are restored
-// afterwards.
+// A colour flatbed with a feeder (600 dpi, letter flatbed, legal feeder, alignment 8), settings
+// for a 300 dpi colour scan of the whole flatbed, tone tables in place and the fake bound. The
+// library-wide records are restored afterwards.
 class ScannerTest : public ::testing::Test {
  protected:
-  ScannerTest();
   ~ScannerTest() override;
   void SetUp() override;
 
@@ -61,10 +58,10 @@ class ScannerTest : public ::testing::Test {
   uint8_t tables_[sx::kChannels][256] = {};
 
  private:
-  sx::DriverTable driver_;
-  sx::ScanSettings settings_;
-  ScannerAbility ability_;
-  ScanParameter parameter_;
+  sx::DriverTable driver_ = sx::gDriver;
+  sx::ScanSettings settings_ = sx::gSettings;
+  ScannerAbility ability_ = sx::gAbility;
+  ScanParameter parameter_ = sx::gScanParameter;
 };
 
 }  // namespace acqtest

@@ -6,7 +6,6 @@
 #include "driver/DriverTable.h"
 #include "frame/RegistryUtil.h"
 #include "modules/FakeDriver.h"
-#include "platform/Module.h"
 #include "settings/ScanSettings.h"
 
 namespace sxtest {
@@ -14,12 +13,9 @@ namespace sxtest {
 class DriverTest : public ::testing::Test {
  protected:
   void SetUp() override { sx::ResetRegistryState(); }
-
   void TearDown() override {
     sx::UnbindDriver();
-    sx::gAbility = {};
-    sx::gNvRam = {};
-    sx::gScanParameter = {};
+    sx::gAbility = {}, sx::gNvRam = {}, sx::gScanParameter = {};
     sx::gSettings.PagesDelivered = 0;
     sx::ResetRegistryState();
   }
@@ -28,12 +24,10 @@ class DriverTest : public ::testing::Test {
   void Bind(const char* path, sx::Binding binding = sx::Binding::Load) {
     sx::plat::ModuleHandle module = sx::plat::LoadModule(path);
     ASSERT_NE(module, nullptr) << path;
-    if (void* reset = sx::plat::ModuleSymbol(module, "FakeDriverReset")) {
+    if (void* reset = sx::plat::ModuleSymbol(module, "FakeDriverReset"))
       fake_ = reinterpret_cast<PFN_FakeDriverReset>(reset)();
-    }
     sx::BindDriver(module, binding);
   }
-
   std::string Calls() const { return fake_ ? fake_->Log : ""; }
 
   FakeDriverState* fake_ = nullptr;

@@ -1,15 +1,14 @@
-// A temporary root whose registry sets the trace level and the log folder, as
-// a user would configure tracing, with the level loaded the way the library
-// loads it (by a registry write).
+// A temporary root whose registry sets the trace level and sends the log to
+// <root>/logs/, with the level loaded the way the library loads it.
 #pragma once
 #include <cstdio>
-#include <string>
 
 #include "frame/RegistryUtil.h"
 #include "support/TestEnv.h"
 
 namespace sxtest {
 
+// The library reads the trace level only after a registry write.
 inline void ReloadTraceLevel() {
   sx::ResetRegistryState();
   sx::WriteRegValue(sx::kKeyOptions, "TargetTest", "Ok", sx::kKindText, 2);
@@ -17,20 +16,12 @@ inline void ReloadTraceLevel() {
 
 class TraceSetup {
  public:
-  // level < 0: no "DEBUGLEVEL" value. savePath: the "SAVEPATH" text, or the
-  // default "<root>/logs/" when null.
-  explicit TraceSetup(int level, const char* savePath = nullptr) {
-    logDir_ = root_.Path() / "logs";
+  explicit TraceSetup(int level) {  // level < 0: no "DEBUGLEVEL" value
     fs::create_directories(logDir_);
-    std::string reg = "[Software\\Quillmark]\n";
-    if (level >= 0) {
-      char line[64];
-      std::snprintf(line, sizeof line, "\"DEBUGLEVEL\"=dword:%08x\n", level);
-      reg += line;
-    }
-    const std::string path = savePath ? savePath : logDir_.string() + "/";
-    if (!path.empty()) reg += "\"SAVEPATH\"=str(2):\"" + path + "\"\n";
-    root_.WriteRegistry(reg);
+    char line[64] = "";
+    if (level >= 0) std::snprintf(line, sizeof line, "\"DEBUGLEVEL\"=dword:%08x\n", level);
+    root_.WriteRegistry("[Software\\Quillmark]\n" + std::string(line) + "\"SAVEPATH\"=str(2):\"" +
+                        logDir_.string() + "/\"\n");
     ReloadTraceLevel();
   }
   ~TraceSetup() { sx::ResetRegistryState(); }
@@ -43,7 +34,7 @@ class TraceSetup {
 
  private:
   TempRoot root_;
-  fs::path logDir_;
+  fs::path logDir_ = root_.Path() / "logs";
 };
 
 }  // namespace sxtest

@@ -20,9 +20,7 @@ class LoadSettings : public ::testing::Test {
     std::snprintf(line, sizeof line, "\"%s\"=dword:%08x\n", name, v);
     return line;
   }
-  static std::string T(const char* name, const std::string& v) {
-    return std::string("\"") + name + "\"=str(2):\"" + v + "\"\n";
-  }
+  static std::string T(const char* name, const std::string& v) { return std::string("\"") + name + "\"=str(2):\"" + v + "\"\n"; }
   sxtest::SettingsEnv env_;
 };
 
@@ -49,13 +47,12 @@ TEST_F(LoadSettings, EmptyKeyGivesTheDefaults) {
 TEST_F(LoadSettings, ScanTypeIsFittedToTheScannersSources) {
   // {stored, SourceFlags, FeatureFlags, model, firmware, fitted}
   const std::tuple<uint32_t, uint8_t, uint32_t, const char*, const char*, int> cases[] = {
-      {1, 0x80, 0, "", "", 2},          {1, 0x00, 1, "", "", 3},       {1, 0x00, 0, "", "", 4},
-      {2, 0x40, 0, "", "", 1},          {2, 0x00, 0, "", "", 4},       {3, 0x90, 0, "", "", 2},
-      {3, 0x10, 0, "", "", 1},          {4, 0x88, 0, "", "", 4},       {4, 0x20, 0, "", "", 1},
-      {4, 0x00, 0, "", "", 3},          {7, 0x80, 0, "", "", 7},       {0x103, 0x80, 1, "", "", 3},
-      {3, 0x80, 0, "QM7110", "1.00", 2}, {3, 0x80, 0, "QM7110V", "2.0", 3},
-      {3, 0x80, 0, "QMB4", "1.0", 3},    {3, 0x80, 0, "QMB4", "0.9", 2},
-      {3, 0x80, 0, "QM415CS", "0.4", 3}, {3, 0x80, 0, "QM415CS", "0.39", 2},
+      {1, 0x80, 0, "", "", 2},           {1, 0x00, 1, "", "", 3},            {1, 0x00, 0, "", "", 4},
+      {2, 0x40, 0, "", "", 1},           {2, 0x00, 0, "", "", 4},            {3, 0x90, 0, "", "", 2},
+      {3, 0x10, 0, "", "", 1},           {4, 0x88, 0, "", "", 4},            {4, 0x20, 0, "", "", 1},
+      {4, 0x00, 0, "", "", 3},           {7, 0x80, 0, "", "", 7},            {0x103, 0x80, 1, "", "", 3},
+      {3, 0x80, 0, "QM7110", "1.00", 2}, {3, 0x80, 0, "QM7110V", "2.0", 3},  {3, 0x80, 0, "QMB4", "1.0", 3},
+      {3, 0x80, 0, "QMB4", "0.9", 2},    {3, 0x80, 0, "QM415CS", "0.4", 3},  {3, 0x80, 0, "QM415CS", "0.39", 2},
   };
   for (const auto& [stored, sources, features, model, firmware, fitted] : cases) {
     ScannerAbility a{};
@@ -74,19 +71,14 @@ TEST_F(LoadSettings, StoredValuesAreNarrowedParsedAndFitted) {
   EXPECT_EQ(Load(N("FEEDERTYPE", 2), noFeederTypes).FeederType, 2);
   for (auto [pixelType, bits] : {std::pair{1u, 8}, {2u, 24}, {5u, 36}})
     EXPECT_EQ(Load(N("PIXELTYPE", pixelType) + N("BITSPERPIXEL", 36)).BitsPerPixel, bits);
-  const ScanSettings s = Load(N("XRESOLUTION", 0x12345) + N("OVERSCAN", 0xFFFF) +
-                              T("BRIGHTNESS", "  -500xyz") + T("CONTRAST_B", "+12") +
-                              T("GAMMA", "1.8") + T("GAMMA_R", "abc") + T("GAMMA_B", "1.15") +
-                              T("GAMMA_G", std::string(70, '3')) + T("XFERCOUNT", "5 pages") +
-                              T("DITHER", "Diffusion 2"));
-  EXPECT_EQ(s.XResolution, 0x2345);
-  EXPECT_EQ(s.Overscan, -1);
-  EXPECT_EQ(s.Brightness[0], -500);
-  EXPECT_EQ(s.Contrast[3], 12);
+  const ScanSettings s = Load(N("XRESOLUTION", 0x12345) + N("OVERSCAN", 0xFFFF) + T("BRIGHTNESS", "  -500xyz") +
+                              T("CONTRAST_B", "+12") + T("GAMMA", "1.8") + T("GAMMA_R", "abc") +
+                              T("GAMMA_B", "1.15") + T("GAMMA_G", std::string(70, '3')) +
+                              T("XFERCOUNT", "5 pages") + T("DITHER", "Diffusion 2"));
+  EXPECT_EQ((std::vector<int>{s.XResolution, s.Overscan, s.Brightness[0], s.Contrast[3], s.XferCount, s.Dither}),
+            (std::vector<int>{0x2345, -1, -500, 12, 5, 6}));
   EXPECT_EQ(std::vector<int>(s.Gamma, s.Gamma + 4), (std::vector<int>{180, 0, 100, 115}))
       << "too long for its room: the default; products in single precision";
-  EXPECT_EQ(s.XferCount, 5);
-  EXPECT_EQ(s.Dither, 6);
   auto cwd = env_.Localised("Diffusion=Streuung\n");
   EXPECT_EQ(Load(T("DITHER", "Streuung 2")).Dither, 6);
   EXPECT_EQ(Load(T("DITHER", "Diffusion 2")).Dither, 2) << "not the localised word";

@@ -11,7 +11,7 @@ class Lists : public ::testing::Test {
  protected:
   std::pair<int32_t, V> Ints(uint32_t cap) {
     const sxtest::ReceivedList l = Query(cap, TY_INT32);
-    return {l.Count, l.Ints()};
+    return {l.Count, l.As<int32_t>()};
   }
   sxtest::SettingsEnv env_;
   sxtest::ScriptedDriver driver_;
@@ -21,7 +21,7 @@ TEST_F(Lists, FormsAndItemSpacing) {
   EXPECT_EQ(Ints(CAP_BRIGHTNESS), (std::pair{0, V{-1000, 1000, 10}}));
   EXPECT_EQ(Query(CAP_BRIGHTNESS, TY_INT16).Items, (std::vector<uint8_t>{0x18, 0xFC, 0xE8, 3, 10, 0}));
   EXPECT_EQ(Query(CAP_HIGHLIGHT, TY_UINT8).Items, (std::vector<uint8_t>{1, 0, 255, 0, 1, 0}));
-  EXPECT_EQ(Query(CAP_CONTRAST, TY_FLOAT32).Item<float>(1), 1000.0f);
+  EXPECT_EQ(Query(CAP_CONTRAST, TY_FLOAT32).As<float>()[1], 1000.0f);
   EXPECT_EQ(Query(CAP_SHADOW, TY_STR32).Items, std::vector<uint8_t>(99, 0)) << "numbers are no text";
   EXPECT_EQ(Query(0xFFFF0000u | CAP_UNITS, 0x7777).Items, std::vector<uint8_t>(6, 0)) << "unknown type";
   EXPECT_EQ(Ints(CAP_GAMMA), (std::pair{-1, V{0}}));
@@ -33,7 +33,7 @@ TEST_F(Lists, FormsAndItemSpacing) {
                 "\"XPOSITION\"=str(2):\"1.5\"\n\"IMAGEWIDTH\"=str(2):\"1234567890\"\n");
   EXPECT_EQ(Ints(CAP_MINBUFFER), (std::pair{0, V{0x200000}}));
   EXPECT_EQ(Ints(CAP_XFERCOUNT), (std::pair{0, V{7}}));
-  EXPECT_EQ(Query(CAP_XPOSITION, TY_FLOAT32).Item<float>(0), 1.5f) << "as stored, not converted";
+  EXPECT_EQ(Query(CAP_XPOSITION, TY_FLOAT32).As<float>()[0], 1.5f) << "as stored, not converted";
   EXPECT_EQ(Ints(CAP_IMAGEWIDTH), (std::pair{1, V{2550}})) << "too long for 10 bytes";
 }
 
@@ -46,34 +46,26 @@ TEST_F(Lists, ScannerDependentLists) {
   };
   for (const auto& [cap, items] : typical) EXPECT_EQ(Ints(cap).second, items) << std::hex << cap;
   ScannerAbility& a = sx::gAbility = ScannerAbility{};
-  a.SourceFlags = 0x48;  // sheet-fed feeder and source 4
-  a.PixelTypeFlags = 0x80;
-  a.OptionFlags = 0x08;
-  a.ResolutionLimitA = 1200;
-  a.ResolutionLimitC = 800;
-  const std::pair<uint32_t, V> other[] = {
-      {CAP_SCANTYPE, {1, 4}},    {CAP_FEEDERTYPE, {0}},          {CAP_PIXELTYPE, {1}},
-      {CAP_FILTER, {1, 2, 3}},   {CAP_BITSPERPIXEL, {10}},       {CAP_BACKGROUND, {0}},
-      {CAP_XRESOLUTION, {50, 800, 1}}, {CAP_OVERSCAN, {0, 0, 0}},
-  };
+  a.SourceFlags = 0x48, a.PixelTypeFlags = 0x80, a.OptionFlags = 0x08;  // sheet-fed feeder and source 4
+  a.ResolutionLimitA = 1200, a.ResolutionLimitC = 800;
+  const std::pair<uint32_t, V> other[] = {{CAP_SCANTYPE, {1, 4}}, {CAP_FEEDERTYPE, {0}}, {CAP_PIXELTYPE, {1}},
+                                          {CAP_FILTER, {1, 2, 3}}, {CAP_BITSPERPIXEL, {10}}, {CAP_BACKGROUND, {0}},
+                                          {CAP_XRESOLUTION, {50, 800, 1}}, {CAP_OVERSCAN, {0, 0, 0}}};
   for (const auto& [cap, items] : other) EXPECT_EQ(Ints(cap).second, items) << std::hex << cap;
-}
-
-TEST_F(Lists, LengthsAndWidthsInUnits) {
-  sx::gAbility.AltAreaLength = 1800;
-  sx::gAbility.SourceFlags |= 0x08;
+  a = sxtest::TypicalAbility();
+  a.AltAreaLength = 1800, a.SourceFlags |= 0x08;
   sx::gSettings.Units = 7;
   EXPECT_EQ(Ints(CAP_MAXLENGTHS), (std::pair{4, V{4200, 3508, 1800, 1800}}));
   for (auto [units, width] : {std::pair{0, 8.5f}, {1, 8.5f * 2.54f}}) {
     sx::gSettings.Units = static_cast<uint8_t>(units);
-    EXPECT_EQ(Query(CAP_MAXWIDTHS, TY_FLOAT32).Item<float>(1), width);
+    EXPECT_EQ(Query(CAP_MAXWIDTHS, TY_FLOAT32).As<float>()[1], width);
   }
 }
 
 TEST_F(Lists, NamesNeedATextTypeAndSetBackTheirNumbers) {
   const auto names = Query(CAP_DITHER, TY_STR32);
-  const char* expected[] = {"None", "Halftone 1", "Halftone 2", "Halftone 3", "Halftone 4",
-                            "Diffusion 1", "Diffusion 2"};
+  const char* expected[] = {"None", "Halftone 1", "Halftone 2", "Halftone 3", "Halftone 4", "Diffusion 1",
+                            "Diffusion 2"};
   ASSERT_EQ(names.Count, 7);
   ASSERT_EQ(names.Items.size(), 7u * 33);
   for (int i = 0; i < 7; ++i) {

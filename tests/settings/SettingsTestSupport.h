@@ -1,16 +1,12 @@
-// Shared pieces of the settings tests: a recording stand-in for the driver,
-// an address that faults, a reader for SxQueryData lists, and a clean
-// environment with the virtual scanner's abilities.
+// Shared pieces of the settings tests: a recording stand-in for the driver, an address that
+// faults, a reader for SxQueryData lists, a clean environment with the virtual scanner's abilities.
 #pragma once
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <initializer_list>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "driver/DriverTable.h"
 #include "frame/LibraryState.h"
@@ -31,10 +27,7 @@ struct DriverScript {
   uint32_t RasterBytes = 0;
 };
 inline DriverScript gScript;
-inline int32_t Called(const std::string& call) {
-  gScript.Calls.push_back(call);
-  return gScript.Result;
-}
+inline int32_t Called(const std::string& call) { return gScript.Calls.push_back(call), gScript.Result; }
 
 struct ScriptedDriver {
   ScriptedDriver() {
@@ -44,13 +37,11 @@ struct ScriptedDriver {
     d.WriteNVMData = [](NvRam* r) SX_DRIVERAPI { return Called("Write" + std::to_string(r->PowerSaveTime)); };
     d.SetPowerSaveTime = [](uint32_t t) SX_DRIVERAPI { return Called("PowerSave" + std::to_string(t)); };
     d.ReadPushButton = [](uintptr_t r) SX_DRIVERAPI {
-      std::memcpy(reinterpret_cast<void*>(r), gScript.Button, 24);
-      return Called("ReadPushButton");
+      return std::memcpy(reinterpret_cast<void*>(r), gScript.Button, 24), Called("ReadPushButton");
     };
     d.ResetPushButton = []() SX_DRIVERAPI { return Called("ResetPushButton"); };
     d.InitialButton = [](uintptr_t r) SX_DRIVERAPI {
-      std::memcpy(reinterpret_cast<uint8_t*>(r) + 4, &gScript.Buttons, 2);
-      return Called("InitialButton");
+      return std::memcpy(reinterpret_cast<uint8_t*>(r) + 4, &gScript.Buttons, 2), Called("InitialButton");
     };
     d.GetADFStatus = [](uint8_t* paper) SX_DRIVERAPI { return *paper = 1, Called("GetADFStatus"); };
     d.GetBackgroundRaster = [](uintptr_t, uint32_t bytes) SX_DRIVERAPI {
@@ -76,19 +67,12 @@ struct ReceivedList {
   int32_t Count = 0;
   std::vector<uint8_t> Items;
   template <class T>
-  T Item(size_t i) const {
-    T v{};
-    std::memcpy(&v, Items.data() + i * sizeof(T), sizeof(T));
+  std::vector<T> As() const {
+    std::vector<T> v(Items.size() / sizeof(T));
+    std::memcpy(v.data(), Items.data(), v.size() * sizeof(T));
     return v;
   }
-  std::string Text(size_t i, size_t stride) const {
-    return reinterpret_cast<const char*>(Items.data() + i * stride);
-  }
-  std::vector<int32_t> Ints() const {
-    std::vector<int32_t> v(Items.size() / 4);
-    std::memcpy(v.data(), Items.data(), v.size() * 4);
-    return v;
-  }
+  std::string Text(size_t i, size_t stride) const { return reinterpret_cast<const char*>(&Items[i * stride]); }
 };
 
 inline ReceivedList Query(uint32_t capability, uint32_t type) {
@@ -114,23 +98,16 @@ inline ScannerAbility TypicalAbility() {
   ScannerAbility a{};
   std::memcpy(a.ModelName, "QM7110V", 7);
   std::memcpy(a.FirmwareVersion, "1.00", 4);
-  a.FeatureFlags = 0x11;
-  a.FlatbedMaxWidth = a.AdfMaxWidth = 2550;
-  a.FlatbedMaxLength = 3508;
-  a.AdfMaxLength = 4200;
+  a.FeatureFlags = 0x11, a.ExtraFlags = 0x180;
+  a.FlatbedMaxWidth = a.AdfMaxWidth = 2550, a.FlatbedMaxLength = 3508, a.AdfMaxLength = 4200;
   a.MaxResolution = a.ResolutionLimitA = a.ResolutionLimitB = 600;
   a.ResolutionLimitC = a.ResolutionLimitD = 1200;
-  a.PixelTypeFlags = 0xA0;
-  a.SourceFlags = 0xE4;
-  a.OptionFlags = 0xD2;
-  a.HalftonePatternCount = 4;
-  a.DiffusionPatternCount = 2;
-  a.ExtraFlags = 0x180;
+  a.PixelTypeFlags = 0xA0, a.SourceFlags = 0xE4, a.OptionFlags = 0xD2;
+  a.HalftonePatternCount = 4, a.DiffusionPatternCount = 2;
   return a;
 }
 
-// A temporary root, forgotten registry state, a clean settings record and
-// the typical scanner.
+// A temporary root, forgotten registry state, a clean settings record and the typical scanner.
 struct SettingsEnv {
   SettingsEnv() {
     sx::ResetRegistryState();
@@ -143,11 +120,8 @@ struct SettingsEnv {
     sx::gSettings = sx::ScanSettings{};
     sx::ResetRegistryState();
   }
-  void ScanData(const std::string& values) const {
-    Root.WriteRegistry("[Software\\Quillmark\\ScanData]\n" + values);
-  }
-  // "langpack.loc" with section 0407 in `dir`, the current directory for
-  // the life of the returned object.
+  void ScanData(const std::string& values) const { Root.WriteRegistry("[Software\\Quillmark\\ScanData]\n" + values); }
+  // "langpack.loc" with section 0407 in `dir`, the current directory while the result lives.
   std::shared_ptr<void> Localised(const std::string& keys, fs::path dir = {}) const {
     if (dir.empty()) dir = Root.Path() / "cwd";
     WriteFile(dir / "langpack.loc", "[0407]\n" + keys);

@@ -7,37 +7,96 @@
 namespace sxtest {
 namespace {
 
-const SxDataSource& Find(const std::vector<SxDataSource>& list, const std::string& name) {
-  static const SxDataSource kNone{};
-  for (const SxDataSource& ds : list) {
+SxDataSource Find(const std::vector<SxDataSource>& list, const std::string& name) {
+  for (const SxDataSource& ds : list)
     if (Text(ds.DisplayName) == name) return ds;
-  }
-  ADD_FAILURE() << "not listed: " << name;
-  return kNone;
+  return {};  // unlike any listed entry
 }
 
-TEST(Discovery, EntriesDescribeTheDriverAtEachFolderLevel) {
+std::string Fields(const SxDataSource& ds) {
+  return Text(ds.DisplayName) + "|" + Text(ds.FileName) + "|" + Text(ds.Directory) + "|" +
+         Text(ds.FileVersion) + "|" + Text(ds.Vendor) + "|" + Text(ds.PortName);
+}
+
+// One tree: drivers at every folder level, names from various abilities, candidates to reject.
+// Shift is held: with drivers present that adds no "Sample" source.
+TEST(Discovery, WhatIsListedAndHowEntriesDescribeIt) {
   TempRoot root;
-  const std::string twain = root.Twain().string() + "/";
+  ScopedEnv shift("SX_SHIFT_HELD", "1");
+  const std::string twain = root.Twain().string() + "/", qm = DisplayName("USB", "QM7110");
   root.InstallVscan("Corvane/QM7110", ScannerIni("QM7110"), DefaultVersionText("1, 0, 8, 107"));
   root.InstallVscan("Corvane", ScannerIni("InMaker"), DefaultVersionText(), "maker.dll");
   root.InstallVscan("", ScannerIni("AtTop"), DefaultVersionText(), "top.DLL");
+  Strings expected = {qm, DisplayName("USB", "InMaker"), DisplayName("USB", "AtTop")};
+  std::vector<std::pair<std::string, std::string>> directories = {{expected[1], twain + "Corvane/"},
+                                                                  {expected[2], twain}};
+
+  // {port, model, firmware, DeviceId, display name, device number}
+  const std::tuple<std::string, std::string, std::string, std::string, std::string, uint8_t> named[] = {
+      {"scsi-2", "QM2000", "2.10", "3", "ID#3 - QM2000              2.10", 3},
+      {"PARALLEL1", "PortCut", "1.00", "7", DisplayName("PARALLEL", "PortCut"), 7},
+      {"USB", "Blank", "1.0 b", "x", DisplayName("USB", "Blank", "1.0"), 0},
+      {"USB", "FwCut", "12345", "51", DisplayName("USB", "FwCut", "1234"), 3},
+      {"USB", "ABCDEFGHIJKLMNOPQRST", "1.00", "12", DisplayName("USB", "ABCDEFGHIJKLMNOPQRST"), 12 - 48},
+  };
+  for (const auto& [port, model, firmware, id, name, device] : named) {
+    root.InstallVscan("C/" + model, ScannerIni(model, port, firmware, id));
+    expected.push_back(name);
+  }
+
+  const std::string tr = "\\VarFileInfo\\Translation=hex:", us = "\\StringFileInfo\\040904B0\\",
+                    de = "\\StringFileInfo\\040704E4\\", v = DefaultVersionText();
+  const std::string german = tr + "07 04 e4 04\n" + de + "CompanyName=corvane\n" + de + "FileVersion=1\n",
+                    twoLanguages = tr + "09 04 b0 04 07 04 e4 04\n" + us + "CompanyName=Corvane\n" + us +
+                                   "FileVersion=1\n";
+  // {folder, file, model, injected fault, version record, listed}
+  const std::tuple<std::string, std::string, std::string, std::string, std::string, bool> checked[] = {
+      {"A/Company", "vscan.dll", "Company", "", v, true},
+      {"A/Product", "vscan.dll", "Product", "", DefaultVersionText("1", "Other", "CORVANE x"), true},
+      {"A/Foreign", "vscan.dll", "Foreign", "", DefaultVersionText("1", "Other", "Other"), false},
+      {"A/Short", "vscan.dll", "Short", "", DefaultVersionText("1", "Corv", "Corv"), false},
+      {"A/German", "vscan.dll", "German", "", german, true},
+      {"A/TwoLang", "vscan.dll", "TwoLang", "", twoLanguages, false},
+      {"A/NoRecord", "vscan.dll", "NoRecord", "", "", false},
+      {"A/NoVersion", "vscan.dll", "NoVersion", "", tr + "09 04 b0 04\n" + us + "CompanyName=Corvane\n", false},
+      {"A/NoModel", "vscan.dll", "", "", v, false},
+      {"A/Scanner", "vscan.dll", "Scanner", "FailInitializeScanner=1", v, false},
+      {"A/Driver", "vscan.dll", "Driver", "FailInitializeDriver=1", v, false},
+      {"Manager", "TWDSM32.dll", "Manager", "", v, false},   // files in a maker folder
+      {"Renamed", "vscan.dll.old", "Renamed", "", v, false},
+  };
+  for (const auto& [dir, file, model, fault, version, listed] : checked) {
+    root.InstallVscan(dir, ScannerIni(model, "USB", "1.00", "0", "[Faults]\n" + fault + "\n"), version, file);
+    if (listed) expected.push_back(DisplayName("USB", model));
+  }
+
+  // Copies of one scanner make one entry with the greatest version text.
+  // {maker, versions in the folders the walk meets first and second, the winner}
+  const std::tuple<std::string, std::string, std::string, int> copies[] = {
+      {"Twin0", "1, 0, 0, 5", "1, 0, 1, 0", 1}, {"Twin1", "1, 0, 1, 0", "1, 0, 0, 5", 0},
+      {"Twin2", "1, 0, 10, 0", "1, 0, 9, 0", 1}, {"Twin3", "1, 0, 1, 0", "1, 0, 1, 0", 0}};  // as text
+  for (const auto& [maker, first, second, winner] : copies) {
+    fs::create_directories(root.Twain() / maker / "P");
+    fs::create_directories(root.Twain() / maker / "Q");
+    Strings folders = sx::plat::FindFiles((root.Twain() / maker).string() + "/", "*.*");
+    std::erase_if(folders, [](const std::string& n) { return n[0] == '.'; });
+    root.InstallVscan(maker + "/" + folders[0], ScannerIni(maker), DefaultVersionText(first));
+    root.InstallVscan(maker + "/" + folders[1], ScannerIni(maker), DefaultVersionText(second));
+    expected.push_back(DisplayName("USB", maker));
+    directories.emplace_back(expected.back(), twain + maker + "/" + folders[winner] + "/");
+  }
+  std::sort(expected.begin(), expected.end());
+
   Library lib;
   const auto list = Enumerate(lib);
-  ASSERT_EQ(list.size(), 3u);
-  const SxDataSource& qm = Find(list, DisplayName("USB", "QM7110"));
-  EXPECT_EQ(Text(qm.Directory), twain + "Corvane/QM7110/");
-  EXPECT_EQ(Text(qm.FileName), "vscan.dll");
-  EXPECT_EQ(Text(qm.FileVersion), "1,0,8,107");
-  EXPECT_EQ(Text(qm.Vendor), "CORVANE");
-  EXPECT_EQ(Text(qm.PortName), "USB");
-  EXPECT_EQ(Text(Find(list, DisplayName("USB", "InMaker")).Directory), twain + "Corvane/");
-  EXPECT_EQ(Text(Find(list, DisplayName("USB", "AtTop")).Directory), twain);
+  EXPECT_EQ(SortedNames(list), expected);
+  EXPECT_EQ(Fields(Find(list, qm)), qm + "|vscan.dll|" + twain + "Corvane/QM7110/|1,0,8,107|CORVANE|USB");
+  for (const auto& [port, model, firmware, id, name, device] : named)
+    EXPECT_EQ(Find(list, name).DeviceNumber, device) << name;
+  for (const auto& [name, directory] : directories) EXPECT_EQ(Text(Find(list, name).Directory), directory);
 
-  // The end stays the end; message 2 starts over; any other message repeats
-  // the entry at the cursor.
+  // The end stays the end; message 2 starts over; other messages repeat the entry at the cursor.
   SxDataSource ds{}, again{};
-  EXPECT_EQ(lib.GetDS(SX_DS_NEXT, &ds), SX_ERR_NO_SOURCE);
   EXPECT_EQ(lib.GetDS(SX_DS_NEXT, &ds), SX_ERR_NO_SOURCE);
   ASSERT_EQ(lib.GetDS(SX_DS_FIRST, &ds), 0);
   ASSERT_EQ(lib.GetDS(0x10007, &again), 0);
@@ -46,115 +105,18 @@ TEST(Discovery, EntriesDescribeTheDriverAtEachFolderLevel) {
   EXPECT_NE(Text(again.DisplayName), Text(ds.DisplayName));
 }
 
-TEST(Discovery, DisplayNameAndDeviceNumberFollowTheAbilities) {
-  struct Case {
-    std::string Port, Model, Firmware, DeviceId, Name;
-    uint8_t Device;
-  };
-  const std::vector<Case> cases = {
-      {"scsi-2", "QM2000", "2.10", "3", "ID#3 - QM2000              2.10", 3},
-      {"PARALLEL1", "PortCut", "1.00", "7", DisplayName("PARALLEL", "PortCut"), 7},
-      {"USB", "Blank", "1.0 b", "x", DisplayName("USB", "Blank", "1.0"), 0},
-      {"USB", "FwCut", "12345", "51", DisplayName("USB", "FwCut", "1234"), 3},
-      {"USB", "ABCDEFGHIJKLMNOPQRST", "1.00", "12", DisplayName("USB", "ABCDEFGHIJKLMNOPQRST"),
-       uint8_t(12 - 48)},
-  };
-  TempRoot root;
-  for (size_t i = 0; i < cases.size(); ++i) {
-    const Case& c = cases[i];
-    root.InstallVscan("C/" + std::to_string(i), ScannerIni(c.Model, c.Port, c.Firmware, c.DeviceId));
-  }
-  Library lib;
-  const auto list = Enumerate(lib);
-  EXPECT_EQ(list.size(), cases.size());
-  for (const Case& c : cases) EXPECT_EQ(Find(list, c.Name).DeviceNumber, c.Device) << c.Name;
-}
-
-TEST(Discovery, OnlyVerifiedDriversOfTheMakerAreListed) {
-  const std::string record = "\\VarFileInfo\\Translation=hex:";
-  const std::string strings = "\\CompanyName=Corvane\n\\StringFileInfo\\040904B0\\FileVersion=1\n";
-  const auto ini = [](const std::string& model, const std::string& faults = "") {
-    return ScannerIni(model, "USB", "1.00", "0", "[Faults]\n" + faults + "\n");
-  };
-  struct Case {
-    std::string Dir, File, Ini, Version;
-    bool Listed;
-  };
-  const std::vector<Case> cases = {
-      {"Company", "vscan.dll", ini("Company"), DefaultVersionText(), true},
-      {"Product", "vscan.dll", ini("Product"), DefaultVersionText("1", "Other", "CORVANE x"), true},
-      {"Foreign", "vscan.dll", ini("Foreign"), DefaultVersionText("1", "Other", "Other"), false},
-      {"Short", "vscan.dll", ini("Short"), DefaultVersionText("1", "Corv", "Corv"), false},
-      {"German", "vscan.dll", ini("German"),
-       record + "07 04 e4 04\n\\StringFileInfo\\040704E4\\CompanyName=corvane\n"
-                "\\StringFileInfo\\040704E4\\FileVersion=1\n", true},
-      {"TwoLang", "vscan.dll", ini("TwoLang"),
-       record + "09 04 b0 04 07 04 e4 04\n\\StringFileInfo\\040904B0" + strings, false},
-      {"NoRecord", "vscan.dll", ini("NoRecord"), "", false},
-      {"NoVersion", "vscan.dll", ini("NoVersion"),
-       record + "09 04 b0 04\n\\StringFileInfo\\040904B0\\CompanyName=Corvane\n", false},
-      {"Manager", "TWDSM32.dll", ini("Manager"), DefaultVersionText(), false},
-      {"NoModel", "vscan.dll", ini(""), DefaultVersionText(), false},
-      {"Scanner", "vscan.dll", ini("Scanner", "FailInitializeScanner=1"), DefaultVersionText(),
-       false},
-      {"Driver", "vscan.dll", ini("Driver", "FailInitializeDriver=1"), DefaultVersionText(), false},
-      {"", "vscan.dll.old", ini("Renamed"), DefaultVersionText(), false},
-  };
-  TempRoot root;
-  Strings expected;
-  for (const Case& c : cases) {
-    root.InstallVscan(c.Dir.empty() ? "" : "A/" + c.Dir, c.Ini, c.Version, c.File);
-    if (c.Listed) expected.push_back(DisplayName("USB", c.Dir));
-  }
-  std::sort(expected.begin(), expected.end());
-  Library lib;
-  EXPECT_EQ(SortedNames(Enumerate(lib)), expected);
-}
-
-TEST(Discovery, CopiesOfOneScannerMakeOneEntryWithTheGreatestVersionText) {
-  struct Case {
-    std::string First, Second;  // versions in the folders the walk meets first and second
-    int Winner;
-  };
-  const std::vector<Case> cases = {
-      {"1, 0, 0, 5", "1, 0, 1, 0", 1},
-      {"1, 0, 1, 0", "1, 0, 0, 5", 0},
-      {"1, 0, 10, 0", "1, 0, 9, 0", 1},  // compared as text
-      {"1, 0, 1, 0", "1, 0, 1, 0", 0},
-  };
-  for (const Case& c : cases) {
-    TempRoot root;
-    fs::create_directories(root.Twain() / "C" / "P");
-    fs::create_directories(root.Twain() / "C" / "Q");
-    Strings folders = sx::plat::FindFiles(root.Twain().string() + "/C/", "*.*");
-    std::erase_if(folders, [](const std::string& n) { return n[0] == '.'; });
-    ASSERT_EQ(folders.size(), 2u);
-    root.InstallVscan("C/" + folders[0], ScannerIni("Twin"), DefaultVersionText(c.First));
-    root.InstallVscan("C/" + folders[1], ScannerIni("Twin"), DefaultVersionText(c.Second));
-    Library lib;
-    const auto list = Enumerate(lib);
-    ASSERT_EQ(list.size(), 1u) << c.First << " / " << c.Second;
-    EXPECT_EQ(Text(list[0].Directory), root.Twain().string() + "/C/" + folders[c.Winner] + "/")
-        << c.First << " / " << c.Second;
-  }
-}
-
 TEST(Discovery, NamesThatDoNotFitTheirFieldsAreSkippedNeverCut) {
   TempRoot root;
-  // A deeper root sized so that <root>/windows/twain_32/ + a 30-character
-  // maker folder + a 29-character model folder fills Directory's 124
-  // characters exactly.
+  // A deeper root sized so that <root>/windows/twain_32/ + a 30-character maker folder
+  // + a 29-character model folder fills Directory's 124 characters exactly.
   const size_t pad = 124 - (root.Path().string().size() + 1 + 18 + 31 + 30);
   const fs::path deep = root.Path() / std::string(pad, 'r');
-  const std::string twain = "../../" + deep.filename().string() + "/windows/twain_32/";
-  const std::string maker(30, 'm');
+  const std::string twain = "../../" + deep.filename().string() + "/windows/twain_32/", maker(30, 'm');
   root.InstallVscan(twain + maker + "/" + std::string(29, 'a'), ScannerIni("Fits"));
   root.InstallVscan(twain + maker + "/" + std::string(30, 'b'), ScannerIni("TooDeep"));
   root.InstallVscan(twain + std::string(31, 'c') + "/m", ScannerIni("LongFolder"));
-  root.InstallVscan(twain + "f", ScannerIni("LongFile"), DefaultVersionText(),
-                    std::string(29, 'f') + ".dll");
-  root.InstallVscan(twain + "g", ScannerIni("MaxFile"), DefaultVersionText(),
-                    std::string(28, 'g') + ".dll");
+  root.InstallVscan(twain + "f", ScannerIni("LongFile"), DefaultVersionText(), std::string(29, 'f') + ".dll");
+  root.InstallVscan(twain + "g", ScannerIni("MaxFile"), DefaultVersionText(), std::string(28, 'g') + ".dll");
   ScopedEnv deepRoot("SX_ROOT", deep.c_str());
   Library lib;
   const auto list = Enumerate(lib);
@@ -165,29 +127,21 @@ TEST(Discovery, NamesThatDoNotFitTheirFieldsAreSkippedNeverCut) {
 
 TEST(Discovery, SampleSourceOnlyWithShiftHeldAndNoDrivers) {
   TempRoot root;
-  {
-    Library lib;
-    SxDataSource ds{};
-    EXPECT_EQ(lib.GetDS(SX_DS_NEXT, &ds), SX_ERR_NO_SOURCE);
-    EXPECT_EQ(lib.GetDS(SX_DS_FIRST, &ds), SX_ERR_NO_SOURCE);
-    ScopedEnv shift("SX_SHIFT_HELD", "1");
-    ASSERT_EQ(lib.GetDS(SX_DS_FIRST, &ds), 0);
-    EXPECT_EQ(Text(ds.DisplayName) + "|" + Text(ds.FileName) + "|" + Text(ds.Directory) + "|" +
-                  Text(ds.FileVersion) + "|" + Text(ds.Vendor) + "|" + Text(ds.PortName),
-              "ID#0 -        Sample 0.00|Sample.dll|/|0.00|Corvane Inc.|Sample");
-    EXPECT_EQ(lib.GetDS(SX_DS_NEXT, &ds), SX_ERR_NO_SOURCE);
-    EXPECT_EQ(lib.GetDS(SX_DS_FIRST, &ds), 0);
-    EXPECT_EQ(lib.GetDS(SX_DS_FIRST, reinterpret_cast<SxDataSource*>(8)), SX_ERR_NO_SOURCE);
-    // Chosen, it runs without a module as the "Test Sample" scanner.
-    EXPECT_EQ(lib.SetDriverById(&ds, 0), 0);
-    char model[33] = {};
-    EXPECT_EQ(lib.GetValue(CAP_MODELNAME, TY_STR32, model), 0);
-    EXPECT_STREQ(model, "Test Sample");
-  }
-  root.InstallVscan("Corvane/QM7110", ScannerIni("QM7110"));
-  ScopedEnv shift("SX_SHIFT_HELD", "1");
   Library lib;
-  EXPECT_EQ(SortedNames(Enumerate(lib)), Strings{DisplayName("USB", "QM7110")});
+  SxDataSource ds{};
+  EXPECT_EQ(lib.GetDS(SX_DS_NEXT, &ds), SX_ERR_NO_SOURCE);
+  EXPECT_EQ(lib.GetDS(SX_DS_FIRST, &ds), SX_ERR_NO_SOURCE);
+  ScopedEnv shift("SX_SHIFT_HELD", "1");
+  ASSERT_EQ(lib.GetDS(SX_DS_FIRST, &ds), 0);
+  EXPECT_EQ(Fields(ds), "ID#0 -        Sample 0.00|Sample.dll|/|0.00|Corvane Inc.|Sample");
+  EXPECT_EQ(lib.GetDS(SX_DS_NEXT, &ds), SX_ERR_NO_SOURCE);
+  EXPECT_EQ(lib.GetDS(SX_DS_FIRST, &ds), 0);
+  EXPECT_EQ(lib.GetDS(SX_DS_FIRST, reinterpret_cast<SxDataSource*>(8)), SX_ERR_NO_SOURCE);
+  // Chosen, it runs without a module as the "Test Sample" scanner.
+  EXPECT_EQ(lib.SetDriverById(&ds, 0), 0);
+  char model[33] = {};
+  EXPECT_EQ(lib.GetValue(CAP_MODELNAME, TY_STR32, model), 0);
+  EXPECT_STREQ(model, "Test Sample");
 }
 
 }  // namespace

@@ -12,8 +12,8 @@ namespace sxtest {
 using Strings = std::vector<std::string>;
 
 inline std::string ScannerIni(const std::string& model, const std::string& port = "USB",
-                              const std::string& firmware = "1.00",
-                              const std::string& deviceId = "0", const std::string& extra = "") {
+                              const std::string& firmware = "1.00", const std::string& deviceId = "0",
+                              const std::string& extra = "") {
   return "[Scanner]\nModel=" + model + "\nPort=" + port + "\nFirmware=" + firmware +
          "\nDeviceId=" + deviceId + "\n" + extra;
 }
@@ -25,16 +25,11 @@ inline std::string DisplayName(const std::string& port, const std::string& model
 }
 
 template <size_t N>
-std::string Text(const char (&field)[N]) {
-  return std::string(field, strnlen(field, N));
-}
+std::string Text(const char (&field)[N]) { return std::string(field, strnlen(field, N)); }
 
 inline std::vector<SxDataSource> Enumerate(const Library& lib) {
   std::vector<SxDataSource> out;
-  SxDataSource ds{};
-  for (int32_t r = lib.GetDS(SX_DS_FIRST, &ds); r == 0; r = lib.GetDS(SX_DS_NEXT, &ds)) {
-    out.push_back(ds);
-  }
+  for (SxDataSource ds{}; lib.GetDS(out.empty() ? SX_DS_FIRST : SX_DS_NEXT, &ds) == 0;) out.push_back(ds);
   return out;
 }
 
@@ -50,20 +45,17 @@ inline std::string SourceNameLine(const std::string& name) {
 }
 
 // A vscan copy that logs the calls it receives to calls.log beside it.
-inline std::string LoggedIni(const fs::path& log, const std::string& model,
-                             const std::string& extra = "") {
+inline std::string LoggedIni(const fs::path& log, const std::string& model, const std::string& extra = "") {
   return ScannerIni(model, "USB", "1.00", "0", extra + "[Log]\nFile=" + log.string() + "\n");
 }
 
-inline fs::path InstallLogged(const TempRoot& root, const std::string& relDir,
-                              const std::string& model) {
+inline fs::path InstallLogged(const TempRoot& root, const std::string& relDir, const std::string& model) {
   const fs::path log = root.Twain() / relDir / "calls.log";
   root.InstallVscan(relDir, LoggedIni(log, model));
   return log;
 }
 
-// How many calls of `entryPoint` the log holds; the log is emptied, so the
-// next count sees only later calls.
+// How many calls of `entryPoint` the log holds; emptied, so the next count sees later calls.
 inline int TakeCalls(const fs::path& log, const std::string& entryPoint) {
   int n = 0;
   for (const std::string& line : ReadLines(log)) n += line.rfind(entryPoint + "(", 0) == 0;
@@ -72,17 +64,15 @@ inline int TakeCalls(const fs::path& log, const std::string& entryPoint) {
   return n;
 }
 
-// "tag|label|value" for each line of the trace log whose label is listed;
-// timestamp lines and trailing blanks are left out.
+// "tag|label|value" per trace line whose label is listed; no timestamps or trailing blanks.
 inline Strings ReadTrace(const TempRoot& root, const Strings& labels) {
   static const std::regex kLine(R"(^(.*?)  -?\d+: (.*?) : ?(.*?) *$)");
   Strings out;
   for (const std::string& line : ReadLines(root.Path() / "scandiag.txt")) {
     std::smatch m;
     if (std::regex_match(line, m, kLine) &&
-        std::find(labels.begin(), labels.end(), m[2].str()) != labels.end()) {
+        std::find(labels.begin(), labels.end(), m[2].str()) != labels.end())
       out.push_back(m[1].str() + "|" + m[2].str() + "|" + m[3].str());
-    }
   }
   return out;
 }
