@@ -1,3 +1,4 @@
+#include "platform/Text.h"
 #include "platform/Paths.h"
 
 #include <dirent.h>
@@ -29,7 +30,6 @@ std::string HomeDirectory() {
   return ".";
 }
 
-char Lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 
 // Glob matching with '*' and '?', without regard to case; iterative with one
 // backtrack point, so hostile patterns stay linear-ish and never recurse.
@@ -37,7 +37,7 @@ bool Glob(const char* name, size_t nameLen, const char* pat, size_t patLen) {
   size_t n = 0, p = 0;
   size_t starP = std::string::npos, starN = 0;
   while (n < nameLen) {
-    if (p < patLen && (pat[p] == '?' || Lower(pat[p]) == Lower(name[n]))) {
+    if (p < patLen && (pat[p] == '?' || AsciiLower(pat[p]) == AsciiLower(name[n]))) {
       ++n;
       ++p;
     } else if (p < patLen && pat[p] == '*') {

@@ -1,3 +1,4 @@
+#include "platform/Text.h"
 #include "platform/ProfileText.h"
 
 #include <cstdint>
@@ -14,14 +15,6 @@ struct Line {
   std::string_view Value;    // key lines: trimmed value, quotes kept
 };
 
-char Lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
-
-bool EqualNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (Lower(a[i]) != Lower(b[i])) return false;
-  return true;
-}
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 

@@ -1,3 +1,4 @@
+#include "platform/Text.h"
 #include "platform/System.h"
 
 #include <fcntl.h>
@@ -15,11 +16,10 @@ namespace sx::plat {
 
 namespace {
 
-char Lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 
 bool StartsNoCase(const char* s, const char* prefix) {
   for (; *prefix; ++s, ++prefix)
-    if (Lower(*s) != Lower(*prefix)) return false;
+    if (AsciiLower(*s) != AsciiLower(*prefix)) return false;
   return true;
 }
 

@@ -3,7 +3,7 @@
 # sanitizers) straight from the platform sources and runs each one for a
 # bounded time on its seed corpus.
 #
-#   tools/fuzz.sh [target...]      targets: registry profile version (default: all)
+#   tools/fuzz.sh [target...]      targets: registry profile version values (default: all)
 #
 # Environment: FUZZ_SECONDS (default 20) per target; FUZZ_BUILD_DIR (default
 # build-fuzz). Needs: apt-get install clang libclang-rt-14-dev
@@ -23,9 +23,14 @@ declare -A sources=(
   [profile]="platform/ProfileText.cpp"
   [version]="platform/VersionRecord.cpp platform/VersionBlock.cpp"
 )
+# Host values go through the whole library: every source but the shared
+# object's attach hooks.
+core=$(cd "$root" && ls frame/*.cpp driver/*.cpp sources/*.cpp settings/*.cpp acquire/*.cpp \
+  imaging/*.cpp platform/*.cpp | grep -v '^frame/Attach\.cpp$' | tr '\n' ' ')
+sources[values]="$core"
 
 targets=("$@")
-[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version)
+[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version values)
 mkdir -p "$out"
 
 status=0
@@ -39,7 +44,7 @@ for t in "${targets[@]}"; do
   for s in ${sources[$t]}; do srcs+=("$root/$s"); done
   echo "== building $t"
   "$cxx" -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined \
-    -I"$root" -I"$root/include" "$root/fuzz/${t}_fuzz.cpp" "${srcs[@]}" -o "$bin"
+    -I"$root" -I"$root/include" "$root/fuzz/${t}_fuzz.cpp" "${srcs[@]}" -o "$bin" -lpthread -ldl
   # New inputs go to a work corpus; the seed corpus in the tree stays as it is.
   work="$out/corpus-$t"
   mkdir -p "$work"

@@ -1,5 +1,5 @@
-// The parameter check: geometry, sources, alignment, the driver record, and
-// how refusals and the lamp warm-up retry reach the result.
+// The parameter check: geometry, sources, the driver record, and how refusals and the lamp
+// warm-up retry reach the result.
 #include <functional>
 
 #include "FakeScanner.h"
@@ -25,14 +25,13 @@ TEST_F(CheckParameter, Geometry) {
   // {change to the 300 dpi colour scan of the letter flatbed, pixels, lines and bytes per line
   //  scanned and delivered, record's Left, Width, Length and resolution}
   const std::tuple<const char*, std::function<void()>, Ints, Ints> rows[] = {
-      {"as set: 2550 rounded to 8", [] {}, {2544, 2544, 3300, 3300, 7632, 7632}, {0, 2550, 3300, 300}},
+      {"as set, made square, 2550 rounded to 8", [&] { s.YResolution = 150; }, {2544, 2544, 3300, 3300, 7632, 7632},
+       {0, 2550, 3300, 300}},
       {"descreen 100 dpi", [&] { s.Descreen = 1, s.XResolution = 100; }, {2544, 848, 3300, 1100, 7632, 2544},
        {0, 2550, 3300, 300}},
       {"descreen 300 dpi", [&] { s.Descreen = 1; }, {5096, 2544, 6600, 3300, 15288, 7632}, {0, 2550, 3300, 600}},
       {"descreen 280 dpi of 1200", [&] { s.Descreen = 1, s.XResolution = 280, a.MaxResolution = 1200; },
        {5096, 2376, 6600, 3080, 15288, 7128}, {0, 2550, 3300, 600}},
-      {"descreen above the maximum", [&] { s.Descreen = 1, s.XResolution = 1200; },
-       {10200, 10200, 13200, 13200, 30600, 30600}, {0, 2550, 3300, 1200}},
       {"cut at the maximum", [&] { s.XPosition = 2000, s.ImageWidth = 1000, s.YPosition = 3000; },
        {544, 544, 300, 300, 1632, 1632}, {2000, 550, 300, 300}},
       {"feeder area centred", [&] { s.ScanType = 1, s.ImageWidth = 850, Fake().Sheets = 1; },
@@ -46,7 +45,8 @@ TEST_F(CheckParameter, Geometry) {
        {2544, 848, 1000, 367, 7632, 2544}, {0, 2550, 1100, 300}},
       {"black and white", [&] { s.PixelType = 0, s.BitsPerPixel = 1; }, {2544, 2544, 3300, 3300, 318, 318},
        {0, 2550, 3300, 300}},
-      {"made square", [&] { s.YResolution = 150; }, {2544, 2544, 3300, 3300, 7632, 7632}, {0, 2550, 3300, 300}},
+      {"diffusion, aligned to 32", [&] { s.PixelType = 0, s.BitsPerPixel = 1, s.Dither = 5; },
+       {2528, 2528, 3300, 3300, 316, 316}, {0, 2550, 3300, 300}},
   };
   for (const auto& [name, change, counts, record] : rows) {
     SCOPED_TRACE(name);
@@ -145,25 +145,6 @@ TEST_F(CheckParameter, RefusalsLeaveDriverAndRecordAlone) {
     EXPECT_EQ(std::memcmp(&before, &gScanParameter, sizeof before), 0);
     EXPECT_TRUE(Fake().Parameters.empty() && Fake().GammaUploads == 0);
   }
-}
-
-TEST_F(CheckParameter, AlignmentAndPatternsFromTheExtendedRecord) {
-  // {PixelType, bits, Dither, diffusion alignment, alignment, Dither sent}
-  const std::tuple<uint8_t, uint8_t, uint8_t, uint8_t, int, int> rows[] = {
-      {0, 1, 2, 32, 16, 11}, {0, 1, 5, 32, 32, 14}, {0, 1, 5, 0, 8, 14},
-      {0, 1, 9, 32, 32, 9},  // beyond the eight-entry map: sent unmapped
-      {1, 4, 0, 32, 4, 0},   {1, 8, 0, 32, 8, 0}};
-  for (const auto& [pixelType, bits, dither, diffusion, alignment, sent] : rows) {
-    gSettings.PixelType = pixelType, gSettings.BitsPerPixel = bits, gSettings.Dither = dither;
-    gAbility.DiffusionAlignment = diffusion;
-    EXPECT_EQ(sx::PixelAlignment(gSettings), alignment) << int(dither);
-    EXPECT_EQ(gSettings.Dither, sent);
-  }
-  // Without the extended record the model decides, and patterns are not remapped.
-  std::memcpy(gAbility.ModelName, "QMB4 Pro", 9);
-  gAbility.AbilityFlags = 0, gSettings.PixelType = 0, gSettings.Dither = 3;
-  EXPECT_EQ(sx::PixelAlignment(gSettings), 32);
-  EXPECT_EQ(gSettings.Dither, 3);
 }
 
 TEST_F(CheckParameter, LampWarmUpRetry) {

@@ -14,8 +14,7 @@ using WarmUp = ScannerTest;
 TEST_F(WarmUp, CountsDownOrPollsTheLampOnTheDialogsTimeScale) {
   const fs::path old = fs::current_path();
   fs::current_path(root_.Path());
-  // {"DS" section of the localisation file (null: no file), polls the lamp stays warming, its
-  //  state while warming, ticks, lamp queries}
+  // {"DS" section of the localisation file, polls the lamp stays warming, its state then, ticks, lamp queries}
   const std::tuple<const char*, int, uint8_t, int, int> rows[] = {
       {nullptr, 0, 2, 30, 0},               // countdown: ends at the thirtieth tick
       {"WarmUpTime=5\n", 0, 2, 30, 0},      // any positive time gives the same countdown
@@ -28,8 +27,7 @@ TEST_F(WarmUp, CountsDownOrPollsTheLampOnTheDialogsTimeScale) {
     InstallFakeScanner();
     fs::remove(root_.Path() / "langpack.loc");
     if (localisation) sxtest::WriteFile(root_.Path() / "langpack.loc", std::string("[DS]\n") + localisation);
-    Fake().LampWarmPolls = polls;
-    Fake().LampWarmState = state;
+    Fake().LampWarmPolls = polls, Fake().LampWarmState = state;
     sx::WarmUpState warmUp;
     sx::WarmUpBegin(warmUp, sx::WarmUpLocalisationFile());
     EXPECT_EQ(sx::WarmUpPeriodMs(warmUp), queries ? 3000u : 1000u);
@@ -38,15 +36,8 @@ TEST_F(WarmUp, CountsDownOrPollsTheLampOnTheDialogsTimeScale) {
     EXPECT_EQ(tick, ticks);
     EXPECT_EQ(Fake().Count("GetLightStatus"), queries);
   }
-  // Without GetLightStatus the lamp state never reads as warming.
-  sx::gDriver.GetLightStatus = nullptr;
-  sx::WarmUpState warmUp;
-  sx::WarmUpBegin(warmUp, sx::WarmUpLocalisationFile());
-  EXPECT_TRUE(sx::WarmUpTick(warmUp));
   fs::current_path(old);
-
-  for (const auto& [factor, scaled] : {std::pair{"0.5", 500u}, {"0", 0u}, {"-2", 1000u}, {"abc", 1000u},
-                                       {"1e12", 4294967294u}}) {
+  for (const auto& [factor, scaled] : {std::pair{"0.5", 500u}, {"-2", 1000u}, {"1e12", 4294967294u}}) {
     sxtest::ScopedEnv scale("SX_TIME_SCALE", factor);
     EXPECT_EQ(sx::ScaleDialogTime(1000), scaled) << factor;
   }

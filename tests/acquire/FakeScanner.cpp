@@ -13,7 +13,7 @@ FakeScanner gFake;
 
 int32_t Refuse(uint32_t status) { return gFake.Status = status, 0; }
 
-// True (with the status set) when the call is to be refused.
+// True (with the status set) when the call is to be refused: the list's next code is not 0.
 bool Refused(std::vector<uint32_t>& codes) {
   if (codes.empty()) return false;
   const uint32_t code = codes.front();
@@ -104,8 +104,7 @@ void ScannerTest::SetUp() {
   std::memcpy(a.ModelName, "FAKE1000", 8);
   a.AbilityFlags = 1, a.MaxResolution = 600, a.PixelTypeFlags = 0xA0, a.SourceFlags = 0x84;  // flatbed, feeder
   a.FlatbedMaxWidth = a.AdfMaxWidth = 2550, a.FlatbedMaxLength = 3300, a.AdfMaxLength = 4200;
-  a.AltAreaWidth = 1200, a.AltAreaLength = 1500;
-  a.HalftonePatternCount = 4;
+  a.AltAreaWidth = 1200, a.AltAreaLength = 1500, a.HalftonePatternCount = 4;
   for (uint8_t i = 0; i < 8; ++i) a.HalftonePatternMap[i] = static_cast<uint8_t>(10 + i);
   a.LineartAlignment = a.GrayAlignment = a.ColorAlignment = 8;
   a.HalftoneAlignment = 16, a.DiffusionAlignment = 32, a.Gray4Alignment = 4;

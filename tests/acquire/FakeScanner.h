@@ -1,6 +1,5 @@
-// A scanner simulated in the driver table's slots, for white-box tests of the parameter check and
-// the direct transfer: it serves pages of a known byte pattern, refuses calls on request and
-// records the calls it receives.
+// A scanner simulated in the driver table's slots: it serves pages of a known byte pattern,
+// refuses calls on request and records the calls it receives.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -17,8 +16,7 @@ namespace acqtest {
 
 struct FakeScanner {
   int Sheets = 0;  // paper in the feeder; a page from a feeder method takes one
-  // Each call takes the next code of its list: 0 accepts, another code
-  // refuses with that status; an empty list accepts.
+  // Each call takes the next code of its list: 0 accepts, another refuses with that status.
   std::vector<uint32_t> SetParameterRefusals, StartRefusals, AdfRefusals;
   bool FailStop = false;
   int64_t ShortAtLine = -1;  // the page ends after this many lines
@@ -46,9 +44,8 @@ FakeScanner& Fake();
 // Resets the fake and puts its entry points into gDriver.
 void InstallFakeScanner();
 
-// A colour flatbed with a feeder (600 dpi, letter flatbed, legal feeder, alignment 8), settings
-// for a 300 dpi colour scan of the whole flatbed, tone tables in place and the fake bound. The
-// library-wide records are restored afterwards.
+// A colour flatbed with a feeder (600 dpi, letter flatbed, legal feeder, alignment 8), settings for
+// a 300 dpi colour scan of the whole flatbed and the fake bound; the library's records restored after.
 class ScannerTest : public ::testing::Test {
  protected:
   ~ScannerTest() override;

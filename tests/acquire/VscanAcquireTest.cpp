@@ -42,12 +42,7 @@ int32_t SX_API Callback(void* data, int64_t* count, int32_t code) {
 std::vector<uint8_t> Chart(int32_t lines, uint32_t sheet = 0, uint8_t mode = sx::vscan::kModeColor,
                            uint16_t pixels = 2544) {
   sx::vscan::ChartGeometry g;
-  g.XRes = g.YRes = 300;
-  g.PixelNum = pixels;
-  g.LineNum = 600;
-  g.ScanMode = mode;
-  g.ColorFilter = 2;
-  g.Page = sheet;
+  g.XRes = g.YRes = 300, g.PixelNum = pixels, g.LineNum = 600, g.ScanMode = mode, g.ColorFilter = 2, g.Page = sheet;
   const size_t bpl = sx::vscan::ChartBytesPerLine(g);
   std::vector<uint8_t> bytes(bpl * lines);
   for (int32_t y = 0; y < lines; ++y) sx::vscan::RenderChartLine(g, y, bytes.data() + y * bpl);
@@ -77,17 +72,9 @@ class VscanAcquire : public ::testing::Test {
     pages_.clear();
     gPages = &pages_;
     EXPECT_EQ(lib.Acquire(Callback, lib.GlobalLock(handle)), 0);
-    // Entry points the scanner received in the acquisition, reads and uploads folded into one.
+    const std::vector<std::string> lines = ReadLines(log_);  // the calls of the acquisition
     calls_.clear();
-    const std::vector<std::string> lines = ReadLines(log_);
-    for (size_t i = loggedAtOpen; i < lines.size(); ++i) {
-      const size_t paren = lines[i].find('(');
-      if (lines[i].empty() || lines[i][0] == '#' || paren == std::string::npos) continue;
-      std::string name = lines[i].substr(0, paren);
-      if (name == "ReadScanEx") name = "ReadScan";
-      if (calls_.empty() || calls_.back() != name || (name != "ReadScan" && name != "SetGammaTable"))
-        calls_.push_back(name);
-    }
+    for (size_t i = loggedAtOpen; i < lines.size(); ++i) calls_.push_back(lines[i].substr(0, lines[i].find('(')));
     lib.GlobalUnlock(handle);
     lib.GlobalFree(handle);
     lib.Free();
@@ -105,7 +92,8 @@ TEST_F(VscanAcquire, FlatbedColourPage) {
   // 131 lines of 7632 bytes per block of the host's 1,000,000.
   EXPECT_EQ(pages_[0].Codes, (CodeList{0, 0, 0, 0, 1}));
   EXPECT_TRUE(pages_[0].Bytes == Chart(600));
-  EXPECT_EQ(calls_, (Names{"SetScanParameter", "TuneScanLength", "SetGammaTable", "StartScan", "ReadScan",
+  calls_.erase(std::unique(calls_.begin(), calls_.end()), calls_.end());  // repeated reads and uploads as one
+  EXPECT_EQ(calls_, (Names{"SetScanParameter", "TuneScanLength", "SetGammaTable", "StartScan", "ReadScanEx",
                            "StopScan"}));
 }
 

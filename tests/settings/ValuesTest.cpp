@@ -1,5 +1,6 @@
 // SxSetValue and SxGetValue on the settings record, and the buffer ring,
 // with the driver replaced by a recording stand-in.
+#include <array>
 #include <optional>
 
 #include "tests/settings/SettingsTestSupport.h"
@@ -14,9 +15,7 @@ using Calls = std::vector<std::string>;
 class Values : public ::testing::Test {
  protected:
   template <class T>
-  int32_t Set(uint32_t cap, uint32_t type, T v) {
-    return SxSetValue(cap, type, &v);
-  }
+  int32_t Set(uint32_t cap, uint32_t type, T v) { return SxSetValue(cap, type, &v); }
   template <class T>
   T Get(uint32_t cap, uint32_t type, int32_t result = 0) {
     T v{};

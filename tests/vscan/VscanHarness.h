@@ -1,5 +1,5 @@
-// A private copy of a virtual scanner module loaded with dlopen, as the
-// library loads a driver: its own folder, its own vscan.ini, its own state.
+// A private copy of a virtual scanner module loaded with dlopen, as the library loads a driver:
+// its own folder, its own vscan.ini, its own state.
 #pragma once
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -56,7 +56,7 @@ struct Vscan {
     ASSERT_EQ(InitializeDriver(), 1);
     ASSERT_EQ(InitializeScanner(), 1);
   }
-  std::vector<std::string> Log(const char* name = "calls.log") const { return sxtest::ReadLines(Dir / name); }
+  std::vector<std::string> Log() const { return sxtest::ReadLines(Dir / "calls.log"); }
 
   fs::path Dir;
   void* Handle = nullptr;
@@ -68,36 +68,19 @@ struct Vscan {
 // A record as the library sends it for a colour flatbed scan at 300 dpi.
 inline ScanParameter Colour300(uint16_t pixels = 2544, uint16_t lines = 600) {
   ScanParameter p{};
-  p.Width = 2550;
-  p.Length = 3508;
-  p.PixelNum = pixels;
-  p.LineNum = lines;
-  p.ScanMode = sx::vscan::kModeColor;
-  p.BitsPerPixel = 24;
-  p.Highlight = 255;
-  p.ExtScanParam = 0x9000;
-  p.XRes = p.YRes = 300;
-  p.ExtensionFlag = 1;
+  p.Width = 2550, p.Length = 3508, p.PixelNum = pixels, p.LineNum = lines;
+  p.ScanMode = sx::vscan::kModeColor, p.BitsPerPixel = 24, p.Highlight = 255;
+  p.ExtScanParam = 0x9000, p.XRes = p.YRes = 300, p.ExtensionFlag = 1;
   return p;
 }
 
-// The geometry the module renders for a record.
-inline sx::vscan::ChartGeometry GeometryOf(const ScanParameter& p, uint32_t sheet = 0) {
+// The chart the module renders for a record's first `lines` lines.
+inline std::vector<uint8_t> Chart(const ScanParameter& p, int32_t lines, uint32_t sheet = 0,
+                                  const uint8_t* const* tone = nullptr) {
   sx::vscan::ChartGeometry g;
-  g.Left = p.Left;
-  g.Top = p.Top;
-  g.XRes = p.XRes;
-  g.YRes = p.YRes;
-  g.PixelNum = p.PixelNum;
-  g.LineNum = p.LineNum;
-  g.ScanMode = p.ScanMode;
-  g.ColorFilter = p.ColorFilter;
-  g.HTPatternNo = p.HTPatternNo;
-  g.Page = sheet;
-  return g;
-}
-
-inline std::vector<uint8_t> Chart(const sx::vscan::ChartGeometry& g, int32_t lines) {
+  g.Left = p.Left, g.Top = p.Top, g.XRes = p.XRes, g.YRes = p.YRes, g.PixelNum = p.PixelNum, g.LineNum = p.LineNum;
+  g.ScanMode = p.ScanMode, g.ColorFilter = p.ColorFilter, g.HTPatternNo = p.HTPatternNo, g.Page = sheet;
+  if (tone) std::copy(tone, tone + 3, g.Tone);
   const size_t bpl = sx::vscan::ChartBytesPerLine(g);
   std::vector<uint8_t> bytes(bpl * lines);
   for (int32_t y = 0; y < lines; ++y) sx::vscan::RenderChartLine(g, y, bytes.data() + y * bpl);

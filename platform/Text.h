@@ -1,0 +1,24 @@
+// Byte-wise text helpers for the platform's parsers. Case is folded for ASCII
+// letters only, as the stored names are ASCII and the process locale must not
+// change how a name matches.
+#pragma once
+#include <string_view>
+
+namespace sx::plat {
+
+inline char AsciiLower(char c) {
+  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+inline bool EqualNoCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i)
+    if (AsciiLower(a[i]) != AsciiLower(b[i])) return false;
+  return true;
+}
+
+inline bool StartsNoCase(std::string_view s, std::string_view prefix) {
+  return s.size() >= prefix.size() && EqualNoCase(s.substr(0, prefix.size()), prefix);
+}
+
+}  // namespace sx::plat
