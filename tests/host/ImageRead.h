@@ -1,33 +1,20 @@
-// Test helpers: temporary folders, and PNG and TIFF files read back with
+// Test helpers: a temporary folder, and PNG and TIFF files read back with
 // libpng and libtiff, independently of the writers under test.
 #pragma once
 #include <png.h>
-#include <stdlib.h>
 #include <tiffio.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "support/TestEnv.h"
+
 namespace sx::host {
 
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "sxhostXXXXXX").string();
-    path_ = mkdtemp(pattern.data());
-  }
-  ~TempDir() {
-    std::error_code ec;
-    std::filesystem::permissions(path_, std::filesystem::perms::owner_all, ec);
-    std::filesystem::remove_all(path_, ec);
-  }
-  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-  const std::filesystem::path& Path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
+// A temporary folder; TempRoot also points SX_ROOT at it, which is harmless here.
+struct TempDir : sxtest::TempRoot {
+  std::string operator/(const std::string& name) const { return (Path() / name).string(); }
 };
 
 struct PngRead {
@@ -68,7 +55,7 @@ inline PngRead ReadPng(const std::string& path) {
 
 struct TiffPage {
   uint32_t width = 0, height = 0;
-  uint16_t bits = 0, samples = 0, photometric = 0;
+  uint16_t bits = 0, photometric = 0;
   float xres = 0;
   std::vector<uint8_t> raster;
 };
@@ -82,7 +69,6 @@ inline std::vector<TiffPage> ReadTiff(const std::string& path) {
     TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &p.width);
     TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &p.height);
     TIFFGetField(tif, TIFFTAG_BITSPERSAMPLE, &p.bits);
-    TIFFGetField(tif, TIFFTAG_SAMPLESPERPIXEL, &p.samples);
     TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &p.photometric);
     TIFFGetField(tif, TIFFTAG_XRESOLUTION, &p.xres);
     tmsize_t line = TIFFScanlineSize(tif);

@@ -78,6 +78,20 @@ TEST(Lifecycle, StoredNameSelectsTheSourceItBeginsWithInAnyCase) {
   EXPECT_EQ(lib.Load(nullptr), 0);
 }
 
+TEST(Lifecycle, ScannerLostAfterDiscoveryFailsTheLoadAndStaysBoundUntilFree) {
+  TempRoot root;
+  ScopedEnv count("SXTEST_FLAKY_INITS", nullptr);
+  root.InstallModule(SX_TEST_FLAKY, "Corvane/Flaky", "flaky.dll", DefaultVersionText());
+  root.WriteRegistry(SourceNameLine(DisplayName("USB", "Flaky")));
+  Library lib;
+  EXPECT_EQ(lib.Load(nullptr), SX_ERR_DRIVER);
+  EXPECT_EQ(lib.Load(nullptr), 0);  // the module stays loaded: nothing is done again
+  char model[33] = {};
+  EXPECT_EQ(lib.GetValue(CAP_MODELNAME, TY_STR32, model), 0);
+  EXPECT_STREQ(model, "Flaky");
+  EXPECT_EQ(lib.Free(), 0);
+}
+
 TEST(Lifecycle, WholeLoadAndFreeTraceInOrder) {
   const Strings labels = {"SxLoad", "SxGetDS", "SxFree", "VerifyDriver", "VerifyCorvane",
                           "InitializeDriver", "InitializeScanner", "GetScannerAbilityEx",

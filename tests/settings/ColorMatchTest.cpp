@@ -1,46 +1,40 @@
 // Colour matching with a stand-in colour module that logs its calls.
-#include <optional>
-
 #include "imaging/ColorMatch.h"
 #include "sources/DataSourceList.h"
 #include "tests/settings/SettingsTestSupport.h"
 
 namespace {
 
-using sxtest::fs::path;
 using Lines = std::vector<std::string>;
 
-class ColorMatching : public ::testing::Test {
- protected:
-  void SetUp() override {
-    sxtest::fs::copy_file(SX_TEST_CMMS_FAKE, root_ / "windows" / "system32" / "sxcmms.dll");
-    sxtest::WriteFile(env_.Root.Twain() / "QM7110" / "cmatch.ini", "[Model]\nQM7110V = qm.icc\n");
-    sxtest::WriteFile(color_ / "qm.icc", "profile");
-    std::strcpy(source_.Host.Directory, (env_.Root.Twain() / "QM7110/").c_str());
-  }
-  void TearDown() override {
-    sx::CloseCMatch();
-    sx::gSourceCursor = nullptr;
-  }
-  // The module's calls since the last look.
-  Lines Calls() const {
-    const Lines lines = sxtest::ReadLines(root_ / "cmms.log");
-    sxtest::fs::remove(root_ / "cmms.log");
+TEST(ColorMatching, OfferedWithTheModuleProfileFromTheModelsEntryBlocksConvertedInPlace) {
+  sxtest::SettingsEnv env;
+  const sxtest::fs::path root = env.Root.Path(), color = root / "windows/system32/SPOOL/DRIVERS/COLOR";
+  sxtest::ScopedEnv log("SX_CMMS_LOG", (root / "cmms.log").c_str());
+  sxtest::WriteFile(env.Root.Twain() / "QM7110/cmatch.ini", "[Model]\nQM7110V = qm.icc\n");
+  sxtest::WriteFile(color / "qm.icc", "profile");
+  sx::DataSourceEntry source{};
+  std::strcpy(source.Host.Directory, (env.Root.Twain() / "QM7110/").c_str());
+  const std::shared_ptr<void> unload(nullptr, [](void*) { sx::CloseCMatch(), sx::gSourceCursor = nullptr; });
+  const auto calls = [&] {  // the module's calls since the last look
+    const Lines lines = sxtest::ReadLines(root / "cmms.log");
+    sxtest::fs::remove(root / "cmms.log");
     return lines;
-  }
-  sxtest::SettingsEnv env_;
-  const path root_ = env_.Root.Path(), color_ = root_ / "windows/system32/SPOOL/DRIVERS/COLOR";
-  sxtest::ScopedEnv log_{"SX_CMMS_LOG", (root_ / "cmms.log").c_str()};
-  sx::DataSourceEntry source_{};
-};
+  };
 
-TEST_F(ColorMatching, ProfileFromTheModelsEntryAndBlocksConvertedInPlace) {
+  sx::gSourceCursor = &source;
+  EXPECT_EQ(sxtest::Query(CAP_COLORMATCH, TY_INT32).Count, 1) << "offered only with the colour module";
+  sxtest::fs::copy_file(SX_TEST_CMMS_FAKE, root / "windows/system32/sxcmms.dll");
+  EXPECT_EQ(sxtest::Query(CAP_COLORMATCH, TY_INT32).Count, 2);
+  sx::CloseCMatch();
+  sx::gSourceCursor = nullptr;
   EXPECT_EQ(sx::OpenCMatch("QM7110V"), SX_ERR_UNSUPPORTED);  // no source: nothing loaded
-  sx::gSourceCursor = &source_;
+  sx::gSourceCursor = &source;
+  calls();  // forget the calls the list made
   EXPECT_EQ(sx::OpenCMatch("QMB4"), SX_ERR_UNSUPPORTED);  // no entry: the folder itself
   ASSERT_EQ(sx::OpenCMatch("QM7110V"), 0);
-  EXPECT_EQ(Calls(), (Lines{"SX_Icc_SetProfile(" + color_.string() + "/,0,0,0,10)",
-                            "SX_Icc_SetProfile(" + (color_ / "qm.icc").string() + ",0,0,0,10)"}));
+  EXPECT_EQ(calls(), (Lines{"SX_Icc_SetProfile(" + color.string() + "/,0,0,0,10)",
+                            "SX_Icc_SetProfile(" + (color / "qm.icc").string() + ",0,0,0,10)"}));
 
   uint8_t tables[4][256];
   sx::ScanSettings s{};
@@ -48,7 +42,7 @@ TEST_F(ColorMatching, ProfileFromTheModelsEntryAndBlocksConvertedInPlace) {
   s.OutputPixels = 2, s.OutputBytesPerLine = 8;  // 6 bytes of pixels, 2 of padding
   s.ColorMatch = 2;  // only 1 means on
   sx::InitialCMatch(s);
-  EXPECT_TRUE(Calls().empty());
+  EXPECT_TRUE(calls().empty());
   s.ColorMatch = 1;
   for (uint8_t bits : {24, 48}) {
     s.BitsPerPixel = bits;
@@ -58,12 +52,12 @@ TEST_F(ColorMatching, ProfileFromTheModelsEntryAndBlocksConvertedInPlace) {
   EXPECT_EQ(sx::ConvertBlock(block.data(), s, 2), 0);
   for (size_t i = 0; i < block.size(); ++i) EXPECT_EQ(block[i], i % 8 < 6 ? 0xF0 : 0x0F) << i;
   const std::string adjust = "SX_Icc_Adjust(0,0,0,0,0,0,r10,g20,b30,256)";
-  EXPECT_EQ(Calls(), (Lines{"SX_Icc_SetIntent(0,0,10)", adjust, "SX_Icc_Initial(2)", "SX_Icc_SetIntent(0,1,11)",
+  EXPECT_EQ(calls(), (Lines{"SX_Icc_SetIntent(0,0,10)", adjust, "SX_Icc_Initial(2)", "SX_Icc_SetIntent(0,1,11)",
                             adjust, "SX_Icc_Initial(2)", "SX_Icc_Convert2(in place,2)",
                             "SX_Icc_Convert2(in place,2)"}));  // one call per line
   EXPECT_EQ(sx::CloseCMatch(), 0);
   sx::ConvertBlock(block.data(), s, 2);
-  EXPECT_TRUE(Calls().empty()) << "unloaded: nothing converted";
+  EXPECT_TRUE(calls().empty()) << "unloaded: nothing converted";
 }
 
 }  // namespace

@@ -17,10 +17,11 @@ class LoadSettings : public ::testing::Test {
   }
   static std::string N(const char* name, uint32_t v) {
     char line[64];
-    std::snprintf(line, sizeof line, "\"%s\"=dword:%08x\n", name, v);
-    return line;
+    return std::string(line, size_t(std::snprintf(line, sizeof line, "\"%s\"=dword:%08x\n", name, v)));
   }
-  static std::string T(const char* name, const std::string& v) { return std::string("\"") + name + "\"=str(2):\"" + v + "\"\n"; }
+  static std::string T(const char* name, const std::string& v) {
+    return std::string("\"") + name + "\"=str(2):\"" + v + "\"\n";
+  }
   sxtest::SettingsEnv env_;
 };
 
@@ -82,9 +83,7 @@ TEST_F(LoadSettings, StoredValuesAreNarrowedParsedAndFitted) {
   auto cwd = env_.Localised("Diffusion=Streuung\n");
   EXPECT_EQ(Load(T("DITHER", "Streuung 2")).Dither, 6);
   EXPECT_EQ(Load(T("DITHER", "Diffusion 2")).Dither, 2) << "not the localised word";
-}
-
-TEST_F(LoadSettings, AreaIsReadInTheStoredUnits) {
+  // Area values in the stored units, read back in 1/300 inch.
   const std::tuple<std::string, uint16_t ScanSettings::*, int> cases[] = {
       {N("UNITS", 0) + T("XPOSITION", "1.5"), &ScanSettings::XPosition, 450},
       {N("UNITS", 1) + T("YPOSITION", "2.54"), &ScanSettings::YPosition, 300},

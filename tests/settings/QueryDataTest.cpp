@@ -38,12 +38,8 @@ TEST_F(Lists, FormsAndItemSpacing) {
 }
 
 TEST_F(Lists, ScannerDependentLists) {
-  const std::pair<uint32_t, V> typical[] = {
-      {CAP_SCANTYPE, {1, 2, 3}},  {CAP_FEEDERTYPE, {0, 1, 2}}, {CAP_PIXELTYPE, {0, 1, 2}},
-      {CAP_FILTER, {0, 1, 2, 3}}, {CAP_BITSPERPIXEL, {1, 4, 8, 24, 16, 48}},
-      {CAP_BACKGROUND, {0, 1}},   {CAP_FEEDERLOADED, {0, 1}},  {CAP_XRESOLUTION, {50, 600, 1}},
-      {CAP_OVERSCAN, {0, 133, 1}},
-  };
+  const std::pair<uint32_t, V> typical[] = {{CAP_SCANTYPE, {1, 2, 3}}, {CAP_BITSPERPIXEL, {1, 4, 8, 24, 16, 48}},
+                                            {CAP_FEEDERLOADED, {0, 1}}, {CAP_OVERSCAN, {0, 133, 1}}};
   for (const auto& [cap, items] : typical) EXPECT_EQ(Ints(cap).second, items) << std::hex << cap;
   ScannerAbility& a = sx::gAbility = ScannerAbility{};
   a.SourceFlags = 0x48, a.PixelTypeFlags = 0x80, a.OptionFlags = 0x08;  // sheet-fed feeder and source 4
@@ -66,8 +62,7 @@ TEST_F(Lists, NamesNeedATextTypeAndSetBackTheirNumbers) {
   const auto names = Query(CAP_DITHER, TY_STR32);
   const char* expected[] = {"None", "Halftone 1", "Halftone 2", "Halftone 3", "Halftone 4", "Diffusion 1",
                             "Diffusion 2"};
-  ASSERT_EQ(names.Count, 7);
-  ASSERT_EQ(names.Items.size(), 7u * 33);
+  ASSERT_TRUE(names.Count == 7 && names.Items.size() == 7u * 33);
   for (int i = 0; i < 7; ++i) {
     EXPECT_EQ(names.Text(i, 33), expected[i]);
     SxSetValue(CAP_DITHER, TY_STR32, const_cast<uint8_t*>(names.Items.data() + i * 33));
@@ -85,7 +80,6 @@ TEST_F(Lists, QueriesThatActOnTheScannerAndBadListAddresses) {
   EXPECT_EQ(sxtest::gScript.Calls, (std::vector<std::string>{"PowerSave0", "InitialButton"}));
   sxtest::gScript.Result = 0;
   EXPECT_EQ(Ints(CAP_PUSHBUTTON), (std::pair{1, V{0}})) << "a failing call reports no buttons";
-  EXPECT_EQ(Ints(CAP_COLORMATCH), (std::pair{1, V{0}})) << "no source, no colour matching";
   sxtest::FaultingPage page;
   for (void* bad : {page.Bad(), static_cast<void*>(page.LastBytes(2)), static_cast<void*>(nullptr)})
     EXPECT_EQ(SxQueryData(CAP_DITHER, TY_STR32, static_cast<SxValueList**>(bad)), 0);

@@ -85,8 +85,7 @@ inline ReceivedList Query(uint32_t capability, uint32_t type) {
   const auto* bytes = static_cast<const uint8_t*>(list->Items);
   out.Items.assign(bytes, bytes + SxSysGlobalSize(items));
   for (SxHandle h : {items, SxSysGlobalHandle(list)}) {
-    while (SxSysGlobalUnlock(h)) {
-    }
+    while (SxSysGlobalUnlock(h)) continue;
     EXPECT_EQ(SxSysGlobalFree(h), nullptr);
   }
   return out;

@@ -1,7 +1,7 @@
 // Reading pages from the virtual scanner: every delivered byte is compared with the chart
 // rendered independently from the requested geometry.
+#include <algorithm>
 #include <array>
-#include <cstring>
 
 #include "tests/vscan/VscanHarness.h"
 
@@ -76,26 +76,21 @@ TEST(VscanRead, FeederSheetsCarryTheirNumbers) {
   p.Top = 150, p.Length = 100, p.ScanMethod = 1;  // the page mark cells, from the feeder
   uint8_t paper = 0;
   for (uint32_t sheet = 1; sheet <= 2; ++sheet) {
-    ASSERT_EQ(v.GetADFStatus(&paper), 1);
-    EXPECT_EQ(paper, 1) << "exactly 1 while sheets remain";
-    ASSERT_EQ(v.SetScanParameter(&p), 1);
-    ASSERT_EQ(v.StartScan(), 1);
+    EXPECT_TRUE(v.GetADFStatus(&paper) == 1 && paper == 1) << "exactly 1 while sheets remain";
+    ASSERT_EQ(v.SetScanParameter(&p) + v.StartScan(), 2);
     const Bytes expected = Chart(p, p.LineNum, sheet);
     EXPECT_TRUE(ReadAll(v, expected.size(), {100000}) == expected) << "sheet " << sheet;
     EXPECT_FALSE(expected == Chart(p, p.LineNum, 3 - sheet)) << "the sheets differ";
     ASSERT_EQ(v.StopScan(), 1);
   }
-  ASSERT_EQ(v.GetADFStatus(&paper), 1);
-  EXPECT_EQ(paper, 0);
-  EXPECT_EQ(v.StartScan(), 0);
-  EXPECT_EQ(v.Status(), 2010u) << "paper out";
+  EXPECT_TRUE(v.GetADFStatus(&paper) == 1 && paper == 0);
+  EXPECT_TRUE(v.StartScan() == 0 && v.Status() == 2010u) << "paper out";
   p.ScanMethod = 0;
-  ASSERT_EQ(v.SetScanParameter(&p), 1);
-  EXPECT_EQ(v.StartScan(), 1) << "the flatbed needs no sheet";
+  EXPECT_EQ(v.SetScanParameter(&p) + v.StartScan(), 2) << "the flatbed needs no sheet";
 }
 
 TEST(VscanRead, ShortAndFailingReads) {
-  const ScanParameter p = Colour300(100, 10);
+  ScanParameter p = Colour300(100, 10);
   const uint32_t bpl = 300;
   const Bytes chart = Chart(p, 10);
   Bytes buffer(4000, 0xA5);
@@ -104,16 +99,15 @@ TEST(VscanRead, ShortAndFailingReads) {
     Vscan v("[Faults]\nShortReadAtLine=3\n");
     Start(v, p);
     ReadScanRequest r{buffer.data(), 10 * bpl, 0, 0};
-    ASSERT_EQ(v.ReadScanEx(&r), 1);
-    EXPECT_EQ(r.BytesReturned, 3 * bpl);
+    ASSERT_TRUE(v.ReadScanEx(&r) == 1 && r.BytesReturned == 3 * bpl);
     EXPECT_TRUE(std::equal(chart.begin(), chart.begin() + 3 * bpl, buffer.begin()));
     EXPECT_EQ(buffer[3 * bpl], 0xA5);
   }
   {
     Vscan v("[Faults]\nShortReadAtLine=3\nReadStatus=2006\n", SX_TEST_VSCAN_BASIC);
     Start(v, p);
-    EXPECT_EQ(v.ReadScan(nullptr, buffer.data(), 4 * bpl), 0) << "plain ReadScan cannot report a short page";
-    EXPECT_EQ(v.Status(), 2006u);
+    EXPECT_TRUE(v.ReadScan(nullptr, buffer.data(), 4 * bpl) == 0 && v.Status() == 2006u)
+        << "plain ReadScan cannot report a short page";
   }
   {
     SCOPED_TRACE("the read that reaches line 3 fails, on the first page only");
@@ -122,12 +116,8 @@ TEST(VscanRead, ShortAndFailingReads) {
     ReadScanRequest r{buffer.data(), 2 * bpl, 0, 0};
     ASSERT_EQ(v.ReadScanEx(&r), 1);
     r = {buffer.data(), 1, 0, 0};
-    for (int attempt = 0; attempt < 2; ++attempt) {
-      EXPECT_EQ(v.ReadScanEx(&r), 0);
-      EXPECT_EQ(v.Status(), 2006u);
-    }
-    ASSERT_EQ(v.StopScan(), 1);
-    ASSERT_EQ(v.StartScan(), 1);
+    for (int attempt = 0; attempt < 2; ++attempt) EXPECT_TRUE(v.ReadScanEx(&r) == 0 && v.Status() == 2006u);
+    ASSERT_EQ(v.StopScan() + v.StartScan(), 2);
     EXPECT_TRUE(ReadAll(v, chart.size(), {bpl}) == chart);
   }
   {
@@ -135,14 +125,10 @@ TEST(VscanRead, ShortAndFailingReads) {
     Vscan v("[Faults]\nReadScanExExtra=7\n");
     v.Open();
     ReadScanRequest r{buffer.data(), 50, 0, 0};
-    EXPECT_EQ(v.ReadScanEx(&r), 0) << "no page started";
-    EXPECT_EQ(v.Status(), 2004u);
-    ScanParameter q = p;
-    ASSERT_EQ(v.SetScanParameter(&q), 1);
-    ASSERT_EQ(v.StartScan(), 1);
+    EXPECT_TRUE(v.ReadScanEx(&r) == 0 && v.Status() == 2004u) << "no page started";
+    ASSERT_EQ(v.SetScanParameter(&p) + v.StartScan(), 2);
     std::fill(buffer.begin(), buffer.end(), 0xA5);
-    ASSERT_EQ(v.ReadScanEx(&r), 1);
-    EXPECT_EQ(r.BytesReturned, 57u);
+    ASSERT_TRUE(v.ReadScanEx(&r) == 1 && r.BytesReturned == 57u);
     EXPECT_EQ(buffer[50], 0xA5) << "only the bytes asked for are written";
     ASSERT_EQ(v.DoCancel(), 1);
     EXPECT_EQ(v.ReadScanEx(&r), 0) << "cancel ends the page";
