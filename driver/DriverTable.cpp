@@ -20,36 +20,27 @@ namespace {
 struct SlotName {
   const char* Name;
   size_t Offset;
+  bool Selected;  // also looked up when the host chooses a source by id
 };
 
-#define SX_SLOT(name) SlotName{#name, offsetof(DriverTable, name)}
+#define SX_SLOT(name) SlotName{#name, offsetof(DriverTable, name), true}
+// Choosing a source by id leaves these as an earlier binding left them.
+#define SX_LOAD_ONLY(name) SlotName{#name, offsetof(DriverTable, name), false}
 
-// SxLoad looks up every entry point the library knows, except WriteNVMData,
-// which no binding ever fills.
+// SxLoad looks up every entry point the library knows, in this order, except
+// WriteNVMData, which no binding ever fills.
 constexpr SlotName kLoadList[] = {
     SX_SLOT(TerminateDriver),     SX_SLOT(InitializeDriver),    SX_SLOT(InitializeScanner),
     SX_SLOT(GetScannerStatusEx),  SX_SLOT(GetScannerStatus),    SX_SLOT(GetScannerAbilityEx),
     SX_SLOT(GetScannerAbility),   SX_SLOT(InitialButton),       SX_SLOT(ResetPushButton),
     SX_SLOT(ReadPushButton),      SX_SLOT(SetGammaTable),       SX_SLOT(StartScan),
-    SX_SLOT(ReadScan),            SX_SLOT(ReadScanEx),          SX_SLOT(StopScan),
+    SX_SLOT(ReadScan),            SX_LOAD_ONLY(ReadScanEx),     SX_SLOT(StopScan),
     SX_SLOT(SetScanParameter),    SX_SLOT(CheckPushButton),     SX_SLOT(SetPowerSaveTime),
     SX_SLOT(LampOff),             SX_SLOT(GetADFStatus),        SX_SLOT(ReadNVMData),
-    SX_SLOT(GetLightStatus),      SX_SLOT(ChooseSCSIScannerByID), SX_SLOT(TuneScanLength),
-    SX_SLOT(GetBackgroundRaster), SX_SLOT(DoCancel),
+    SX_SLOT(GetLightStatus),      SX_SLOT(ChooseSCSIScannerByID), SX_LOAD_ONLY(TuneScanLength),
+    SX_LOAD_ONLY(GetBackgroundRaster), SX_LOAD_ONLY(DoCancel),
 };
-
-// Choosing a source by id leaves ReadScanEx, TuneScanLength,
-// GetBackgroundRaster and DoCancel as an earlier binding left them.
-constexpr SlotName kSelectList[] = {
-    SX_SLOT(TerminateDriver),    SX_SLOT(InitializeDriver),    SX_SLOT(InitializeScanner),
-    SX_SLOT(GetScannerStatusEx), SX_SLOT(GetScannerStatus),    SX_SLOT(GetScannerAbilityEx),
-    SX_SLOT(GetScannerAbility),  SX_SLOT(InitialButton),       SX_SLOT(ResetPushButton),
-    SX_SLOT(ReadPushButton),     SX_SLOT(SetGammaTable),       SX_SLOT(StartScan),
-    SX_SLOT(ReadScan),           SX_SLOT(StopScan),            SX_SLOT(SetScanParameter),
-    SX_SLOT(CheckPushButton),    SX_SLOT(SetPowerSaveTime),    SX_SLOT(LampOff),
-    SX_SLOT(GetADFStatus),       SX_SLOT(ReadNVMData),         SX_SLOT(GetLightStatus),
-    SX_SLOT(ChooseSCSIScannerByID),
-};
+#undef SX_LOAD_ONLY
 
 // Verifying a candidate module needs only these, in the verifier's order.
 constexpr SlotName kDiscoveryList[] = {
@@ -60,18 +51,19 @@ constexpr SlotName kDiscoveryList[] = {
 #undef SX_SLOT
 
 static_assert(std::size(kLoadList) == 26);
-static_assert(std::size(kSelectList) == 22);
+constexpr size_t kSelectCount = [] {
+  size_t n = 0;
+  for (const SlotName& slot : kLoadList) n += slot.Selected;
+  return n;
+}();
+static_assert(kSelectCount == 22);
 static_assert(std::size(kDiscoveryList) == 6);
 // Slots are stored as raw addresses; both kinds of pointer have one width here.
 static_assert(sizeof(void*) == sizeof(PFN_StartScan));
 
 std::span<const SlotName> ListOf(Binding binding) {
-  switch (binding) {
-    case Binding::Load: return kLoadList;
-    case Binding::Select: return kSelectList;
-    case Binding::Discovery: return kDiscoveryList;
-  }
-  return {};
+  return binding == Binding::Discovery ? std::span<const SlotName>(kDiscoveryList)
+                                       : std::span<const SlotName>(kLoadList);
 }
 
 void StoreSlot(size_t offset, void* address) {
@@ -83,6 +75,7 @@ void StoreSlot(size_t offset, void* address) {
 void BindDriver(plat::ModuleHandle module, Binding binding) {
   gDriver.Module = module;
   for (const SlotName& slot : ListOf(binding)) {
+    if (binding == Binding::Select && !slot.Selected) continue;
     // A null module must not reach the symbol lookup: the process's own
     // global scope would answer instead.
     StoreSlot(slot.Offset, module ? plat::ModuleSymbol(module, slot.Name) : nullptr);
