@@ -175,9 +175,12 @@ int32_t ComputeGeometry(ScanSettings& s, ScanParameter& p, const SourceArea& are
   int32_t length = s.ImageLength;
   // Design note: a driver that reports no maximum resolution gets no
   // overscan added, rather than a division by zero.
+  // The sum is truncated as a whole, so a negative overscan that is not a
+  // whole number of area units shortens the length by one more unit.
   if (gAbility.MaxResolution != 0) {
-    length += static_cast<int32_t>(static_cast<double>(s.Overscan) * 600.0 /
-                                   static_cast<double>(gAbility.MaxResolution));
+    length = static_cast<int32_t>(static_cast<double>(s.ImageLength) +
+                                  static_cast<double>(s.Overscan) * 600.0 /
+                                      static_cast<double>(gAbility.MaxResolution));
   }
   if (left + width > area.MaxWidth) width = area.MaxWidth - left;
   if (top + length > area.MaxLength) length = area.MaxLength - top;

@@ -40,6 +40,9 @@ TEST_F(CheckParameter, Geometry) {
        {0, 2550, 1100, 300}},
       {"overscan in scanner units", [&] { s.Overscan = 100, s.ImageLength = 1000, a.MaxResolution = 1200; },
        {2544, 2544, 1050, 1050, 7632, 7632}, {0, 2550, 1050, 300}},
+      {"negative overscan truncated with the length",
+       [&] { s.Overscan = -1, s.ImageLength = 1000, a.MaxResolution = 1200; },
+       {2544, 2544, 999, 999, 7632, 7632}, {0, 2550, 999, 300}},
       // The raised scan counts come from the area as set, without overscan.
       {"descreen, overscan", [&] { s.Descreen = 1, s.XResolution = 100, s.Overscan = 100, s.ImageLength = 1000; },
        {2544, 848, 1000, 367, 7632, 2544}, {0, 2550, 1100, 300}},
