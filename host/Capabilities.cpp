@@ -101,30 +101,20 @@ bool EqualNoCase(std::string_view a, std::string_view b) {
   return true;
 }
 
+template <class T>
+int64_t Load(const uint8_t* bytes) {
+  T v;
+  std::memcpy(&v, bytes, sizeof v);
+  return v;
+}
+
 int64_t ReadInteger(uint16_t type, const uint8_t* bytes) {
   switch (type) {
-    case TY_INT16: {
-      int16_t v;
-      std::memcpy(&v, bytes, sizeof v);
-      return v;
-    }
-    case TY_UINT16: {
-      uint16_t v;
-      std::memcpy(&v, bytes, sizeof v);
-      return v;
-    }
-    case TY_INT32: {
-      int32_t v;
-      std::memcpy(&v, bytes, sizeof v);
-      return v;
-    }
-    case TY_UINT32: {
-      uint32_t v;
-      std::memcpy(&v, bytes, sizeof v);
-      return v;
-    }
-    default:  // TY_UINT8 and codes the library would treat as 2 bytes
-      return bytes[0];
+    case TY_INT16: return Load<int16_t>(bytes);
+    case TY_UINT16: return Load<uint16_t>(bytes);
+    case TY_INT32: return Load<int32_t>(bytes);
+    case TY_UINT32: return Load<uint32_t>(bytes);
+    default: return bytes[0];  // TY_UINT8 and codes the library would treat as 2 bytes
   }
 }
 

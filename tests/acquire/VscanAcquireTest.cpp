@@ -10,7 +10,7 @@
 
 // The chart generator is compiled into this test so that the expected raster
 // does not come from the module under test.
-#include "modules/vscan/TestChart.cpp"
+#include "modules/vscan/TestChart.h"
 
 namespace {
 

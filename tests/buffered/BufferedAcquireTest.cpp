@@ -14,7 +14,7 @@
 #include "modules/vscan/TestChart.h"
 #include "support/TestEnv.h"
 
-#include "modules/vscan/TestChart.cpp"
+#include "modules/vscan/TestChart.h"
 
 namespace {
 
