@@ -242,6 +242,7 @@ void ApplyFaults(Config& c, const std::vector<IniSection>& ini) {
     const std::string name = kEntryNames[i];
     ReadNumber(ini, "Faults", name.c_str(), c.Faults[i].Status);
     ReadNumber(ini, "Faults", (name + "Times").c_str(), c.Faults[i].Times);
+    ReadNumber(ini, "Faults", (name + "After").c_str(), c.Faults[i].After);
   }
   // Older spellings of the same faults.
   auto alias = [&](const char* key, Entry e) { ReadNumber(ini, "Faults", key, c.Faults[size_t(e)].Status); };

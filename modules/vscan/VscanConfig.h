@@ -34,6 +34,7 @@ constexpr uint32_t kStatusBadParameter = 2013;    // a record or argument the sc
 struct Fault {
   uint32_t Status = 0;
   uint32_t Times = 0;  // 0: every call; else only the first Times calls
+  uint32_t After = 0;  // calls that succeed before the fault starts to hit
 };
 
 struct Config {

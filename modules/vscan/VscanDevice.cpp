@@ -78,9 +78,9 @@ void ResetSession(Device& d) {
   d.Status = 0;
   // Fault counts start again with each session, except InitializeDriver's
   // own, so "fail the first initialisation only" spans sessions.
-  const uint32_t initHits = d.FaultHits[static_cast<size_t>(Entry::InitializeDriver)];
-  d.FaultHits.fill(0);
-  d.FaultHits[static_cast<size_t>(Entry::InitializeDriver)] = initHits;
+  const uint32_t initHits = d.FaultCalls[static_cast<size_t>(Entry::InitializeDriver)];
+  d.FaultCalls.fill(0);
+  d.FaultCalls[static_cast<size_t>(Entry::InitializeDriver)] = initHits;
   d.SheetsLeft = d.Cfg.Sheets;
   d.SheetsTaken = 0;
   d.WarmUpLeft = d.Cfg.WarmUpRefusals;
@@ -168,9 +168,12 @@ uint8_t BackgroundByte(uint32_t index) { return static_cast<uint8_t>(240 + index
 bool InjectFault(Device& d, Entry e) {
   const Fault& f = d.Cfg.Faults[static_cast<size_t>(e)];
   if (f.Status == 0) return false;
-  uint32_t& hits = d.FaultHits[static_cast<size_t>(e)];
-  if (f.Times && hits >= f.Times) return false;
-  ++hits;
+  // `calls` counts every call of the entry point, so a fault can be placed at
+  // the second page of a feeder run without touching the first.
+  uint32_t& calls = d.FaultCalls[static_cast<size_t>(e)];
+  if (calls < UINT32_MAX) ++calls;
+  if (calls <= f.After) return false;
+  if (f.Times && calls - f.After > f.Times) return false;
   d.Status = f.Status;
   return true;
 }

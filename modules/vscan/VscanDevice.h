@@ -30,7 +30,7 @@ struct Device {
   bool HasImage = false;
 
   uint32_t Status = 0;  // StatusCode of the last call; 0 when it succeeded
-  std::array<uint32_t, kEntryCount> FaultHits{};
+  std::array<uint32_t, kEntryCount> FaultCalls{};
 
   uint32_t SheetsLeft = 0;
   uint32_t SheetsTaken = 0;

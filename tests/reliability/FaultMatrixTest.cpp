@@ -1,0 +1,232 @@
+// The fault matrix: every fault the virtual scanner can inject, in both
+// transfer modes, from the flatbed and from the feeder. For each the result
+// the host sees, the pages it received whole before the fault, that a started
+// scanner was stopped again, and that the next acquisition on the same loaded
+// library runs normally (every fault fires once only).
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <string>
+
+#include "support/TestEnv.h"
+
+namespace {
+
+using namespace sxtest;
+
+constexpr int32_t kLines = 300;        // lines per page: a few blocks in either mode
+constexpr int64_t kBytesPerLine = 7632;  // 2544 colour pixels at 300 dpi
+constexpr int64_t kPageBytes = kLines * kBytesPerLine;
+constexpr size_t kHostBuffer = 1 << 20;
+constexpr int64_t kDirectAnswer = 400'000;  // 52 lines per direct block
+constexpr unsigned kHungSeconds = 60;
+
+// What the host saw of one acquisition.
+struct Seen {
+  int32_t Result = 0;
+  int WholePages = 0;  // pages whose bytes all came and ended with code 1
+};
+
+struct Host {
+  int64_t PageBytes = 0;
+  Seen See;
+} gHost;
+
+int32_t SX_API Callback(void*, int64_t* count, int32_t code) {
+  Host& h = gHost;
+  if (code == SX_XFER_IMAGE_INFO) {
+    h.PageBytes = 0;
+    *count = kDirectAnswer;
+    return 0;
+  }
+  if (code >= SX_XFER_DATA) h.PageBytes += *count;
+  if (code == SX_XFER_PAGE_END && h.PageBytes == kPageBytes) ++h.See.WholePages;
+  return 0;
+}
+
+enum Combo { kDirectFlatbed, kDirectFeeder, kBufferedFlatbed, kBufferedFeeder, kCombos };
+const char* const kComboNames[kCombos] = {"direct flatbed", "direct feeder", "buffered flatbed",
+                                          "buffered feeder"};
+bool IsFeeder(int c) { return c == kDirectFeeder || c == kBufferedFeeder; }
+
+// The result and the range of whole pages (a range where the read thread's
+// timing against the host's decides).
+struct Outcome {
+  int32_t Result;
+  int MinPages, MaxPages;
+};
+Outcome Is(int32_t result, int pages) { return {result, pages, pages}; }
+
+struct Row {
+  const char* Name;
+  std::string Ini;  // vscan.ini sections with the fault
+  std::array<Outcome, kCombos> Expected;
+  bool FeederOnly = false;  // the fault would hit the flatbed's next run instead
+};
+
+// The same outcome in all four combinations.
+std::array<Outcome, kCombos> All(int32_t result, int pages = 0) {
+  return {Is(result, pages), Is(result, pages), Is(result, pages), Is(result, pages)};
+}
+// Flatbed and feeder differ; both modes alike.
+std::array<Outcome, kCombos> BySource(Outcome flatbed, Outcome feeder) {
+  return {flatbed, feeder, flatbed, feeder};
+}
+
+// Feeder runs ask for two pages of six sheets, so a faulted run and the run
+// after it both find paper.
+class FaultMatrix : public ::testing::Test {
+ protected:
+  void Open(const std::string& faultIni, int combo) {
+    Close();
+    root_ = std::make_unique<TempRoot>();
+    log_ = root_->Twain() / "Corvane" / "QM7110" / "calls.log";
+    root_->InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n"
+                                          "[Feeder]\nSheets=6\n" +
+                                              faultIni + "\n[Log]\nFile=" + log_.string() + "\n");
+    root_->WriteRegistry(
+        "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" + std::string(13, ' ') +
+        "1.00\"\n[Software\\Quillmark\\ScanData]\n\"PIXELTYPE\"=dword:00000002\n" +
+        "\"SCANTYPE\"=dword:0000000" + (IsFeeder(combo) ? "1" : "2") + "\n\"XFERCOUNT\"=str(2):\"2\"\n" +
+        "\"IMAGELENGTH\"=str(2):\"" + std::to_string(kLines) + "\"\n\"GAMMA\"=str(2):\"1.0\"\n");
+    lib_ = std::make_unique<Library>();
+    ASSERT_EQ(lib_->Load(nullptr), 0);
+    uint8_t buffering = combo >= kBufferedFlatbed ? 1 : 0;
+    ASSERT_EQ(lib_->SetValue(CAP_BUFFERING, TY_UINT8, &buffering), 0);
+    handle_ = lib_->GlobalAlloc(SX_GHND, kHostBuffer);
+    buffer_ = lib_->GlobalLock(handle_);
+  }
+  void Close() {
+    if (!lib_) return;
+    lib_->GlobalUnlock(handle_);
+    lib_->GlobalFree(handle_);
+    lib_->Free();
+    lib_.reset();
+    root_.reset();
+  }
+  void TearDown() override { Close(); }
+
+  Seen Acquire() {
+    gHost = Host{};
+    logged_ = ReadLines(log_).size();
+    alarm(kHungSeconds);
+    gHost.See.Result = lib_->Acquire(Callback, buffer_);
+    alarm(0);
+    return gHost.See;
+  }
+
+  // Every page the scanner started in the last acquisition was stopped again.
+  void ExpectScannerStopped() const {
+    const std::vector<std::string> lines = ReadLines(log_);
+    long started = 0, stopped = 0;
+    for (size_t i = logged_; i < lines.size(); ++i) {
+      if (lines[i].rfind("StartScan() -> 1", 0) == 0) ++started;
+      if (lines[i].rfind("StopScan()", 0) == 0) ++stopped;
+    }
+    EXPECT_EQ(stopped, started);
+  }
+
+  void Run(const std::vector<Row>& rows) {
+    for (const Row& row : rows) {
+      for (int c = 0; c < kCombos; ++c) {
+        if (row.FeederOnly && !IsFeeder(c)) continue;
+        SCOPED_TRACE(std::string(row.Name) + ", " + kComboNames[c]);
+        Open(row.Ini, c);
+        ASSERT_FALSE(HasFatalFailure());
+        const Seen faulted = Acquire();
+        const Outcome& want = row.Expected[c];
+        EXPECT_EQ(faulted.Result, want.Result);
+        EXPECT_GE(faulted.WholePages, want.MinPages);
+        EXPECT_LE(faulted.WholePages, want.MaxPages);
+        ExpectScannerStopped();
+        const Seen next = Acquire();
+        EXPECT_EQ(next.Result, 0) << "the acquisition after the fault";
+        EXPECT_EQ(next.WholePages, IsFeeder(c) ? 2 : 1) << "the acquisition after the fault";
+        ExpectScannerStopped();
+      }
+    }
+  }
+
+  std::unique_ptr<TempRoot> root_;
+  std::unique_ptr<Library> lib_;
+  fs::path log_;
+  size_t logged_ = 0;
+  SxHandle handle_ = nullptr;
+  void* buffer_ = nullptr;
+};
+
+// Refusals, once, of each entry point an acquisition calls before and after
+// the raster. The read thread does not examine its own StopScan.
+TEST_F(FaultMatrix, RefusedEntryPoints) {
+  Run({
+      {"parameters refused", "[Faults]\nSetScanParameter=2013\nSetScanParameterTimes=1\n", All(-12)},
+      {"start refused", "[Faults]\nStartScan=2004\nStartScanTimes=1\n", All(-6)},
+      // The results of the length tuning and of the tone-table upload are not examined.
+      {"length tuning refused", "[Faults]\nTuneScanLength=2013\nTuneScanLengthTimes=1\n",
+       BySource(Is(0, 1), Is(0, 2))},
+      {"tone tables refused", "[Faults]\nSetGammaTable=2013\nSetGammaTableTimes=1\n",
+       BySource(Is(0, 1), Is(0, 2))},
+      // The page was read whole before the stop failed.
+      {"stop refused", "[Faults]\nStopScan=2008\nStopScanTimes=1\n",
+       {Is(-27, 1), Is(-27, 1), Is(0, 1), Is(0, 2)}},
+      {"lamp cold", "[Page]\nWarmUpRefusals=1\n", All(-22)},
+  });
+}
+
+// Read failures and short pages, on the first page or on the second.
+TEST_F(FaultMatrix, ReadFaults) {
+  Run({
+      {"read fails on page 1", "[Faults]\nFailReadAtLine=120\nFaultPage=1\n", All(-6)},
+      {"first read fails", "[Faults]\nFailReadAtLine=1\nFaultPage=1\nReadStatus=2018\n", All(-23)},
+      // Page 1 may still be on its way when the read thread fails on page 2.
+      {"read fails on page 2", "[Faults]\nFailReadAtLine=120\nFaultPage=2\n",
+       {Is(0, 1), Is(-6, 1), Is(0, 1), {-6, 0, 1}}, true},
+      // A short page ends the page in direct mode and the run goes on; the
+      // buffered pipeline treats it as a failure.
+      {"short page 1", "[Faults]\nShortReadAtLine=100\nFaultPage=1\n",
+       {Is(0, 0), Is(0, 1), Is(-4, 0), Is(-4, 0)}},
+  });
+}
+
+// Faults between two feeder pages. In direct mode the first page is always
+// kept. The read thread meets them while the first page's last blocks may
+// still be on their way, and an error stops the processing of what is left,
+// so there the first page arrives whole or not at all.
+TEST_F(FaultMatrix, JamsBetweenFeederPages) {
+  Run({
+      // The read thread does not examine the feeder status: no paper, no page 2.
+      {"feeder status fails", "[Faults]\nGetADFStatus=2008\nGetADFStatusAfter=1\nGetADFStatusTimes=1\n",
+       {Is(0, 1), Is(-27, 1), Is(0, 1), Is(0, 1)}},
+      {"parameters refused for page 2",
+       "[Faults]\nSetScanParameter=2013\nSetScanParameterAfter=1\nSetScanParameterTimes=1\n",
+       {Is(0, 1), Is(-12, 1), Is(0, 1), {-12, 0, 1}}, true},
+      {"stop after page 2 refused", "[Faults]\nStopScan=2008\nStopScanAfter=1\nStopScanTimes=1\n",
+       {Is(0, 1), Is(-27, 2), Is(0, 1), Is(0, 2)}, true},
+      {"start of page 2 refused", "[Faults]\nStartScan=2007\nStartScanAfter=1\nStartScanTimes=1\n",
+       {Is(0, 1), Is(-22, 1), Is(0, 1), {-22, 0, 1}}, true},
+  });
+}
+
+// Every row of the driver status mapping, as the refusal of the scanner's
+// start: one code of each range where the row has two.
+TEST_F(FaultMatrix, StatusCodesReachTheHostMapped) {
+  const std::pair<uint32_t, int32_t> codes[] = {
+      {1, -6},      {2004, -6},   {2005, -8},  {127, -9},    {2006, -9},   {103, -12},
+      {2013, -12},  {104, -17},   {2014, -17}, {2010, -20},  {108, -22},   {2009, -22},
+      {124, -23},   {2018, -23},  {101, -27},  {2019, -27},  {250, -28},   {2000, -28},
+      {151, -30},   {131, 131},   {2003, 2003}, {2011, -4},  {0x80000000u, -4},
+  };
+  std::vector<Row> rows;
+  for (const auto& [status, result] : codes) {
+    rows.push_back({"", "[Faults]\nStartScan=" + std::to_string(status) + "\nStartScanTimes=1\n", All(result)});
+  }
+  std::vector<std::string> names;
+  for (size_t i = 0; i < rows.size(); ++i) names.push_back("status " + std::to_string(codes[i].first));
+  for (size_t i = 0; i < rows.size(); ++i) rows[i].Name = names[i].c_str();
+  Run(rows);
+}
+
+}  // namespace
