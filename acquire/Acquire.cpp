@@ -11,6 +11,7 @@
 #include "acquire/WarmUpDialog.h"
 #include "driver/DriverTable.h"
 #include "driver/ErrorCodes.h"
+#include "frame/HostCall.h"
 #include "frame/RegistryUtil.h"
 #include "frame/Trace.h"
 #include "imaging/BlockChain.h"
@@ -261,10 +262,15 @@ void InvertBuffer(uint8_t* buffer, int64_t count) {
 }  // namespace sx
 
 SX_EXPORT int32_t SX_API SxAcquire(SxTransferCallback callback, void* transferBuffer) {
+  sx::HostCall call;
+  if (call.Refused()) return SX_ERR_DRIVER;
   sx::TraceLog(sx::kTraceFile, sx::kLabel, sx::kTagIn, 1, 0, sx::kKindNumber, 1);
   // Design note: without a callback or a buffer there is nowhere to deliver
-  // the raster; the request is refused before the scanner is programmed.
-  if (callback == nullptr || transferBuffer == nullptr) {
+  // the raster, and without a bound ReadScan (before SxLoad, after SxFree)
+  // nothing to deliver; the request is refused before the scanner is
+  // programmed.
+  if (callback == nullptr || transferBuffer == nullptr ||
+      (sx::gDriver.ReadScan == nullptr && sx::gDriver.ReadScanEx == nullptr)) {
     sx::TraceLog(sx::kTraceFile, sx::kLabel, sx::kTagOut, 1, SX_ERR_DRIVER, sx::kKindNumber, 1);
     return SX_ERR_DRIVER;
   }

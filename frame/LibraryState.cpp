@@ -1,6 +1,8 @@
 // Library-wide state, process attach and detach, and the dialog font.
 #include "frame/LibraryState.h"
 
+#include "frame/HostCall.h"
+
 #include <cstring>
 #include <string>
 
@@ -14,6 +16,7 @@
 namespace sx {
 
 LibraryState gLib;
+std::atomic<bool> gInsideLibrary{false};
 
 namespace {
 

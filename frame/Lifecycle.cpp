@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "driver/DriverTable.h"
+#include "frame/HostCall.h"
 #include "frame/LibraryState.h"
 #include "frame/Trace.h"
 #include "imaging/ColorMatch.h"
@@ -109,6 +110,8 @@ void Free() {
 // Design note: nothing may escape to the host. A load that throws reports a
 // failed driver (-4); SxFree always answers 0.
 SX_EXPORT int32_t SX_API SxLoad(void* window) {
+  sx::HostCall call;
+  if (call.Refused()) return SX_ERR_DRIVER;
   try {
     return sx::Load(window);
   } catch (...) {
@@ -117,6 +120,8 @@ SX_EXPORT int32_t SX_API SxLoad(void* window) {
 }
 
 SX_EXPORT int32_t SX_API SxFree(void) {
+  sx::HostCall call;
+  if (call.Refused()) return SX_ERR_DRIVER;
   try {
     sx::Free();
   } catch (...) {

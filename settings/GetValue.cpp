@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "driver/DriverTable.h"
+#include "frame/HostCall.h"
 #include "settings/FieldTable.h"
 #include "settings/SettingsInternal.h"
 
@@ -144,6 +145,8 @@ int32_t GetValue(uint16_t capability, uint32_t type, void* value) {
 }  // namespace sx
 
 SX_EXPORT int32_t SX_API SxGetValue(uint32_t capability, uint32_t valueType, void* value) {
+  sx::HostCall call;
+  if (call.Refused()) return SX_ERR_DRIVER;
   try {
     return sx::GetValue(static_cast<uint16_t>(sx::LowWord(capability)), sx::LowWord(valueType),
                         value);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "frame/HostCall.h"
 #include "driver/DriverTable.h"
 #include "frame/RegistryUtil.h"
 #include "imaging/ColorMatch.h"
@@ -332,9 +333,10 @@ void BuildList(uint16_t capability, ListBuilder& list) {
 
 SX_EXPORT int32_t SX_API SxQueryData(uint32_t capability, uint32_t valueType,
                                      SxValueList** listOut) {
+  sx::HostCall call;
   try {
     sx::ListBuilder list(sx::LowWord(valueType));
-    sx::BuildList(static_cast<uint16_t>(sx::LowWord(capability)), list);
+    if (!call.Refused()) sx::BuildList(static_cast<uint16_t>(sx::LowWord(capability)), list);
     list.Publish(listOut);
   } catch (...) {
     // nothing may escape to the host; the result is 0 whatever happened

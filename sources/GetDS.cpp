@@ -1,6 +1,7 @@
 // SxGetDS: hands the host the data sources one by one.
 #include <cstring>
 
+#include "frame/HostCall.h"
 #include "frame/Trace.h"
 #include "platform/System.h"
 #include "sources/DataSourceList.h"
@@ -52,6 +53,8 @@ int32_t GetDataSource(uint32_t message, SxDataSource* out) {
 // Design note: nothing may escape to the host; a failure that throws reads
 // as a driver-side failure (-4).
 SX_EXPORT int32_t SX_API SxGetDS(uint32_t message, SxDataSource* dataSource) {
+  sx::HostCall call;
+  if (call.Refused()) return SX_ERR_DRIVER;
   try {
     return sx::GetDataSource(message, dataSource);
   } catch (...) {

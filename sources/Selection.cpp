@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "driver/DriverTable.h"
+#include "frame/HostCall.h"
 #include "frame/RegistryUtil.h"
 #include "platform/System.h"
 #include "sources/Discovery.h"
@@ -58,6 +59,8 @@ int32_t SetDriverById(SxDataSource* record) {
 // Design note: nothing may escape to the host; a failure that throws reads
 // as a failed choice (-4).
 SX_EXPORT int32_t SX_API SxSetDriverById(SxDataSource* dataSource, uintptr_t) {
+  sx::HostCall call;
+  if (call.Refused()) return SX_ERR_DRIVER;
   try {
     return sx::SetDriverById(dataSource);
   } catch (...) {
