@@ -33,5 +33,8 @@ SX_EXPORT size_t SX_API SxSysGlobalSize(SxHandle handle);
 SX_EXPORT SxHandle SX_API SxSysGlobalHandle(const void* lockedAddress);
 /* Current lock count of a block (0 for an unknown handle). */
 SX_EXPORT uint32_t SX_API SxSysGlobalLockCount(SxHandle handle);
+/* Number of blocks allocated and not yet freed, the host's and the library's
+ * together: what a leak check compares before and after. */
+SX_EXPORT size_t SX_API SxSysGlobalBlockCount(void);
 
 #endif /* SXSYS_H */

@@ -195,6 +195,11 @@ SX_EXPORT uint32_t SX_API SxSysGlobalLockCount(SxHandle handle) {
   return b ? b->Locks : 0;
 }
 
+SX_EXPORT size_t SX_API SxSysGlobalBlockCount(void) {
+  std::lock_guard<std::mutex> guard(g_blocks.Lock);
+  return g_blocks.ByHandle ? g_blocks.ByHandle->size() : 0;
+}
+
 namespace sx::plat {
 
 void GlobalUnlockAndFree(SxHandle handle) {

@@ -1,20 +1,21 @@
 #!/usr/bin/env bash
 # The whole check of sxscan, as CI runs it: set-up, then build and test the
-# x86-64 and i386 configurations, fuzz the parsers briefly, and run the
-# threaded suites under ThreadSanitizer. Every stage runs even when an earlier
+# x86-64 and i386 configurations, fuzz the parsers briefly, run the threaded
+# suites under ThreadSanitizer and the whole suite under AddressSanitizer and
+# UndefinedBehaviorSanitizer. Every stage runs even when an earlier
 # one failed; the exit status is nonzero if any failed.
 #
 # Environment: JOBS (parallel jobs, default 2), BUILD_ROOT (folder of the build
 # trees, default build), FUZZ_SECONDS (per fuzz target, default 5),
 # TSAN_SUITES (test folders run under ThreadSanitizer, default
-# "platform lifecycle acquire buffered"), SKIP_STAGES (e.g. "fuzz tsan").
+# "platform lifecycle acquire buffered reliability"), SKIP_STAGES (e.g. "fuzz tsan").
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 JOBS=${JOBS:-2}
 BUILD_ROOT=${BUILD_ROOT:-build}
 FUZZ_SECONDS=${FUZZ_SECONDS:-5}
-TSAN_SUITES=${TSAN_SUITES:-"platform lifecycle acquire buffered"}
+TSAN_SUITES=${TSAN_SUITES:-"platform lifecycle acquire buffered reliability"}
 SKIP_STAGES=${SKIP_STAGES:-}
 
 summary=()
@@ -73,6 +74,18 @@ tsan() {
       ctest --test-dir "$BUILD_ROOT/tsan" --output-on-failure -j "$JOBS" -R "$pattern"
 }
 
+# The whole suite under AddressSanitizer (leaks included) and
+# UndefinedBehaviorSanitizer in one build: any report fails the test that
+# caused it.
+asan_ubsan() {
+  cmake -S . -B "$BUILD_ROOT/asan" -DSX_WERROR=ON -DSX_SANITIZE=address,undefined \
+    -DCMAKE_C_FLAGS=-fno-sanitize-recover=undefined -DCMAKE_CXX_FLAGS=-fno-sanitize-recover=undefined \
+    -DSX_BUILD_BENCH=OFF &&
+    cmake --build "$BUILD_ROOT/asan" -j "$JOBS" &&
+    ASAN_OPTIONS="detect_leaks=1 ${ASAN_OPTIONS:-}" UBSAN_OPTIONS="print_stacktrace=1 ${UBSAN_OPTIONS:-}" \
+      ctest --test-dir "$BUILD_ROOT/asan" --output-on-failure -j "$JOBS"
+}
+
 total_start=$SECONDS
 stage setup tools/setup.sh
 stage x64 build_and_test "$BUILD_ROOT/x64"
@@ -84,6 +97,7 @@ else
   summary+=("fuzz absent")
 fi
 stage tsan tsan
+stage asan-ubsan asan_ubsan
 
 verdict=PASSED
 ((failed)) && verdict=FAILED

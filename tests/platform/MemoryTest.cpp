@@ -9,7 +9,9 @@ namespace sx::plat {
 namespace {
 
 TEST(Memory, MovableBlocksCountLocksReallocateAndAreFoundByAddress) {
+  const size_t blocks = SxSysGlobalBlockCount();
   SxHandle h = SxSysGlobalAlloc(kGhnd, 100);
+  EXPECT_EQ(SxSysGlobalBlockCount(), blocks + 1);
   auto* p = static_cast<unsigned char*>(SxSysGlobalLock(h));
   ASSERT_NE(p, nullptr);
   EXPECT_EQ(std::vector<unsigned char>(p, p + 100), std::vector<unsigned char>(100, 0));
@@ -30,6 +32,7 @@ TEST(Memory, MovableBlocksCountLocksReallocateAndAreFoundByAddress) {
   EXPECT_EQ(SxSysGlobalHandle(q), h);
   GlobalUnlockAndFree(h);
   EXPECT_EQ(SxSysGlobalSize(h), 0u);
+  EXPECT_EQ(SxSysGlobalBlockCount(), blocks);
 }
 
 TEST(Memory, FixedBlocksGrowOnlyByMovingAndBadHandlesAreRefused) {
