@@ -130,7 +130,11 @@ bool EndReadPage(ScanSettings& s, RingNode* cursor) {
   uint8_t paper = 0;
   if (s.FeederInUse == 1) {
     driver::GetADFStatus(&paper);  // no answer leaves the flag at "no paper"
-    if (paper == 0) {
+    // Design note: only 1 means paper. Any other answer ends the job here
+    // with the end mark, as no paper does: the job goes on only with 1, and
+    // SxAcquire, counting pages, would otherwise wait for a page that never
+    // starts.
+    if (paper != kPaperPresent) {
       MarkEnd(cursor);
     } else {
       ReprogramForNextSheet(s, cursor);

@@ -54,6 +54,8 @@ class ListBuilder {
   // Hands the list to the host through its listOut address; an address that
   // cannot be written gets nothing and the list is freed again.
   void Publish(SxValueList** listOut) {
+    // The host sees a block of exactly the items it holds.
+    if (capacity_ > filled_) Resize(filled_ * itemSize_);
     SxValueList* address = list_;
     if (plat::SafeWrite(listOut, &address, sizeof address)) return;
     plat::GlobalUnlockAndFree(itemsBlock_);
@@ -62,12 +64,18 @@ class ListBuilder {
 
  private:
   void Add(uint32_t naturalType, const void* value) {
-    if (count_ >= 1 && !Grow(static_cast<size_t>(count_ + 1) * itemSize_)) return;
+    if (static_cast<size_t>(count_) >= capacity_) {
+      // Doubling keeps long lists (a driver may report thousands of
+      // buttons) linear in their length.
+      if (!Resize(2 * capacity_ * itemSize_)) return;
+      capacity_ *= 2;
+    }
     SetCount(count_ + 1);
+    filled_ = std::max(filled_, static_cast<size_t>(count_));
     Write(count_ - 1, naturalType, value);
   }
 
-  bool Grow(size_t bytes) {
+  bool Resize(size_t bytes) {
     if (!itemsBlock_) return false;
     while (SxSysGlobalUnlock(itemsBlock_)) {
     }
@@ -89,6 +97,8 @@ class ListBuilder {
   SxValueList* list_ = nullptr;
   uint8_t* items_ = nullptr;
   int32_t count_ = 0;
+  size_t capacity_ = 1;  // items the items block has room for
+  size_t filled_ = 1;    // items the block must keep: the most ever added
 };
 
 // --- Fixed lists -------------------------------------------------------------

@@ -3,7 +3,8 @@
 # sanitizers) straight from the platform sources and runs each one for a
 # bounded time on its seed corpus.
 #
-#   tools/fuzz.sh [target...]      targets: registry profile version values (default: all)
+#   tools/fuzz.sh [target...]      targets: registry profile version values driver vscan
+#                                  (default: all)
 #
 # Environment: FUZZ_SECONDS (default 20) per target; FUZZ_BUILD_DIR (default
 # build-fuzz). Needs: apt-get install clang libclang-rt-14-dev
@@ -28,9 +29,11 @@ declare -A sources=(
 core=$(cd "$root" && ls frame/*.cpp driver/*.cpp sources/*.cpp settings/*.cpp acquire/*.cpp \
   imaging/*.cpp platform/*.cpp | grep -v '^frame/Attach\.cpp$' | tr '\n' ' ')
 sources[values]="$core"
+sources[driver]="$core"
+sources[vscan]="modules/vscan/VscanConfig.cpp modules/vscan/TestChart.cpp"
 
 targets=("$@")
-[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version values)
+[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version values driver vscan)
 mkdir -p "$out"
 
 status=0

@@ -311,6 +311,7 @@ void ApplyIni(Config& c, const std::string& text, const std::string& folder) {
   ApplyScanner(c, ini);
   ApplyNvram(c, ini);
   ReadNumber(ini, "Feeder", "Sheets", c.Sheets);
+  ReadNumber(ini, "Feeder", "PaperFlag", c.PaperFlag);
   if (const std::string* s = Find(ini, "Page", "Image")) c.ImagePath = Resolve(*s, folder);
   ReadNumber(ini, "Page", "WarmUpRefusals", c.WarmUpRefusals);
   ReadNumber(ini, "Page", "WarmUpStatus", c.WarmUpStatus);

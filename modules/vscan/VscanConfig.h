@@ -46,6 +46,7 @@ struct Config {
   uint16_t PressedButton = 0;
   NvRam Nvram{};
   uint32_t Sheets = 0;
+  uint8_t PaperFlag = 1;  // what GetADFStatus reports while sheets remain
   std::string ImagePath;  // empty: the generated chart
   uint32_t WarmUpRefusals = 0;
   uint32_t WarmUpStatus = kStatusWarmingUp;

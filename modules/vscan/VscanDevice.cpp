@@ -352,7 +352,7 @@ int32_t DoSetPowerSaveTime(Device& d, uint32_t value) {
 
 int32_t DoGetADFStatus(Device& d, uint8_t* paper, std::string& extra) {
   if (!paper) return Fail(d, d.Cfg.ParameterStatus, extra, "NoRecord");
-  *paper = d.SheetsLeft ? 1 : 0;
+  *paper = d.SheetsLeft ? d.Cfg.PaperFlag : 0;
   extra = "paper=" + std::to_string(*paper);
   return 1;
 }

@@ -229,4 +229,20 @@ TEST_F(FaultMatrix, StatusCodesReachTheHostMapped) {
   Run(rows);
 }
 
+
+// A feeder that reports paper with a flag other than 1: only 1 means paper,
+// so both modes end after the first sheet instead of waiting for a second
+// page that never starts.
+TEST_F(FaultMatrix, FeederPaperFlagOtherThanOneEndsTheRun) {
+  for (int combo : {kDirectFeeder, kBufferedFeeder}) {
+    SCOPED_TRACE(kComboNames[combo]);
+    Open("PaperFlag=2\n", combo);  // continues the [Feeder] section
+    ASSERT_FALSE(HasFatalFailure());
+    const Seen seen = Acquire();
+    EXPECT_EQ(seen.Result, 0);
+    EXPECT_EQ(seen.WholePages, 1);
+    ExpectScannerStopped();
+  }
+}
+
 }  // namespace
