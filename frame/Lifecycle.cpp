@@ -1,12 +1,15 @@
 // SxLoad and SxFree: opening the stored data source, and releasing
 // everything the library made since attach.
 #include <cstring>
+#include <string>
 
 #include "driver/DriverTable.h"
 #include "frame/HostCall.h"
 #include "frame/LibraryState.h"
 #include "frame/Trace.h"
 #include "imaging/ColorMatch.h"
+#include "platform/Paths.h"
+#include "platform/Registry.h"
 #include "settings/ScanSettings.h"
 #include "sources/DataSourceList.h"
 #include "sources/Discovery.h"
@@ -38,8 +41,20 @@ DataSourceEntry* SelectStoredSource() {
   return gSourceCursor;
 }
 
+// A damaged store is still read for every intact value; the trace says how
+// much of it was skipped, since settings may silently fall back to defaults.
+void TraceDamagedStore() {
+  const uint32_t ignored = plat::RegistryIgnoredLines();
+  if (ignored == 0) return;
+  const std::string text = "registry store: " + std::to_string(ignored) +
+                           " damaged line(s) skipped, read " + plat::RegistryStorePath();
+  TraceLog(kTraceFile, kLoadLabel, kTagDetail, 1, reinterpret_cast<intptr_t>(text.c_str()),
+           kKindText, 1);
+}
+
 int32_t Load(void* window) {
   TraceIn(kLoadLabel);
+  TraceDamagedStore();
   gLib.HostWindow = window;
   // Already open (or enumerated): nothing to do until SxFree.
   if (gDriver.Module || gSourceHead || gSettings.ToneTables[0]) return SX_OK;

@@ -38,4 +38,9 @@ int32_t RegistrySet(std::string_view key, std::string_view name, uint32_t type, 
 // Creates an empty key when it is missing. 0 on success.
 int32_t RegistryCreateKey(std::string_view key);
 
+// Lines of the store that are neither keys, values, comments nor blank: what
+// a damaged or half-written store leaves. Reading skips them and goes on, so
+// every intact value still counts.
+uint32_t RegistryIgnoredLines();
+
 }  // namespace sx::plat
