@@ -48,6 +48,31 @@ build_and_test() {
     ctest --test-dir "$dir" --output-on-failure -j "$JOBS"
 }
 
+# Whether this machine runs i386 programs at all: some kernels are built
+# without 32-bit emulation ("Exec format error").
+runs_i386() {
+  local probe
+  probe=$(mktemp -d) || return 1
+  printf 'int main(void) { return 0; }\n' >"$probe/probe.c"
+  cc -m32 "$probe/probe.c" -o "$probe/probe" 2>/dev/null && "$probe/probe" 2>/dev/null
+  local status=$?
+  rm -rf "$probe"
+  return $status
+}
+
+# The i386 configuration: built (the records' static size and offset checks
+# run at compile time) and tested where the kernel can run it.
+build_and_test_i386() {
+  local dir=$1
+  shift
+  if runs_i386; then
+    build_and_test "$dir" "$@"
+    return
+  fi
+  echo "x86: this kernel cannot run i386 programs; building without running the tests"
+  cmake -S . -B "$dir" -DSX_WERROR=ON "$@" && cmake --build "$dir" -j "$JOBS"
+}
+
 fuzz() {
   FUZZ_SECONDS=$FUZZ_SECONDS bash tools/fuzz.sh
 }
@@ -89,7 +114,7 @@ asan_ubsan() {
 total_start=$SECONDS
 stage setup tools/setup.sh
 stage x64 build_and_test "$BUILD_ROOT/x64"
-stage x86 build_and_test "$BUILD_ROOT/x86" -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 \
+stage x86 build_and_test_i386 "$BUILD_ROOT/x86" -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 \
   -DSX_BUILD_HOST=OFF -DSX_BUILD_BENCH=OFF
 if [[ -f tools/fuzz.sh ]]; then
   stage fuzz fuzz
