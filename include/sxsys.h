@@ -70,6 +70,9 @@ typedef void* SxDialog;
 #define SX_UI_CURSOR_ARROW 0
 #define SX_UI_CURSOR_WAIT 1
 
+/* The dialogs' background (the system's menu colour): a fill in it clears. */
+#define SX_UI_COLOR_BACKGROUND 0xF0F0F0u
+
 /* The caption, for SxSysUiGetText. */
 #define SX_UI_CAPTION_ID 0
 /* The identifier of a dialog's Cancel button. */

@@ -76,6 +76,7 @@ struct DialogTable {
   void* Context = nullptr;
 };
 static_assert(std::is_trivially_destructible_v<DialogTable>);
+static_assert(kColorMenu == SX_UI_COLOR_BACKGROUND);
 constinit DialogTable g_dialogs;
 
 std::atomic<int32_t> g_screenWidth{kScreenWidth};

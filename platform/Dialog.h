@@ -118,7 +118,7 @@ int32_t FullScreenClientWidth();
 int32_t ScreenFontHeight();
 // The colours of solid brushes the dialogs use (0x00BBGGRR).
 inline constexpr uint32_t kColorBlack = 0x000000;
-inline constexpr uint32_t kColorMenu = 0xF0F0F0;  // the system's menu colour
+inline constexpr uint32_t kColorMenu = 0xF0F0F0;  // the system's menu colour, the background
 
 // Milliseconds scaled by SX_TIME_SCALE (a non-negative factor, default 1).
 uint32_t ScaleDialogTime(double milliseconds);
