@@ -106,7 +106,9 @@ SX_EXPORT int32_t SX_API SxSysUiEscape(SxDialog dialog);
  * characters and a NUL. Its length, or -1 for no such dialog or control. */
 SX_EXPORT int32_t SX_API SxSysUiGetText(SxDialog dialog, int32_t control, char* text, uint32_t size);
 /* Declares the screen the dialogs are shown on (default 1920 x 1080 at 96
- * dots per inch); a value of 0 or less restores that default. */
+ * dots per inch); a value of 0 or less restores that default. The width and
+ * the resolution choose the progress dialog's template; the height is not
+ * used. */
 SX_EXPORT void SX_API SxSysUiSetScreen(int32_t width, int32_t height, int32_t dotsPerInch);
 
 #ifdef __cplusplus

@@ -109,7 +109,8 @@ void StopDialogTimer(DialogHandle dialog, uint32_t timer);
 
 enum class CursorShape { Arrow, Wait };
 void SetCursorShape(CursorShape shape);
-// The headless message box is answered at once with OK.
+// Design note: nobody can answer a headless message box, so it is answered
+// at once with OK after the observer has been told of it.
 int32_t ShowMessageBox(const char* text, const char* caption, uint32_t style);
 
 // Screen facts: the client width of a maximised window, and the height of the
