@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <thread>
 
@@ -100,13 +101,14 @@ struct Expected {
 class DialogAcquire : public ::testing::Test {
  protected:
   // Colour pages of 600 lines, from the flatbed or from that many sheets in the feeder.
-  void Open(bool direct, int sheets, const std::string& indicators = "dword:00000001") {
+  void Open(bool direct, int sheets, const std::string& indicators = "dword:00000001",
+            const std::string& faults = "") {
     const bool feeder = sheets > 0;
     gHost = Host{};
     gHost.Direct = direct;
     root_.emplace();
     root_->InstallVscan("Corvane/QM7110", std::string("[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n") +
-                                              (feeder ? "[Feeder]\nSheets=" + std::to_string(sheets) + "\n" : ""));
+                                              (feeder ? "[Feeder]\nSheets=" + std::to_string(sheets) + "\n" : "") + faults);
     const fs::path texts = root_->Path() / "texts.ini";
     WriteFile(texts, "[0409]\nTRACKBARTITLE=Lesen\nCancel=Abbrechen\nTRANSFERMODETEXT=Modus:\n"
                      "TRANSFERMODE1=Gepuffert\n");
@@ -193,7 +195,7 @@ TEST_F(DialogAcquire, CancelEndsWithMinusFiveKeepingCompletedPages) {
     const char* Name;
     const char* Prefix;  // the press comes at the n-th such notification
     int N;
-    size_t WholePages;
+    size_t WholePages;  // read whole before the press
   };
   const Row rows[] = {
       {"first block", "fill 1303 ", 2, 0},  // the first fill only clears the bars
@@ -207,19 +209,52 @@ TEST_F(DialogAcquire, CancelEndsWithMinusFiveKeepingCompletedPages) {
       CancelAt(r.Prefix, r.N);
       EXPECT_EQ(Acquire(), SX_ERR_CANCELLED);
       EXPECT_EQ(ui_->Only({"open", "close"}), (Lines{"open TRACK_1024_768 Track Dialog Box", "close"}));
-      for (size_t p = 0; p < r.WholePages; ++p) {
-        EXPECT_EQ(gHost.PageCodes.at(p).back(), SX_XFER_PAGE_END);
-        EXPECT_TRUE(gHost.Pages.at(p) == Chart(600, static_cast<uint32_t>(p + 1)));
+      // Every page the host saw end is whole in direct mode: those are the
+      // pages read before the press. In buffered mode the ring may still hold
+      // the end of a page read before the press; after a Cancel the consumer
+      // hands such blocks over unprocessed, empty, with their status, so a
+      // page may end short, but what arrived is the page's own raster.
+      size_t whole = 0;
+      for (size_t p = 0; p < gHost.PageCodes.size(); ++p) {
+        if (gHost.PageCodes[p].empty() || gHost.PageCodes[p].back() != SX_XFER_PAGE_END) continue;
+        const std::vector<uint8_t> chart = Chart(600, static_cast<uint32_t>(p + 1));
+        const std::vector<uint8_t>& got = gHost.Pages[p];
+        whole += got.size() == chart.size();
+        ASSERT_LE(got.size(), chart.size());
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), chart.begin())) << "page " << p + 1;
       }
-      ASSERT_EQ(gHost.PageCodes.size(), r.WholePages + 1);
       if (direct) {
+        EXPECT_EQ(whole, r.WholePages);
+        ASSERT_EQ(gHost.PageCodes.size(), r.WholePages + 1);
         EXPECT_EQ(gHost.PageCodes.back().back(), SX_XFER_CANCELLED);
+      } else {
+        EXPECT_LE(whole, r.WholePages);
       }
       ui_->OnEvent = nullptr;
       EXPECT_EQ(Acquire(), 0) << "the next acquisition takes the sheets left";
       EXPECT_EQ(gHost.PageCodes.size(), 3u - (r.WholePages + 1));
       TearDown();
     }
+  }
+}
+
+// A cold lamp refusing the first page's start: the warm-up wait runs over
+// the open progress dialog, on the same thread, then the pages go on.
+TEST_F(DialogAcquire, WarmUpWaitAtPageStart) {
+  ScopedEnv fast("SX_TIME_SCALE", "0.001");
+  for (const bool direct : {true, false}) {
+    SCOPED_TRACE(direct ? "direct" : "buffered");
+    Open(direct, 2, "dword:00000001", "[Faults]\nStartScan=164\nStartScanTimes=1\n");
+    ASSERT_EQ(Acquire(), 0);
+    Lines expected = {"open TRACK_1024_768 Track Dialog Box", "caption Page1    Lesen",
+                      "open WAITDIALOG Scanner warm up...", "show 2 0", "cursor wait"};
+    for (int n = 29; n >= 1; --n) expected.push_back("text 1003 " + std::to_string(n));
+    expected.insert(expected.end(), {"cursor arrow", "close", "caption Page2    Lesen", "close"});
+    EXPECT_EQ(ui_->Only({"open", "caption", "show", "cursor", "text 1003", "close"}), expected);
+    EXPECT_EQ(ui_->Threads().size(), 1u);
+    ASSERT_EQ(gHost.Pages.size(), 2u);
+    EXPECT_TRUE(gHost.Pages[1] == Chart(600, 2));
+    TearDown();
   }
 }
 
