@@ -187,6 +187,9 @@ int32_t CreateTrackDialog(void* /*owner*/) {
   plat::SetControlText(gTrack.Dialog, kTrackPercentSignId, "%");
 
   gTrack.Brushes = {true, kColorRed, kColorGreen, kColorBlue, plat::kColorMenu};
+  // Design note: the new window is not painted here; its bars are first
+  // painted by the page's announcement, since the counts held now are those
+  // of the previous acquisition.
   // The first message the new window receives is dropped unhandled.
   plat::DialogMessage dropped;
   plat::PeekDialogMessage(gTrack.Dialog, dropped);

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "FakeScanner.h"
+#include "acquire/DialogResources.h"
 #include "acquire/WarmUpDialog.h"
 #include "support/UiRecorder.h"
 
@@ -100,6 +101,34 @@ TEST_F(WarmUp, LocalisedTextsClosingPauseAndEscape) {
                          Countdown(29, 27),
                          {"cursor arrow", "close"}}));
   EXPECT_EQ(refusedClicks, 1);
+}
+
+// What a host may do with a dialog handle: read texts, click visible buttons
+// only; once the dialog is gone (or for a handle that never was one) every
+// request is refused rather than reaching freed memory.
+TEST(DialogHandles, HostRequestsAreCheckedAgainstOpenDialogs) {
+  auto proc = [](sx::plat::DialogHandle, uint32_t, uintptr_t, intptr_t) -> intptr_t { return 0; };
+  sx::plat::DialogHandle dialog = sx::plat::CreateDialogFrom(sx::FindDialogTemplate("TRACK_800_600"), proc, 0);
+  ASSERT_NE(dialog, nullptr);
+  char text[8];
+  EXPECT_EQ(::SxSysUiGetText(dialog, SX_UI_CAPTION_ID, text, sizeof text), 16);
+  EXPECT_STREQ(text, "Track D");
+  EXPECT_EQ(::SxSysUiGetText(dialog, 1302, nullptr, 0), 15);
+  EXPECT_EQ(::SxSysUiGetText(dialog, 4242, text, sizeof text), -1);
+  EXPECT_EQ(::SxSysUiPress(dialog, 1302), 0) << "a static text is no button";
+  EXPECT_EQ(::SxSysUiPress(dialog, 2), 1);
+  sx::plat::DialogMessage message;
+  ASSERT_TRUE(sx::plat::PeekDialogMessage(dialog, message));
+  EXPECT_EQ(message.Id, sx::plat::kMsgCommand);
+  EXPECT_EQ(message.WParam, 2u);
+  EXPECT_FALSE(sx::plat::PeekDialogMessage(dialog, message));
+  sx::plat::DestroyDialog(dialog);
+  int notADialog = 0;
+  for (void* handle : {static_cast<void*>(dialog), static_cast<void*>(&notADialog), static_cast<void*>(nullptr)}) {
+    EXPECT_EQ(::SxSysUiPress(handle, 2) + ::SxSysUiEscape(handle), 0);
+    EXPECT_EQ(::SxSysUiGetText(handle, SX_UI_CAPTION_ID, text, sizeof text), -1);
+  }
+  EXPECT_EQ(sx::FindDialogTemplate("TRACK_800_600_SPECIAL"), nullptr);
 }
 
 }  // namespace
