@@ -1,9 +1,12 @@
 // The progress ("track") dialog: shown while an acquisition runs when the host
 // has set Indicators. The party that reads the raster drives it and must be
 // the thread that created it (SxAcquire in direct mode, the read thread in
-// buffered mode); the state below belongs to that thread.
+// buffered mode); the state below belongs to that thread, and the dialog's
+// messages (a host's Cancel) are handled only on it, within TRACK_STEP.
 #pragma once
 #include <cstdint>
+
+#include "platform/Dialog.h"
 
 namespace sx {
 
@@ -12,17 +15,30 @@ inline constexpr uint32_t TRACK_NEWPAGE = 0x8021;
 inline constexpr uint32_t TRACK_STEP = 0x8022;
 inline constexpr uint32_t TRACK_MODE = 0x8023;
 
-// Brush modes of the three progress bars.
+// Brush modes of the three progress bars: clear, black, or one colour each
+// (1 red, 2 green, 3 blue for all three; 4 red, green and blue).
 inline constexpr int32_t kBrushClear = -1;
 inline constexpr int32_t kBrushBlack = 0;
 inline constexpr int32_t kBrushRgb = 4;
 
+inline constexpr uint32_t kColorRed = 0x0000FF;
+inline constexpr uint32_t kColorGreen = 0x00FF00;
+inline constexpr uint32_t kColorBlue = 0xFF0000;
+
+// The dialog's solid brushes, made with it and dropped when it closes.
+struct TrackBrushes {
+  bool Made = false;
+  uint32_t Red = 0, Green = 0, Blue = 0, Background = 0;
+};
+
 struct TrackDialogState {
-  bool Open = false;        // a dialog is on screen
+  plat::DialogHandle Dialog = nullptr;  // the open dialog, or none
   bool Cancel = false;      // the user pressed Cancel; cleared when a dialog initialises
   uint32_t Current = 0;     // lines read so far on the page
   uint32_t Total = 0;       // lines of the page
   int32_t BrushMode = kBrushClear;
+  TrackBrushes Brushes;
+  int32_t (*Pump)() = nullptr;  // dispatches the dialog's messages
 };
 
 extern TrackDialogState gTrack;

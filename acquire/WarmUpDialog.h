@@ -1,38 +1,42 @@
-// The lamp warm-up wait: held while the driver refuses a call because its lamp
-// is still warming up, then the caller retries once. Runs modally on the
-// caller's thread (the host's thread, or the read thread in buffered mode).
+// The lamp warm-up dialog: held modally while the driver refuses a call
+// because its lamp is still warming up; then the caller retries once. It runs
+// on the caller's thread (the host's thread, or the read thread when a
+// buffered page start is refused) and is the only dialog of that thread
+// meanwhile; its state below belongs to that thread.
 #pragma once
 #include <cstdint>
 #include <string>
 
+#include "platform/Dialog.h"
+#include "platform/Thread.h"
+
 namespace sx {
 
-inline constexpr int32_t kWarmUpCountdown = 29;      // ticks after the first
+inline constexpr int32_t kWarmUpCountdown = 29;  // shown before the last tick
+inline constexpr uint32_t kWarmUpTimer = 999;
 inline constexpr uint32_t kWarmUpCountdownMs = 1000;
 inline constexpr uint32_t kWarmUpPollMs = 3000;
 inline constexpr int32_t kWarmUpMaxPolls = 60;
 
-struct WarmUpState {
-  int32_t Countdown = 0;   // -1 in lamp-polling mode
+struct WarmUpDialogState {
+  int32_t Countdown = 0;  // -1 in lamp-polling mode
   int32_t PollCount = 0;
+  plat::EventHandle Pause = nullptr;  // never set: only waited on for the closing pause
+  bool Ending = false;                // the first of the two destroy phases has run
+  std::string File;                   // the localisation file, or empty
 };
 
-// Reads "WarmUpTime" and chooses countdown or lamp polling.
-void WarmUpBegin(WarmUpState& state, const std::string& localisationFile);
-// One timer tick; true when the wait is over.
-bool WarmUpTick(WarmUpState& state);
-// The timer period of the chosen mode, in milliseconds before scaling.
-uint32_t WarmUpPeriodMs(const WarmUpState& state);
+extern WarmUpDialogState gWarmUp;
 
 // "langpack.loc" in the current directory, or empty when the path would not
 // fit the library's 144-byte path buffer (the defaults then apply).
 std::string WarmUpLocalisationFile();
 
-// Milliseconds scaled by SX_TIME_SCALE (a non-negative factor, default 1).
-uint32_t ScaleDialogTime(double milliseconds);
+intptr_t WarmUpDialogProc(plat::DialogHandle dialog, uint32_t message, uintptr_t wParam, intptr_t lParam);
 
-// Runs the whole wait: ticks, then the "DELAYWARMUPTIME" pause. Answers 1,
-// the dialog's result, which callers ignore.
+// Runs the dialog "WAITDIALOG" modally until the lamp is ready, the wait
+// times out or the dialog is cancelled. Answers the dialog's result, which
+// callers ignore.
 int32_t RunWarmUpDialog();
 
 }  // namespace sx

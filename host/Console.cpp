@@ -7,8 +7,10 @@
 
 namespace sx::host {
 namespace {
-// Thread contract: used only on the host's thread (the transfer callback runs
-// there in both transfer modes).
+// Thread contract: used by one thread at a time: the host's thread, or the
+// library's read thread while it reports its progress dialog in buffered mode
+// (serialised by the dialog observer's lock; SxAcquire returns only after the
+// read thread has closed the dialog).
 bool g_lineDrawn = false;
 }  // namespace
 

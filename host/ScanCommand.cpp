@@ -264,7 +264,9 @@ int RunScan(const ScanOptions& options) {
   transfer.buffer = buffer.address;
   transfer.bufferBytes = buffer.bytes;
   transfer.terminal = StderrIsTerminal();
-  transfer.showProgress = options.progress || transfer.terminal;
+  // The library's own progress dialog is the progress line, and an
+  // interrupt presses its Cancel.
+  LibraryDialogs dialogs(g_interrupted, options.progress || transfer.terminal);
   // Only a feeder scan delivers the pages asked for; a flatbed gives one.
   transfer.progress.pagesExpected =
       options.source == ScanSource::Feeder && options.pages > 0 ? options.pages : 0;

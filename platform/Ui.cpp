@@ -33,9 +33,6 @@ __attribute__((destructor(101))) void ReleaseFontTable() {
 
 }  // namespace
 
-// The headless screen has one resolution for every window.
-int32_t LogPixelsY(void*) { return kScreenDpi; }
-
 FontHandle CreateFont(const FontSpec& description) {
   std::lock_guard<std::mutex> guard(g_fonts.Lock);
   Font* font = nullptr;

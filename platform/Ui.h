@@ -1,17 +1,19 @@
-// The headless dialog model: the parts the library needs now are the screen's
-// metrics and font objects.
+// Screen metrics and font objects of the headless dialog model (the dialogs
+// themselves are in platform/Dialog.h).
 #pragma once
 #include <cstdint>
 #include <string>
 
 namespace sx::plat {
 
-// The emulated screen: 1920 x 1080 at 96 dots per inch.
+// The emulated screen: 1920 x 1080 at 96 dots per inch unless the host
+// declares another (SxSysUiSetScreen).
 inline constexpr int32_t kScreenWidth = 1920;
 inline constexpr int32_t kScreenHeight = 1080;
 inline constexpr int32_t kScreenDpi = 96;
 
-// Vertical logical pixels per inch of a window's display context (LOGPIXELSY).
+// Vertical logical pixels per inch of a window's display context; one value
+// for every window of the screen.
 int32_t LogPixelsY(void* window);
 
 struct FontSpec {

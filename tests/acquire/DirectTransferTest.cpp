@@ -5,6 +5,7 @@
 #include "FakeScanner.h"
 #include "acquire/Acquire.h"
 #include "acquire/ProgressDialog.h"
+#include "support/UiRecorder.h"
 
 namespace acqtest {
 namespace {
@@ -179,11 +180,17 @@ TEST_F(DirectTransfer, EarlyPageEnds) {
   }
 }
 
-// Cancel in the progress dialog: one more callback with the block read, then cancel and stop.
+// Cancel pressed in the progress dialog at its first bar fill: one more callback with the block
+// read, then cancel and stop; the pressed dialog is closed.
 TEST_F(DirectTransfer, CancelFromTheProgressDialogAndRequestsThatCannotRun) {
-  sx::gTrack.Open = true;
-  sx::gTrack.Cancel = true;
+  sxtest::UiRecorder ui(::SxSysUiSetObserver, ::SxSysUiPress, ::SxSysUiEscape);
+  ui.OnEvent = [&](const std::string& line, SxDialog dialog) {
+    if (line.rfind("fill", 0) == 0 && line.find("f0f0f0") == std::string::npos) ui.Press(dialog, 2);
+  };
+  gSettings.Indicators = 1;
   EXPECT_EQ(Acquire(), -5);
+  EXPECT_EQ(ui.Only({"open", "close", "cursor"}),
+            (std::vector<std::string>{"open TRACK_1024_768 Track Dialog Box", "cursor wait", "close"}));
   EXPECT_EQ(host_.Codes, (CodeList{2, -5}));
   EXPECT_EQ(host_.Counts[1], 131 * kLine);
   EXPECT_EQ(Fake().Sequence(), "SetScanParameter,TuneScanLength,StartScan,ReadScan,DoCancel,StopScan");

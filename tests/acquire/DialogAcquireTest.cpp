@@ -1,0 +1,285 @@
+// Whole acquisitions with Indicators set, through the exported functions, as
+// a host that shows the library's progress dialog sees them: every dialog
+// notification in order, on the thread the dialog belongs to, and Cancel
+// pressed at chosen moments in both transfer modes.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <thread>
+
+#include "modules/vscan/TestChart.h"
+#include "support/TestEnv.h"
+#include "support/UiRecorder.h"
+
+namespace {
+
+using namespace sxtest;
+using Lines = std::vector<std::string>;
+using Codes = std::vector<int32_t>;
+
+constexpr int64_t kDirectBuffer = 1'000'000;  // 131 colour lines of 7632 bytes
+constexpr size_t kHostBuffer = 1 << 20;
+constexpr unsigned kHungSeconds = 60;
+constexpr int32_t kBarWidth = 266;  // 133 dialog units at 96 dpi
+constexpr int32_t kBars[3] = {1303, 1304, 1305};
+
+struct Host {
+  bool Direct = true;
+  std::vector<Codes> PageCodes;
+  std::vector<std::vector<uint8_t>> Pages;
+} gHost;
+
+int32_t SX_API Callback(void* data, int64_t* count, int32_t code) {
+  if (code == SX_XFER_IMAGE_INFO) {
+    gHost.PageCodes.emplace_back();
+    gHost.Pages.emplace_back();
+    if (gHost.Direct) *count = kDirectBuffer;
+    return 0;
+  }
+  gHost.PageCodes.back().push_back(code);
+  if (code >= 0) {
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    gHost.Pages.back().insert(gHost.Pages.back().end(), bytes, bytes + *count);
+  }
+  return 0;
+}
+
+std::vector<uint8_t> Chart(int32_t lines, uint32_t sheet) {
+  sx::vscan::ChartGeometry g;
+  g.ScanMode = sx::vscan::kModeColor;
+  g.PixelNum = 2544;
+  g.ColorFilter = 2;
+  g.Page = sheet;
+  const size_t line = sx::vscan::ChartBytesPerLine(g);
+  std::vector<uint8_t> bytes(line * static_cast<size_t>(lines));
+  for (int32_t y = 0; y < lines; ++y) sx::vscan::RenderChartLine(g, y, bytes.data() + y * line);
+  return bytes;
+}
+
+// What the progress dialog shows, built from the dialog's prescribed
+// behaviour: bars cleared and "0" at each page, then per block three bars
+// filled to the lines read so far and the truncated percentage.
+struct Expected {
+  Lines Events;
+  std::string Percent = "0";
+  std::string Caption;
+
+  void Text(const std::string& percent) {
+    if (percent != Percent) Events.push_back("text 1306 " + percent);
+    Percent = percent;
+  }
+  void Fill(int bar, int32_t filled, const char* color) {
+    char line[64];
+    std::snprintf(line, sizeof line, "fill %d %d/%d %s", kBars[bar], filled, kBarWidth, color);
+    Events.push_back(line);
+  }
+  void Open(const std::string& title) {
+    Caption = "Page1    " + title;
+    Events = {"open TRACK_1024_768 Track Dialog Box", "caption " + Caption, "text 2 Abbrechen",
+              "text 1302 Modus:", "text 1301 Gepuffert"};
+  }
+  void Page(int page, int32_t lines, const std::vector<int32_t>& blocks, const std::string& title) {
+    for (int bar = 0; bar < 3; ++bar) Fill(bar, kBarWidth, "f0f0f0"), Text("100");
+    Text("0");
+    const std::string caption = "Page" + std::to_string(page) + "    " + title;
+    if (caption != Caption) Events.push_back("caption " + caption);
+    Caption = caption;
+    int32_t done = 0;
+    static const char* const kRgb[3] = {"0000ff", "00ff00", "ff0000"};
+    for (int32_t block : blocks) {
+      done += block;
+      for (int bar = 0; bar < 3; ++bar) {
+        Fill(bar, (done * kBarWidth + lines / 2) / lines, kRgb[bar]);
+        Text(std::to_string(static_cast<int>(static_cast<double>(done) / lines * 100.0)));
+      }
+    }
+  }
+};
+
+class DialogAcquire : public ::testing::Test {
+ protected:
+  // Colour pages of 600 lines, from the flatbed or from that many sheets in the feeder.
+  void Open(bool direct, int sheets, const std::string& indicators = "dword:00000001",
+            const std::string& faults = "") {
+    const bool feeder = sheets > 0;
+    gHost = Host{};
+    gHost.Direct = direct;
+    root_.emplace();
+    root_->InstallVscan("Corvane/QM7110", std::string("[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n") +
+                                              (feeder ? "[Feeder]\nSheets=" + std::to_string(sheets) + "\n" : "") + faults);
+    const fs::path texts = root_->Path() / "texts.ini";
+    WriteFile(texts, "[0409]\nTRACKBARTITLE=Lesen\nCancel=Abbrechen\nTRANSFERMODETEXT=Modus:\n"
+                     "TRANSFERMODE1=Gepuffert\n");
+    root_->WriteRegistry(
+        "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" + std::string(13, ' ') + "1.00\"\n" +
+        "\"LOCALIZE\"=str(2):\"" + texts.string() + "\"\n[Software\\Quillmark\\ScanData]\n" +
+        "\"LANGUAGE\"=dword:00000001\n\"TRANSFERMODE\"=dword:00000001\n\"INDICATORS\"=" + indicators + "\n" +
+        "\"PIXELTYPE\"=dword:00000002\n\"IMAGELENGTH\"=str(2):\"600\"\n\"GAMMA\"=str(2):\"1.0\"\n" +
+        "\"SCANTYPE\"=dword:0000000" + (feeder ? "1" : "2") + "\n");
+    lib_.emplace();
+    ui_.emplace(reinterpret_cast<UiRecorder::SetObserverFn>(lib_->Symbol("SxSysUiSetObserver")),
+                reinterpret_cast<UiRecorder::PressFn>(lib_->Symbol("SxSysUiPress")),
+                reinterpret_cast<UiRecorder::EscapeFn>(lib_->Symbol("SxSysUiEscape")));
+    ASSERT_EQ(lib_->Load(nullptr), 0);
+    if (!direct) {
+      uint8_t on = 1;
+      ASSERT_EQ(lib_->SetValue(CAP_BUFFERING, TY_UINT8, &on), 0);
+    }
+    handle_ = lib_->GlobalAlloc(SX_GHND, kHostBuffer);
+  }
+  void TearDown() override {
+    if (!lib_) return;
+    lib_->GlobalFree(handle_);
+    lib_->Free();
+    ui_.reset();
+    lib_.reset();
+  }
+  int32_t Acquire() {
+    gHost.PageCodes.clear();
+    gHost.Pages.clear();
+    ui_->Clear();
+    alarm(kHungSeconds);
+    const int32_t result = lib_->Acquire(Callback, lib_->GlobalLock(handle_));
+    alarm(0);
+    lib_->GlobalUnlock(handle_);
+    return result;
+  }
+  // Presses Cancel at the n-th notification (from 1) that starts with `prefix`.
+  void CancelAt(const std::string& prefix, int n) {
+    auto seen = std::make_shared<int>(0);
+    ui_->OnEvent = [this, prefix, n, seen](const std::string& line, SxDialog dialog) {
+      if (line.rfind(prefix, 0) == 0 && ++*seen == n) {
+        EXPECT_EQ(ui_->Press(dialog, 2), 1);
+      }
+    };
+  }
+
+  std::optional<TempRoot> root_;
+  std::optional<Library> lib_;
+  std::optional<UiRecorder> ui_;
+  SxHandle handle_ = nullptr;
+};
+
+// Two feeder pages in each mode: the whole dialog, in order, on the thread
+// that reads the raster (the host's in direct mode, one library thread in
+// buffered mode); each page's bars reach 100 %.
+TEST_F(DialogAcquire, FeederPagesShowTheirProgress) {
+  for (const bool direct : {true, false}) {
+    SCOPED_TRACE(direct ? "direct" : "buffered");
+    Open(direct, 2);
+    ASSERT_EQ(Acquire(), 0);
+    const std::vector<int32_t> blocks =
+        direct ? std::vector<int32_t>{131, 131, 131, 131, 76} : std::vector<int32_t>{137, 137, 137, 137, 52};
+    Expected expected;
+    expected.Open("Lesen");
+    expected.Page(1, 600, blocks, "Lesen");
+    expected.Page(2, 600, blocks, "Lesen");
+    expected.Events.push_back("close");
+    EXPECT_EQ(ui_->Lines(), expected.Events);
+    const std::set<std::thread::id> threads = ui_->Threads();
+    ASSERT_EQ(threads.size(), 1u);
+    EXPECT_EQ(*threads.begin() == std::this_thread::get_id(), direct);
+    ASSERT_EQ(gHost.Pages.size(), 2u);
+    EXPECT_TRUE(gHost.Pages[1] == Chart(600, 2));
+    TearDown();
+  }
+}
+
+// Cancel at the first block, in mid-page and between the feeder's pages, in
+// both modes: -5, the pages completed before it kept whole, the dialog closed,
+// and the library ready for the next acquisition.
+TEST_F(DialogAcquire, CancelEndsWithMinusFiveKeepingCompletedPages) {
+  struct Row {
+    const char* Name;
+    const char* Prefix;  // the press comes at the n-th such notification
+    int N;
+    size_t WholePages;  // read whole before the press
+  };
+  const Row rows[] = {
+      {"first block", "fill 1303 ", 2, 0},  // the first fill only clears the bars
+      {"mid-page", "fill 1303 ", 4, 0},
+      {"between pages", "caption Page2", 1, 1},
+  };
+  for (const bool direct : {true, false}) {
+    for (const Row& r : rows) {
+      SCOPED_TRACE(std::string(direct ? "direct, " : "buffered, ") + r.Name);
+      Open(direct, 3);
+      CancelAt(r.Prefix, r.N);
+      EXPECT_EQ(Acquire(), SX_ERR_CANCELLED);
+      EXPECT_EQ(ui_->Only({"open", "close"}), (Lines{"open TRACK_1024_768 Track Dialog Box", "close"}));
+      // Every page the host saw end is whole in direct mode: those are the
+      // pages read before the press. In buffered mode the ring may still hold
+      // the end of a page read before the press; after a Cancel the consumer
+      // hands such blocks over unprocessed, empty, with their status, so a
+      // page may end short, but what arrived is the page's own raster.
+      size_t whole = 0;
+      for (size_t p = 0; p < gHost.PageCodes.size(); ++p) {
+        if (gHost.PageCodes[p].empty() || gHost.PageCodes[p].back() != SX_XFER_PAGE_END) continue;
+        const std::vector<uint8_t> chart = Chart(600, static_cast<uint32_t>(p + 1));
+        const std::vector<uint8_t>& got = gHost.Pages[p];
+        whole += got.size() == chart.size();
+        ASSERT_LE(got.size(), chart.size());
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), chart.begin())) << "page " << p + 1;
+      }
+      if (direct) {
+        EXPECT_EQ(whole, r.WholePages);
+        ASSERT_EQ(gHost.PageCodes.size(), r.WholePages + 1);
+        EXPECT_EQ(gHost.PageCodes.back().back(), SX_XFER_CANCELLED);
+      } else {
+        EXPECT_LE(whole, r.WholePages);
+      }
+      ui_->OnEvent = nullptr;
+      EXPECT_EQ(Acquire(), 0) << "the next acquisition takes the sheets left";
+      EXPECT_EQ(gHost.PageCodes.size(), 3u - (r.WholePages + 1));
+      TearDown();
+    }
+  }
+}
+
+// A cold lamp refusing the first page's start: the warm-up wait runs over
+// the open progress dialog, on the same thread, then the pages go on.
+TEST_F(DialogAcquire, WarmUpWaitAtPageStart) {
+  ScopedEnv fast("SX_TIME_SCALE", "0.001");
+  for (const bool direct : {true, false}) {
+    SCOPED_TRACE(direct ? "direct" : "buffered");
+    Open(direct, 2, "dword:00000001", "[Faults]\nStartScan=164\nStartScanTimes=1\n");
+    ASSERT_EQ(Acquire(), 0);
+    Lines expected = {"open TRACK_1024_768 Track Dialog Box", "caption Page1    Lesen",
+                      "open WAITDIALOG Scanner warm up...", "show 2 0", "cursor wait"};
+    for (int n = 29; n >= 1; --n) expected.push_back("text 1003 " + std::to_string(n));
+    expected.insert(expected.end(), {"cursor arrow", "close", "caption Page2    Lesen", "close"});
+    EXPECT_EQ(ui_->Only({"open", "caption", "show", "cursor", "text 1003", "close"}), expected);
+    EXPECT_EQ(ui_->Threads().size(), 1u);
+    ASSERT_EQ(gHost.Pages.size(), 2u);
+    EXPECT_TRUE(gHost.Pages[1] == Chart(600, 2));
+    TearDown();
+  }
+}
+
+// The screen chooses the template; a dense small screen is refused with a
+// message box and the scan goes on without a dialog, as it does where the
+// chosen template does not exist; Indicators 0 shows nothing at all.
+TEST_F(DialogAcquire, ScreenAndIndicatorsDecideWhatIsShown) {
+  // {width, dots per inch, Indicators, notifications other than fills and texts}
+  const std::tuple<int32_t, int32_t, const char*, Lines> rows[] = {
+      {800, 96, "dword:00000001", {"open TRACK_800_600 Track Dialog Box", "caption Page1    Lesen", "close"}},
+      {800, 144, "dword:00000001", {"box Error: Please change the screen setting to 800*600!"}},
+      {800, 110, "dword:00000001", {}},  // large system font: a template no resource has
+      {1920, 96, "dword:00000000", {}},
+  };
+  for (const auto& [width, dpi, indicators, shown] : rows) {
+    SCOPED_TRACE(std::to_string(width) + " " + std::to_string(dpi) + " " + indicators);
+    Open(true, 0, indicators);
+    reinterpret_cast<decltype(&::SxSysUiSetScreen)>(lib_->Symbol("SxSysUiSetScreen"))(width, 0, dpi);
+    EXPECT_EQ(Acquire(), 0);
+    EXPECT_EQ(ui_->Only({"open", "caption", "close", "box", "cursor"}), shown);
+    if (shown.empty()) {
+      EXPECT_EQ(ui_->Lines(), Lines{});
+    }
+    TearDown();
+  }
+}
+
+}  // namespace
