@@ -40,6 +40,9 @@ std::string ReadText(const char* section, const char* key, const char* def) {
 // The procedure ends the wait by sending itself the destroy message.
 void EndWait(plat::DialogHandle dialog) { plat::SendDialogMessage(dialog, plat::kMsgDestroy, 0, 0); }
 
+// Design note: the path and the section name are kept by the dialog rather
+// than in the library's shared scratch buffers, as the read thread may run
+// this dialog while the host's thread is inside SxAcquire.
 void Initialise(plat::DialogHandle dialog) {
   gWarmUp.File = WarmUpLocalisationFile();
   char section[kLanguageSectionSize] = {};
