@@ -19,7 +19,7 @@ MODEL=QM7110V
 tools/setup.sh
 # Same configuration as tools/test.sh, so that the two share one build.
 cmake -S . -B "$BUILD" -DSX_WERROR=ON >/dev/null
-cmake --build "$BUILD" -j "$JOBS" --target sxscan_host vscan
+cmake --build "$BUILD" -j "$JOBS" --target sxscan_host vscan sxcmms sxprofile
 
 sxscan="$BUILD/host/sxscan"
 module_dir="$SX_ROOT/windows/twain_32/Corvane/VScan"
@@ -37,6 +37,16 @@ Port=USB
 [Feeder]
 Sheets=0
 INI
+
+# Colour matching: the colour-management module beside the system's modules,
+# the scanner's input profile and an sRGB output profile in the colour folder,
+# and the driver's cmatch.ini naming the profile for the model.
+color_dir="$SX_ROOT/windows/system32/SPOOL/DRIVERS/COLOR"
+mkdir -p "$color_dir"
+install -m 0755 "$BUILD/modules/cmms/sxcmms.dll" "$SX_ROOT/windows/system32/sxcmms.dll"
+"$BUILD/modules/cmms/sxprofile" scanner "$color_dir/vscan.icc"
+"$BUILD/modules/cmms/sxprofile" srgb "$color_dir/sRGB.icc"
+printf '[Model]\n%s=vscan.icc\n' "$MODEL" >"$module_dir/cmatch.ini"
 
 run() {
   echo "\$ sxscan $*"
