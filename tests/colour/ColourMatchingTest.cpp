@@ -22,11 +22,12 @@ constexpr int32_t kLines = 90;
 
 std::vector<uint8_t> gPage;
 int32_t gPixels = 0;
+int64_t gAnswer = kHostBuffer;  // the host's buffer size as told to the library
 
 int32_t SX_API Collect(void* data, int64_t* count, int32_t code) {
   if (code == SX_XFER_IMAGE_INFO) {
     gPixels = static_cast<const SxImageInfo*>(data)->PixelsPerLine;
-    *count = kHostBuffer;
+    *count = gAnswer;
   } else if (code >= SX_XFER_DATA) {
     const auto* bytes = static_cast<const uint8_t*>(data);
     gPage.insert(gPage.end(), bytes, bytes + *count);
@@ -37,7 +38,9 @@ int32_t SX_API Collect(void* data, int64_t* count, int32_t code) {
 class ColourMatching : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n");
+    log_ = root_.Twain() / "Corvane/QM7110/calls.log";
+    root_.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n"
+                                         "[Feeder]\nSheets=100\n[Log]\nFile=" + log_.string() + "\n");
     color_ = root_.Path() / "windows/system32/SPOOL/DRIVERS/COLOR";
     fs::create_directories(color_);
     fs::copy_file(SX_TEST_CMMS, root_.Path() / "windows/system32/sxcmms.dll");
@@ -92,7 +95,21 @@ class ColourMatching : public ::testing::Test {
     return gPage;
   }
 
+  // The tone tables the scanner received since the last look, in hex.
+  std::vector<std::string> ScannerTables() {
+    std::vector<std::string> tables;
+    for (const std::string& line : ReadLines(log_)) {
+      const size_t at = line.find("table=");
+      if (line.rfind("SetGammaTable(", 0) == 0 && at != std::string::npos)
+        tables.push_back(line.substr(at + 6, 512));
+    }
+    std::error_code ec;  // emptied in place: the driver keeps it open
+    fs::resize_file(log_, 0, ec);
+    return tables;
+  }
+
   TempRoot root_;
+  fs::path log_;
   fs::path color_;
   std::unique_ptr<Library> lib_;
 };
@@ -129,6 +146,13 @@ TEST_F(ColourMatching, OfferedOnlyWithAModuleAndAUsableProfile) {
   EXPECT_EQ(Offered(), 1) << "no module";
 }
 
+std::string Identity() {
+  static const char kHex[] = "0123456789abcdef";
+  std::string hex;
+  for (int i = 0; i < 256; ++i) hex += std::string{kHex[i >> 4], kHex[i & 15]};
+  return hex;
+}
+
 // Per-channel tables: the scanner applies them to a plain scan; with colour
 // matching the scanner gets identity tables and the module applies them.
 // The master table applies to a plain scan only.
@@ -145,12 +169,28 @@ TEST_F(ColourMatching, PagesEqualLittleCmsAppliedToThePlainScanInBothModes) {
   };
   for (uint8_t buffering : {0, 1}) {
     SCOPED_TRACE(buffering ? "buffered" : "direct");
-    Load(Gammas("1.0", "1.8", "0.8"));
+    // Two feeder pages; in direct mode blocks of 7 lines, so lines meet
+    // block and page boundaries.
+    gAnswer = buffering ? kHostBuffer : 7 * 1275 * 3;
+    const std::string feeder = "\"SCANTYPE\"=dword:00000001\n\"XFERCOUNT\"=str(2):\"2\"\n";
+    Load(Gammas("1.0", "1.8", "0.8") + feeder);
     ASSERT_EQ(Offered(), 2);
+    ScannerTables();
     const std::vector<uint8_t> toned = Scan(0, buffering);
-    Load(Gammas("1.0", "1.8", "0.8"));
+    EXPECT_NE(ScannerTables(), std::vector<std::string>(6, Identity())) << "plain: the scanner tones";
+    Load(Gammas("1.0", "1.8", "0.8") + feeder);
     ASSERT_EQ(Offered(), 2);
-    expectConverted(Scan(1, buffering), toned);
+    ScannerTables();
+    const std::vector<uint8_t> matched = Scan(1, buffering);
+    const std::vector<std::string> sent = ScannerTables();
+    EXPECT_GE(sent.size(), 6u) << "each page, three channels";
+    for (const std::string& table : sent) EXPECT_EQ(table, Identity());
+    ASSERT_EQ(toned.size(), 2 * static_cast<size_t>(gPixels) * 3 * kLines);
+    expectConverted(std::vector<uint8_t>(matched.begin(), matched.begin() + toned.size() / 2),
+                    std::vector<uint8_t>(toned.begin(), toned.begin() + toned.size() / 2));
+    expectConverted(std::vector<uint8_t>(matched.begin() + toned.size() / 2, matched.end()),
+                    std::vector<uint8_t>(toned.begin() + toned.size() / 2, toned.end()));
+    gAnswer = kHostBuffer;
 
     Load(Gammas("2.2"));
     ASSERT_EQ(Offered(), 2);
@@ -159,6 +199,15 @@ TEST_F(ColourMatching, PagesEqualLittleCmsAppliedToThePlainScanInBothModes) {
     ASSERT_EQ(Offered(), 2);
     expectConverted(masterOnly, Scan(0, buffering));
   }
+}
+
+// sRGB in, sRGB out: the page comes through unchanged.
+TEST_F(ColourMatching, IdentityProfilesLeaveThePageAlone) {
+  ASSERT_TRUE(sx::cmms::SaveProfile(cmsCreate_sRGBProfile(), (color_ / "scanner.icc").string()));
+  Load(Gammas("1.0"));
+  ASSERT_EQ(Offered(), 2);
+  const std::vector<uint8_t> plain = Scan(0, 0);
+  EXPECT_EQ(Scan(1, 0), plain);
 }
 
 }  // namespace
