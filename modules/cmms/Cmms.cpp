@@ -115,9 +115,12 @@ CMMS_EXPORT int32_t CMMS_API SX_Icc_Adjust(int32_t, int32_t, int32_t, int32_t, i
                                            uint8_t* red, uint8_t* green, uint8_t* blue,
                                            int32_t entries) {
   const uint8_t* tables[3] = {red, green, blue};
-  gModule.HaveTone = entries == kToneEntries && red && green && blue;
-  if (!gModule.HaveTone) return kDone;
-  for (int c = 0; c < 3; ++c) std::memcpy(gModule.Tone[c], tables[c], kToneEntries);
+  gModule.HaveTone = false;
+  if (entries != kToneEntries || !red || !green || !blue) return kDone;
+  for (int c = 0; c < 3; ++c) {
+    std::memcpy(gModule.Tone[c], tables[c], kToneEntries);
+    for (int i = 0; i < kToneEntries; ++i) gModule.HaveTone |= tables[c][i] != i;
+  }
   return kDone;
 }
 
@@ -134,14 +137,19 @@ CMMS_EXPORT int32_t CMMS_API SX_Icc_Initial(int32_t pixels) {
 // The tone tables map 8-bit samples; a 16-bit sample goes through the entry
 // of its high byte, spread back over 16 bits.
 void ApplyTone(const uint8_t* source, uint8_t* out, size_t pixels) {
+  const uint8_t(&tone)[3][kToneEntries] = gModule.Tone;
   if (!gModule.Deep) {
-    for (size_t i = 0; i < pixels * 3; ++i) out[i] = gModule.Tone[i % 3][source[i]];
+    for (size_t p = 0; p < pixels; ++p, source += 3, out += 3) {
+      out[0] = tone[0][source[0]];
+      out[1] = tone[1][source[1]];
+      out[2] = tone[2][source[2]];
+    }
     return;
   }
   for (size_t i = 0; i < pixels * 3; ++i) {
     uint16_t sample;
     std::memcpy(&sample, source + 2 * i, 2);
-    const uint16_t toned = static_cast<uint16_t>(gModule.Tone[i % 3][sample >> 8] * 257);
+    const uint16_t toned = static_cast<uint16_t>(tone[i % 3][sample >> 8] * 257);
     std::memcpy(out + 2 * i, &toned, 2);
   }
 }
@@ -151,12 +159,11 @@ CMMS_EXPORT int32_t CMMS_API SX_Icc_Convert2(uint8_t* source, uint8_t* dest, int
   const size_t bytesPerPixel = gModule.Deep ? 6 : 3;
   // A longer line than announced is converted as far as the prepared length.
   const size_t count = std::min(static_cast<size_t>(pixels), gModule.Scratch.size() / bytesPerPixel);
+  // Input and output have the same layout, which Little CMS converts in
+  // place; only toned samples need the scratch line.
   const uint8_t* input = source;
   if (gModule.HaveTone) {
     ApplyTone(source, gModule.Scratch.data(), count);
-    input = gModule.Scratch.data();
-  } else if (source == dest) {
-    std::memcpy(gModule.Scratch.data(), source, count * bytesPerPixel);
     input = gModule.Scratch.data();
   }
   cmsDoTransform(gModule.Transform, input, dest, static_cast<cmsUInt32Number>(count));
