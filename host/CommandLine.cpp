@@ -20,7 +20,7 @@ constexpr CommandName kCommands[] = {
     {"sources", CommandKind::Sources, 0, 0}, {"select", CommandKind::Select, 1, 1},
     {"info", CommandKind::Info, 0, 0},       {"caps", CommandKind::Caps, 0, 0},
     {"get", CommandKind::Get, 1, -1},        {"set", CommandKind::Set, 2, -1},
-    {"scan", CommandKind::Scan, 0, 0},
+    {"scan", CommandKind::Scan, 0, 0},       {"doctor", CommandKind::Doctor, 0, 0},
 };
 
 std::string Lower(std::string_view text) {
@@ -350,6 +350,8 @@ std::string UsageText() {
          "  set NAME VALUE...    set capabilities and show what the library kept; settings last\n"
          "                       while the program runs, so pass them to scan with --set\n"
          "  scan [OPTIONS]       scan to a file\n"
+         "  doctor               explain the set-up: system tree, registry store, driver modules\n"
+         "                       and why each is or is not offered, each problem with its fix\n"
          "  help, version\n"
          "\n"
          "scan options:\n"
@@ -366,7 +368,9 @@ std::string UsageText() {
          "  --set NAME=VALUE            any other capability, applied last\n"
          "  --progress                  draw the progress bar even when stderr is no terminal\n"
          "\n"
-         "The library finds its system tree through SX_ROOT. Ctrl-C stops a scan cleanly.\n";
+         "The library finds its system tree through SX_ROOT. Ctrl-C stops a scan cleanly.\n"
+         "Exit status: 0 success, 1 the library or scanner failed, 2 a wrong command line,\n"
+         "130 interrupted.\n";
 }
 
 }  // namespace sx::host

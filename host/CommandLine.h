@@ -9,7 +9,7 @@
 
 namespace sx::host {
 
-enum class CommandKind { Help, Version, Sources, Select, Info, Caps, Get, Set, Scan };
+enum class CommandKind { Help, Version, Sources, Select, Info, Caps, Get, Set, Scan, Doctor };
 
 // Values are those of CAP_SCANTYPE.
 enum class ScanSource : int { Keep = -1, Auto = 0, Feeder = 1, Flatbed = 2 };

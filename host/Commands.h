@@ -19,5 +19,6 @@ int RunCaps();
 int RunGet(const std::vector<std::string>& names);
 int RunSet(const std::vector<std::string>& pairs);
 int RunScan(const ScanOptions& options);
+int RunDoctor();
 
 }  // namespace sx::host

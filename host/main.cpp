@@ -31,6 +31,7 @@ int Dispatch(const sx::host::CommandLine& line) {
     case CommandKind::Get: return RunGet(line.operands);
     case CommandKind::Set: return RunSet(line.operands);
     case CommandKind::Scan: return RunScan(line.scan);
+    case CommandKind::Doctor: return RunDoctor();
   }
   return kExitUsage;
 }

@@ -1,0 +1,66 @@
+# cmake --install: the library with its headers, pkg-config file and CMake
+# package, the sxscan program with its man page and bash completion, the
+# modules, and a default system tree. Every path is relative to the prefix,
+# so an installed tree can be moved as a whole.
+include(CMakePackageConfigHelpers)
+
+set(SX_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/sxscan)
+set(SX_INSTALL_MODULEDIR ${CMAKE_INSTALL_LIBDIR}/sxscan)
+set(SX_INSTALL_SKELETON ${CMAKE_INSTALL_DATADIR}/sxscan/root)
+
+install(TARGETS sxscan EXPORT sxscanTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+install(FILES include/sxscan.h include/sxsys.h include/sxdriver.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sxscan COMPONENT development)
+
+install(EXPORT sxscanTargets NAMESPACE sxscan:: DESTINATION ${SX_INSTALL_CMAKEDIR}
+  COMPONENT development)
+configure_package_config_file(cmake/sxscanConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/sxscanConfig.cmake INSTALL_DESTINATION ${SX_INSTALL_CMAKEDIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/sxscanConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sxscanConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/sxscanConfigVersion.cmake
+  DESTINATION ${SX_INSTALL_CMAKEDIR} COMPONENT development)
+
+# The pkg-config file finds the prefix from its own place (../../.. from
+# <prefix>/lib/<multiarch>/pkgconfig).
+file(RELATIVE_PATH SX_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+configure_file(cmake/sxscan.pc.in ${CMAKE_CURRENT_BINARY_DIR}/sxscan.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sxscan.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+# The colour-management module goes beside the library, where the library
+# looks for it after the system tree; the virtual scanner into the module
+# folder and, with its behaviour file, into the default system tree.
+if(TARGET sxcmms)
+  install(TARGETS sxcmms LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
+endif()
+install(TARGETS vscan LIBRARY DESTINATION ${SX_INSTALL_MODULEDIR} COMPONENT runtime)
+install(TARGETS vscan LIBRARY DESTINATION ${SX_INSTALL_SKELETON}/windows/twain_32/Corvane/VScan
+  COMPONENT runtime)
+install(FILES cmake/skeleton/vscan.ini cmake/skeleton/cmatch.ini
+  DESTINATION ${SX_INSTALL_SKELETON}/windows/twain_32/Corvane/VScan COMPONENT runtime)
+install(FILES cmake/skeleton/user.reg DESTINATION ${SX_INSTALL_SKELETON} COMPONENT runtime)
+install(DIRECTORY DESTINATION ${SX_INSTALL_SKELETON}/temp COMPONENT runtime)
+if(TARGET sxprofile)
+  set(SX_PROFILE_DIR ${CMAKE_CURRENT_BINARY_DIR}/profiles)
+  add_custom_command(OUTPUT ${SX_PROFILE_DIR}/vscan.icc ${SX_PROFILE_DIR}/sRGB.icc
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${SX_PROFILE_DIR}
+    COMMAND sxprofile scanner ${SX_PROFILE_DIR}/vscan.icc
+    COMMAND sxprofile srgb ${SX_PROFILE_DIR}/sRGB.icc
+    DEPENDS sxprofile VERBATIM)
+  add_custom_target(sx_profiles ALL DEPENDS ${SX_PROFILE_DIR}/vscan.icc ${SX_PROFILE_DIR}/sRGB.icc)
+  install(FILES ${SX_PROFILE_DIR}/vscan.icc ${SX_PROFILE_DIR}/sRGB.icc
+    DESTINATION ${SX_INSTALL_SKELETON}/windows/system32/SPOOL/DRIVERS/COLOR COMPONENT runtime)
+endif()
+
+if(TARGET sxscan_host)
+  set_target_properties(sxscan_host PROPERTIES
+    INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  install(TARGETS sxscan_host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+  install(FILES docs/sxscan.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+  install(FILES tools/completion/sxscan.bash
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME sxscan
+    COMPONENT runtime)
+endif()

@@ -1,0 +1,298 @@
+// sxscan doctor: why the library finds what it finds. It reports the system
+// tree in use, the registry store, every module of the driver tree with its
+// version record and whether the library offers it, the ASPI and
+// colour-management modules and the trace settings; each problem with the
+// fix in one line. It reads the files itself and asks the library only for
+// its list of data sources, so it explains a set-up without changing it.
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "Session.h"
+#include "platform/VersionRecord.h"
+#include "sxscan.h"
+
+namespace sx::host {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kMakerPrefix[] = "corvane";  // what a driver's CompanyName must begin with
+constexpr char kRegistryKeyOptions[] = "[software\\quillmark]";
+
+int gProblems = 0;
+
+// Frees the library's state whichever way the command leaves.
+struct LibrarySession {
+  ~LibrarySession() { SxFree(); }
+};
+
+void Problem(const std::string& what, const std::string& fix) {
+  ++gProblems;
+  std::printf("  problem: %s\n  fix:     %s\n", what.c_str(), fix.c_str());
+}
+
+std::string Lower(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+std::string Trim(const std::string& text) {
+  const size_t first = text.find_first_not_of(" \t\r");
+  if (first == std::string::npos) return "";
+  return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}
+
+fs::path Root(std::string& why) {
+  if (const char* root = std::getenv("SX_ROOT"); root && *root) {
+    why = "from the environment variable SX_ROOT";
+    return root;
+  }
+  why = "the default, since SX_ROOT is not set";
+  if (const char* data = std::getenv("XDG_DATA_HOME"); data && *data) return fs::path(data) / "sxscan";
+  const char* home = std::getenv("HOME");
+  return fs::path(home ? home : "/") / ".local/share/sxscan";
+}
+
+// The value lines of the store, by lower-case "key|name", and the lines that
+// are neither keys, values, comments nor blank.
+struct Store {
+  std::map<std::string, std::string> Values;
+  int Damaged = 0;
+};
+
+// The data forms of a value line: dword:<hex>, "text", str(N):"text",
+// hex:<pairs> and hex(N):<pairs>.
+bool WellFormedData(const std::string& data) {
+  const auto closedText = [](const std::string& text) {
+    return text.size() >= 2 && text.front() == '"' && text.back() == '"';
+  };
+  if (data.rfind("dword:", 0) == 0) {
+    const std::string digits = data.substr(6);
+    return !digits.empty() && digits.size() <= 8 &&
+           digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+  }
+  if (data.rfind("str(", 0) == 0) {
+    const size_t colon = data.find("):");
+    return colon != std::string::npos && closedText(data.substr(colon + 2));
+  }
+  if (data.rfind("hex", 0) == 0) {
+    const size_t colon = data.find(':');
+    return colon != std::string::npos &&
+           data.find_first_not_of("0123456789abcdefABCDEF, ", colon + 1) == std::string::npos;
+  }
+  return closedText(data);
+}
+
+Store ReadStore(const fs::path& path) {
+  Store store;
+  std::ifstream in(path);
+  std::string line, key;
+  while (std::getline(in, line)) {
+    const std::string t = Trim(line);
+    if (t.empty() || t[0] == ';' || t[0] == '#') continue;
+    if (t.front() == '[' && t.back() == ']') {
+      key = Lower(t);
+    } else if (t[0] == '"' && t.find("\"=", 1) != std::string::npos &&
+               WellFormedData(t.substr(t.find("\"=", 1) + 2))) {
+      const size_t close = t.find("\"=", 1);
+      store.Values[key + "|" + Lower(t.substr(1, close - 1))] = t.substr(close + 2);
+    } else {
+      ++store.Damaged;
+    }
+  }
+  return store;
+}
+
+// A text value as the store writes it: "text", str(2):"text" or hex bytes
+// ending in a NUL.
+std::string TextValue(const std::string& raw) {
+  const size_t quote = raw.find('"');
+  if (quote != std::string::npos && (quote == 0 || raw.rfind("str(", 0) == 0)) {
+    const size_t end = raw.rfind('"');
+    return end > quote ? raw.substr(quote + 1, end - quote - 1) : std::string();
+  }
+  if (raw.rfind("hex", 0) != 0 || raw.find(':') == std::string::npos) return raw;
+  std::string text;
+  std::istringstream bytes(raw.substr(raw.find(':') + 1));
+  std::string pair;
+  while (std::getline(bytes, pair, ',')) {
+    const long byte = std::strtol(pair.c_str(), nullptr, 16);
+    if (byte == 0) break;
+    text += static_cast<char>(byte);
+  }
+  return text;
+}
+
+void ReportRoot(const fs::path& root, const std::string& why) {
+  std::printf("system tree  %s (%s)\n", root.c_str(), why.c_str());
+  if (!fs::is_directory(root)) {
+    Problem("the folder does not exist",
+            "create it, e.g. copy <prefix>/share/sxscan/root there, or set SX_ROOT to a tree that exists");
+  }
+}
+
+void ReportStore(const fs::path& root) {
+  const fs::path path = root / "user.reg";
+  std::printf("registry     %s\n", path.c_str());
+  std::error_code ec;
+  if (!fs::exists(path, ec)) {
+    std::printf("  absent: read as empty; 'sxscan select' creates it\n");
+    return;
+  }
+  if (!std::ifstream(path)) {
+    Problem("the store cannot be read", "give the user read and write access: chmod u+rw " + path.string());
+    return;
+  }
+  const Store store = ReadStore(path);
+  std::printf("  %zu value(s)\n", store.Values.size());
+  if (store.Damaged > 0) {
+    Problem(std::to_string(store.Damaged) + " damaged line(s), skipped when read",
+            "correct or delete them (format: docs/DESIGN.md, \"Registry store\")");
+  }
+  const auto value = [&](const char* name) {
+    auto it = store.Values.find(std::string(kRegistryKeyOptions) + "|" + name);
+    return it == store.Values.end() ? std::string() : it->second;
+  };
+  const std::string source = TextValue(value("sourcename"));
+  std::printf("  chosen source: %s\n", source.empty() ? "none ('sxscan select NAME' chooses one)" : source.c_str());
+  const std::string level = value("debuglevel");
+  const long traceLevel = level.rfind("dword:", 0) == 0 ? std::strtol(level.c_str() + 6, nullptr, 16) : 0;
+  const std::string savePath = TextValue(value("savepath"));
+  std::printf("  trace level %ld%s\n", traceLevel,
+              traceLevel == 0 ? " (no trace log)"
+                              : (", log scandiag.txt in " + (savePath.empty() ? (root / "temp").string() + "/"
+                                                                               : savePath)).c_str());
+}
+
+// The version record's CompanyName and FileVersion, from the text form
+// "<query path>=<value>".
+bool ReadRecord(const fs::path& path, std::string& company, std::string& version) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  plat::ByteSource source;
+  source.Size = fs::file_size(path);
+  source.Context = &in;
+  source.Read = [](void* context, uint64_t offset, void* dst, size_t count) {
+    auto& file = *static_cast<std::ifstream*>(context);
+    file.clear();
+    file.seekg(static_cast<std::streamoff>(offset));
+    return static_cast<bool>(file.read(static_cast<char*>(dst), static_cast<std::streamsize>(count)));
+  };
+  std::string record;
+  if (!plat::ExtractVersionSectionFrom(source, record)) return false;
+  std::istringstream lines(record);
+  std::string line;
+  while (std::getline(lines, line)) {
+    const size_t eq = line.find('=');
+    if (eq == std::string::npos) continue;
+    const std::string key = line.substr(0, eq);
+    if (key.size() >= 11 && key.compare(key.size() - 11, 11, "CompanyName") == 0) company = line.substr(eq + 1);
+    if (key.size() >= 11 && key.compare(key.size() - 11, 11, "FileVersion") == 0) {
+      for (char c : line.substr(eq + 1)) {
+        if (c != ' ') version += c;  // as the library shows it: 1,0,1,0
+      }
+    }
+  }
+  return true;
+}
+
+std::string Field(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
+
+void ReportModule(const fs::path& twain, const fs::path& file, const std::vector<SxDataSource>& listed) {
+  const std::string shown = fs::relative(file, twain).string();
+  for (const SxDataSource& s : listed) {
+    if (fs::path(Field(s.Directory, sizeof s.Directory)) / Field(s.FileName, sizeof s.FileName) == file) {
+      std::printf("  %s: offered as \"%s\", version %s\n", shown.c_str(),
+                  Field(s.DisplayName, sizeof s.DisplayName).c_str(), Field(s.FileVersion, sizeof s.FileVersion).c_str());
+      return;
+    }
+  }
+  std::string company, version;
+  if (!ReadRecord(file, company, version)) {
+    std::printf("  %s: not offered\n", shown.c_str());
+    Problem("it carries no version record (ELF section .sxversion)",
+            "rebuild the module with its version record attached");
+  } else if (version.empty()) {
+    std::printf("  %s: not offered\n", shown.c_str());
+    Problem("its version record has no FileVersion", "add FileVersion to the module's version record");
+  } else if (Lower(company).rfind(kMakerPrefix, 0) != 0) {
+    std::printf("  %s: not offered (maker \"%s\")\n", shown.c_str(), company.c_str());
+    Problem("its version record names another maker", "remove it from the driver tree; only the maker's drivers are offered");
+  } else {
+    std::printf("  %s: version %s, not offered\n", shown.c_str(), version.c_str());
+    Problem("the library loaded it, but its initialisation or model query failed, or a newer copy of "
+            "the same scanner is offered",
+            "connect and power the scanner, or remove the older copy; 'DEBUGLEVEL' 2 traces the calls");
+  }
+}
+
+void ReportDrivers(const fs::path& root) {
+  const fs::path twain = root / "windows/twain_32";
+  std::printf("drivers      %s\n", twain.c_str());
+  std::error_code ec;
+  if (!fs::is_directory(twain, ec)) {
+    Problem("the driver tree does not exist", "install a driver module under " + twain.string() + "/<maker>/<model>/");
+    return;
+  }
+  int32_t result = 0;
+  const std::vector<SxDataSource> listed = ListSources(&result);
+  int modules = 0;
+  for (auto it = fs::recursive_directory_iterator(twain, ec); it != fs::recursive_directory_iterator();
+       it.increment(ec)) {
+    if (ec) break;
+    const std::string name = Lower(it->path().filename().string());
+    if (!it->is_regular_file() || name.size() < 4 || name.compare(name.size() - 3, 3, "dll") != 0) continue;
+    ++modules;
+    ReportModule(twain, it->path(), listed);
+  }
+  if (modules == 0) Problem("no module (*.dll) in the driver tree", "install a driver module, e.g. the virtual scanner vscan.dll");
+  std::printf("  %zu data source(s) offered\n", listed.size());
+}
+
+void ReportSystemModules(const fs::path& root) {
+  const fs::path aspi = root / "windows/system32/wnaspi32.dll";
+  std::printf("ASPI         %s: %s\n", aspi.c_str(),
+              fs::exists(aspi) ? "present" : "absent (SCSI scanners are not looked for)");
+  const fs::path cmms = root / "windows/system32/sxcmms.dll";
+  const fs::path color = root / "windows/system32/SPOOL/DRIVERS/COLOR";
+  std::printf("colour       %s\n", fs::exists(cmms) ? cmms.c_str()
+                                                    : "sxcmms.dll from the library's own folder, if installed there");
+  int profiles = 0;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(color, ec)) {
+    const std::string ext = Lower(entry.path().extension().string());
+    profiles += ext == ".icc" || ext == ".icm";
+  }
+  std::printf("  %d profile(s) in %s\n", profiles, color.c_str());
+  if (profiles == 0) {
+    std::printf("  colour matching is not offered without the model's profile; cmatch.ini beside the "
+                "driver names it\n");
+  }
+}
+
+}  // namespace
+
+int RunDoctor() {
+  LibrarySession session;
+  gProblems = 0;
+  std::string why;
+  const fs::path root = Root(why);
+  ReportRoot(root, why);
+  ReportStore(root);
+  ReportDrivers(root);
+  ReportSystemModules(root);
+  std::printf(gProblems == 0 ? "no problem found\n" : "%d problem(s) found\n", gProblems);
+  return gProblems == 0 ? kExitOk : kExitFailed;
+}
+
+}  // namespace sx::host

@@ -1,0 +1,86 @@
+#!/usr/bin/env bash
+# Installs the build tree into a temporary prefix, moves the prefix elsewhere
+# (an installed tree must be relocatable), checks the shared object's name
+# and exports, and builds and runs the README's host example against the
+# installed package twice: through pkg-config and through find_package.
+#
+#   install_test.sh BUILD_DIR C_COMPILER [C_FLAGS]
+set -euo pipefail
+build=$1
+cc=$2
+cflags=${3:-}
+source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+fail() {
+  echo "install test: $*" >&2
+  exit 1
+}
+
+cmake --install "$build" --prefix "$work/first" >/dev/null
+mv "$work/first" "$work/prefix"
+prefix=$work/prefix
+libdir=$(cd "$prefix" && ls -d lib/*-linux-gnu | head -n 1)
+[[ -n "$libdir" ]] || fail "no multiarch library folder under lib/"
+
+for f in "$libdir/libsxscan.so.1" "$libdir/libsxscan.so" "$libdir/pkgconfig/sxscan.pc" \
+         "$libdir/cmake/sxscan/sxscanConfig.cmake" include/sxscan/sxscan.h include/sxscan/sxsys.h \
+         include/sxscan/sxdriver.h share/sxscan/root/user.reg \
+         share/sxscan/root/windows/twain_32/Corvane/VScan/vscan.dll; do
+  [[ -e "$prefix/$f" ]] || fail "missing $f"
+done
+
+lib="$prefix/$libdir/libsxscan.so.1"
+readelf -d "$lib" | grep -q 'SONAME.*\[libsxscan\.so\.1\]' || fail "SONAME is not libsxscan.so.1"
+# Only the eight functions and the SxSys* functions, all under SXSCAN_1.
+exports=$(nm -D --defined-only "$lib" | awk '$2 ~ /^[TDBRVW]$/ {print $3}' | grep -v '^SXSCAN_1$' | sort)
+for symbol in $exports; do
+  [[ "$symbol" == Sx*@@SXSCAN_1 ]] || fail "unexpected export $symbol"
+done
+for name in SxLoad SxFree SxGetDS SxSetDriverById SxSetValue SxGetValue SxQueryData SxAcquire \
+            SxSysGlobalAlloc; do
+  grep -q "^$name@@SXSCAN_1\$" <<<"$exports" || fail "$name is not exported"
+done
+unexpected=$(grep -v '^SxSys' <<<"$exports" | grep -cv '^Sx\(Load\|Free\|GetDS\|SetDriverById\|SetValue\|GetValue\|QueryData\|Acquire\)@@' || true)
+[[ "$unexpected" == 0 ]] || fail "exports beyond the eight functions and SxSys*: $exports"
+
+# The README's example, exactly as the README shows it.
+mkdir -p "$work/example"
+awk '/^```c$/ {inside = 1; next} /^```$/ {inside = 0} inside' "$source_dir/README.md" >"$work/example/example.c"
+[[ -s "$work/example/example.c" ]] || fail "no C example in the README"
+
+run_example() {
+  local program=$1 root="$work/root-$(basename "$program")"
+  cp -r "$prefix/share/sxscan/root" "$root"
+  (cd "$work/example" && SX_ROOT=$root "$program" 2>/dev/null) || fail "$program failed"
+  [[ -s "$work/example/page.raw" ]] || fail "$program wrote no page"
+  rm -f "$work/example/page.raw"
+}
+
+# shellcheck disable=SC2046,SC2086 # pkg-config prints a list of options
+"$cc" $cflags -o "$work/example/by-pkg-config" "$work/example/example.c" \
+  $(PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig" pkg-config --cflags --libs sxscan) \
+  -Wl,-rpath,"$prefix/$libdir"
+run_example "$work/example/by-pkg-config"
+
+cat >"$work/example/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.16)
+project(example C)
+find_package(sxscan 0.1 REQUIRED)
+add_executable(by-find-package example.c)
+target_link_libraries(by-find-package PRIVATE sxscan::sxscan)
+CMAKE
+cmake -S "$work/example" -B "$work/example/build" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$cflags" -DCMAKE_BUILD_RPATH="$prefix/$libdir" >/dev/null
+cmake --build "$work/example/build" >/dev/null
+run_example "$work/example/build/by-find-package"
+
+# The installed program finds its library through its relative run path.
+if [[ -x "$prefix/bin/sxscan" ]]; then
+  "$prefix/bin/sxscan" --version | grep -q '^sxscan ' || fail "sxscan --version"
+  cp -r "$prefix/share/sxscan/root" "$work/root-program"
+  SX_ROOT="$work/root-program" "$prefix/bin/sxscan" sources | grep -q QM7110V || fail "sxscan sources"
+  [[ -e "$prefix/share/man/man1/sxscan.1" ]] || fail "missing the man page"
+fi
+echo "install test: passed ($prefix)"

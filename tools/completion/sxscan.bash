@@ -1,0 +1,26 @@
+# bash completion for sxscan
+_sxscan() {
+  local cur prev words cword
+  _init_completion 2>/dev/null || {
+    cur=${COMP_WORDS[COMP_CWORD]}
+    prev=${COMP_WORDS[COMP_CWORD-1]}
+    cword=$COMP_CWORD
+  }
+  local commands="sources select info caps get set scan doctor help version"
+  if ((cword == 1)); then
+    COMPREPLY=($(compgen -W "$commands --help --version" -- "$cur"))
+    return
+  fi
+  case $prev in
+    --mode) COMPREPLY=($(compgen -W "color gray lineart" -- "$cur")); return ;;
+    --source) COMPREPLY=($(compgen -W "flatbed feeder auto" -- "$cur")); return ;;
+    --units) COMPREPLY=($(compgen -W "inches cm pixels" -- "$cur")); return ;;
+    --pages) COMPREPLY=($(compgen -W "all" -- "$cur")); return ;;
+    --output) COMPREPLY=($(compgen -f -- "$cur")); return ;;
+  esac
+  if [[ ${COMP_WORDS[1]} == scan ]]; then
+    COMPREPLY=($(compgen -W "--resolution --mode --area --units --source --pages --output
+      --buffered --buffer --set --progress --help" -- "$cur"))
+  fi
+}
+complete -F _sxscan sxscan
