@@ -55,7 +55,7 @@ void LoadDitherWords(DitherWords& words) {
                          kDitherNameSize, path);
 }
 
-void DitherName(uint8_t dither, uint8_t halftoneCount, const DitherWords& words,
+void DitherName(int dither, int halftoneCount, const DitherWords& words,
                 char (&out)[kDitherNameSize]) {
   if (dither == 0) {
     CopyWord(words.None, out);

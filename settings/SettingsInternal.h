@@ -48,7 +48,9 @@ struct DitherWords {
 };
 void LoadDitherWords(DitherWords& words);
 // "<word> <number>" (or the none word for 0), cut to 32 characters.
-void DitherName(uint8_t dither, uint8_t halftoneCount, const DitherWords& words,
+// `dither` is a pattern number 0 .. halftones + diffusions, which can pass
+// 255: the list numbers every name whatever the counts.
+void DitherName(int dither, int halftoneCount, const DitherWords& words,
                 char (&out)[kDitherNameSize]);
 // The pattern number of a listed name: 0 without a final number, N + k for a
 // diffusion name ending in k, otherwise k.

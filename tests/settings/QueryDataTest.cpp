@@ -73,13 +73,27 @@ TEST_F(Lists, NamesNeedATextTypeAndSetBackTheirNumbers) {
   EXPECT_EQ(Query(CAP_MODELNAME, TY_STR64).Text(0, 65), "QM7110V");
 }
 
+// More patterns than a byte counts: every name keeps its own number.
+TEST_F(Lists, DitherNamesNumberedPastTwoHundredFiftyFive) {
+  sx::gAbility.HalftonePatternCount = 200;
+  sx::gAbility.DiffusionPatternCount = 100;
+  const auto names = Query(CAP_DITHER, TY_STR32);
+  ASSERT_EQ(names.Count, 301);
+  EXPECT_EQ(names.Text(200, 33), "Halftone 200");
+  EXPECT_EQ(names.Text(256, 33), "Diffusion 56");
+  EXPECT_EQ(names.Text(300, 33), "Diffusion 100");
+}
+
 TEST_F(Lists, QueriesThatActOnTheScannerAndBadListAddresses) {
   EXPECT_EQ(Ints(CAP_ENERGYSAVING).first, 0);
   sxtest::gScript.Buttons = 3;
   EXPECT_EQ(Ints(CAP_PUSHBUTTON), (std::pair{4, V{0, 1, 2, 3}}));
   EXPECT_EQ(sxtest::gScript.Calls, (std::vector<std::string>{"PowerSave0", "InitialButton"}));
+  // The result is not examined: the count is read from the record either way.
   sxtest::gScript.Result = 0;
-  EXPECT_EQ(Ints(CAP_PUSHBUTTON), (std::pair{1, V{0}})) << "a failing call reports no buttons";
+  EXPECT_EQ(Ints(CAP_PUSHBUTTON), (std::pair{4, V{0, 1, 2, 3}})) << "a failing call that reports";
+  sxtest::gScript.Buttons = 0;
+  EXPECT_EQ(Ints(CAP_PUSHBUTTON), (std::pair{1, V{0}})) << "a failing call that leaves the zeros";
   sxtest::FaultingPage page;
   for (void* bad : {page.Bad(), static_cast<void*>(page.LastBytes(2)), static_cast<void*>(nullptr)})
     EXPECT_EQ(SxQueryData(CAP_DITHER, TY_STR32, static_cast<SxValueList**>(bad)), 0);
