@@ -103,7 +103,9 @@ int32_t TransferBlocks(ScanSettings& s, SxTransferCallback callback) {
     // fewer output lines were made than announced (descreening with
     // overscan); the block that ends it is then the page's last.
     const bool lastBlock = s.LinesDelivered >= s.OutputLines || s.ScanLines <= 0;
-    if (lastBlock && result == 0) result = SX_XFER_PAGE_END;
+    // A page that ends short of its announced lines says so with code 5.
+    if (lastBlock && result == 0)
+      result = s.LinesDelivered < s.OutputLines ? SX_XFER_SHORT_PAGE : SX_XFER_PAGE_END;
     int64_t bytes = static_cast<int64_t>(s.OutputBytesPerLine) * s.BlockLines;
     result = callback(s.DirectBuffer, &bytes, result);
     if (shortPage && result == 0) result = kShortRead;

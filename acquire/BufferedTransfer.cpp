@@ -37,6 +37,7 @@ struct Consumer {
   uint8_t* Buffer;
   RingNode* Cursor;
   int32_t Announced = 0;  // pages whose code-2 call has been made
+  int64_t PageBytes = 0;  // bytes handed to the host for the announced page
 };
 
 bool WorkersExist() {
@@ -89,6 +90,7 @@ bool PageLimitAllows(int32_t pages) {
 // The host's answer in the count is not used in this mode.
 int32_t Announce(Consumer& c) {
   ++c.Announced;
+  c.PageBytes = 0;
   int64_t count = sizeof(::SxImageInfo);
   return c.Callback(&gImageInfo, &count, SX_XFER_IMAGE_INFO);
 }
@@ -154,7 +156,7 @@ bool TakeBlock(RingNode* node, Delivery& d) {
 // Design note: the callback gets a count of its own, a true 64-bit number,
 // rather than the node's 32-bit field, so that a host reading 64 bits never
 // sees the node's status in the high half.
-void Deliver(const Consumer& c, const Delivery& d) {
+void Deliver(Consumer& c, const Delivery& d) {
   // A block never holds more than one raw block's bytes; a larger count from
   // the processing chain is not trusted past the node's buffer.
   int64_t count = std::clamp<int32_t>(d.Bytes, 0, kBlockBytes);
@@ -162,7 +164,15 @@ void Deliver(const Consumer& c, const Delivery& d) {
     std::memcpy(c.Buffer, c.Cursor->Data, static_cast<size_t>(count));
     if (c.Settings.Invert != 0) InvertBuffer(c.Buffer, count);
   }
-  FailJob(c.Callback(c.Buffer, &count, d.Code));
+  c.PageBytes += count;
+  // Design note: a page that ends with fewer bytes than its ImageInfo
+  // announced (blocks handed over unprocessed after a failure or Cancel)
+  // ends with code 5, so that a host never waits for lines that will not
+  // come.
+  int32_t code = d.Code;
+  const int64_t announced = int64_t{gImageInfo.LinesPerPage} * c.Settings.OutputBytesPerLine;
+  if (code == kBlockPageEnd && c.PageBytes < announced) code = SX_XFER_SHORT_PAGE;
+  FailJob(c.Callback(c.Buffer, &count, code));
 }
 
 // Hands the node back to the read thread; RawBytes goes last.

@@ -163,6 +163,12 @@ void SetByteCounts(ScanSettings& s) {
   }
 }
 
+bool ScalingMode(uint8_t descreen) { return descreen >= 1 && descreen <= 3; }
+
+bool ScalableDepth(uint8_t bitsPerPixel) {
+  return bitsPerPixel == 1 || bitsPerPixel == 8 || bitsPerPixel == 24;
+}
+
 // Works out the area, counts and scanning resolution. Returns 0, or the
 // refusal code when the clamped area or the resulting lines are empty: a
 // position beyond the source's area would otherwise give a negative extent,
@@ -193,6 +199,14 @@ int32_t ComputeGeometry(ScanSettings& s, ScanParameter& p, const SourceArea& are
   const int32_t maxResolution = gAbility.MaxResolution;
   if (s.Descreen != 0 && s.XResolution <= maxResolution) {
     const int32_t scanResolution = DescreenResolution(maxResolution, s.XResolution);
+    // Design note: a raised scan resolution is brought back to the asked one
+    // only by the descreening modes 1 to 3, and only for 1-, 8- and 24-bit
+    // samples. Any other mode (8 and 9 are accepted but never offered) or
+    // depth would deliver the scan lines unscaled, more than the page's
+    // ImageInfo announces, and a host sizing its image from it would overrun;
+    // such a combination is refused as unsupported before the scanner is set.
+    if (scanResolution != s.XResolution && (!ScalableDepth(s.BitsPerPixel) || !ScalingMode(s.Descreen)))
+      return kRefusedSettings;
     p.XRes = static_cast<uint16_t>(scanResolution);
     p.YRes = static_cast<uint16_t>(scanResolution);
     s.ScanPixels = PixelsAt(s.ImageWidth, scanResolution);

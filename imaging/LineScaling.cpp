@@ -73,6 +73,10 @@ int32_t ResizeDirectBuffer(ScanSettings& s, int32_t unit) {
                        static_cast<size_t>(std::max(s.ScanBytesPerLine, s.OutputBytesPerLine));
   SxHandle handle = SxSysGlobalHandle(s.DirectBuffer);
   if (!handle) return SX_ERR_NO_MEMORY;
+  // Design note: the host's block is only ever enlarged. A host that told a
+  // smaller size than its block has keeps the block it allocated, so a later
+  // acquisition that is told the full size never writes past a shrunk block.
+  if (SxSysGlobalSize(handle) >= bytes) return 0;
   handle = SxSysGlobalReAlloc(handle, bytes, SX_GMEM_MOVEABLE | SX_GMEM_ZEROINIT);
   if (!handle) return SX_ERR_NO_MEMORY;
   // Design note: the host's lock is carried over by the move; locking again

@@ -45,12 +45,20 @@ bool SourceArea(const Device& d, uint8_t method, uint32_t& width, uint32_t& leng
 }
 
 // Why the scanner refuses a parameter record, or null when it accepts it.
+uint8_t DepthOfMode(uint8_t mode) {
+  return mode == kModeColor ? 24 : mode == kModeGray ? 8 : 1;
+}
+
 const char* RefusalReason(const Device& d, const ScanParameter& p) {
   const uint16_t maxRes = d.Cfg.Ability.MaxResolution;
   if (p.ScanMode != kModeLineArt && p.ScanMode != kModeHalftone && p.ScanMode != kModeGray &&
       p.ScanMode != kModeColor)
     return "ScanMode";
   if (p.XRes == 0 || p.YRes == 0 || p.XRes > maxRes || p.YRes > maxRes) return "Resolution";
+  // The chart comes in one depth per mode: 1 bit for line art and halftone,
+  // 8 for gray, 24 for colour; any other depth is refused, as a scanner
+  // refuses what it cannot deliver.
+  if (p.BitsPerPixel != DepthOfMode(p.ScanMode)) return "BitsPerPixel";
   if (p.PixelNum == 0) return "PixelNum";
   if (p.LineNum == 0) return "LineNum";
   ChartGeometry g;

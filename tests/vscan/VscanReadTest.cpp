@@ -52,6 +52,7 @@ TEST(VscanRead, WholePagesInOddChunksEqualTheChartThroughTheTables) {
     SCOPED_TRACE(name);
     ScanParameter p = Colour300(f[4], f[5]);
     p.ScanMode = static_cast<uint8_t>(f[0]), p.XRes = p.YRes = f[1], p.Left = f[2], p.Top = f[3];
+    p.BitsPerPixel = f[0] == 4 ? 24 : f[0] == 2 ? 8 : 1;  // the scanner's one depth per mode
     p.ColorFilter = static_cast<uint8_t>(f[6]), p.HTPatternNo = static_cast<uint8_t>(f[7]);
     p.Width = static_cast<uint16_t>(f[4] * 300 / f[1] + 1), p.Length = static_cast<uint16_t>(f[5] * 300 / f[1] + 1);
     Vscan v("", module);
