@@ -71,6 +71,9 @@ int32_t InputLinesFor(int32_t outputLines, int32_t scanLines) {
 int32_t ResizeDirectBuffer(ScanSettings& s, int32_t unit) {
   const size_t bytes = static_cast<size_t>(s.BlockLines + 1) * static_cast<size_t>(unit) *
                        static_cast<size_t>(std::max(s.ScanBytesPerLine, s.OutputBytesPerLine));
+  // Design note: a block that cannot be found or grown would be overrun by
+  // the next read of a block of raw lines, so that failure ends the
+  // acquisition with the scaling set-up's memory code, -9.
   SxHandle handle = SxSysGlobalHandle(s.DirectBuffer);
   if (!handle) return SX_ERR_NO_MEMORY;
   // Design note: the host's block is only ever enlarged. A host that told a
