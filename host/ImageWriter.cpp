@@ -118,13 +118,30 @@ bool CheckPageFormat(const PageFormat& f, std::string* error) {
   return true;
 }
 
+// The name a file is written under until it is complete: beside the output,
+// hidden, so an interrupted write never leaves a partial file under the
+// output's own name.
+std::string PartialName(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  const size_t name = slash == std::string::npos ? 0 : slash + 1;
+  return path.substr(0, name) + "." + path.substr(name) + ".part";
+}
+
+bool Publish(const std::string& partial, const std::string& path, std::string* error) {
+  if (std::rename(partial.c_str(), path.c_str()) == 0) return true;
+  *error = "cannot write " + path + ": " + std::strerror(errno);
+  std::remove(partial.c_str());
+  return false;
+}
+
 bool WritePng(const std::string& path, const PageImage& page, std::string* error) {
   if (!CheckPageFormat(page.format, error)) return false;
   if (page.Lines() == 0) {
     *error = "the page has no complete line";
     return false;
   }
-  std::FILE* file = std::fopen(path.c_str(), "wb");
+  const std::string partial = PartialName(path);
+  std::FILE* file = std::fopen(partial.c_str(), "wb");
   if (!file) {
     *error = "cannot create " + path + ": " + std::strerror(errno);
     return false;
@@ -137,9 +154,10 @@ bool WritePng(const std::string& path, const PageImage& page, std::string* error
   }
   if (!ok) {
     *error = "cannot write " + path + ": " + (state.message[0] ? state.message : "out of memory");
-    std::remove(path.c_str());
+    std::remove(partial.c_str());
+    return false;
   }
-  return ok;
+  return Publish(partial, path, error);
 }
 
 TiffWriter::~TiffWriter() {
@@ -150,7 +168,8 @@ TiffWriter::~TiffWriter() {
 bool TiffWriter::Open(const std::string& path, std::string* error) {
   if (!Close(error)) return false;
   InstallTiffHandlers();
-  file_ = TIFFOpen(path.c_str(), "w");
+  path_ = path;
+  file_ = TIFFOpen(PartialName(path).c_str(), "w");
   if (!file_) {
     *error = TiffFailure(("cannot create " + path).c_str());
     return false;
@@ -209,9 +228,15 @@ bool TiffWriter::Close(std::string* error) {
   file_ = nullptr;
   if (g_tiffMessage[0]) {
     *error = TiffFailure("cannot close the TIFF file");
+    std::remove(PartialName(path_).c_str());
     return false;
   }
-  return true;
+  // Only a document with pages takes the output's name.
+  if (pages_ == 0) {
+    std::remove(PartialName(path_).c_str());
+    return true;
+  }
+  return Publish(PartialName(path_), path_, error);
 }
 
 OutputDocument::OutputDocument(std::string path) : path_(std::move(path)) {

@@ -46,12 +46,15 @@ class TiffWriter {
   TiffWriter(const TiffWriter&) = delete;
   TiffWriter& operator=(const TiffWriter&) = delete;
 
+  // The file is written as a hidden ".<name>.part" beside the output and
+  // takes the output's name only when Close completes it.
   bool Open(const std::string& path, std::string* error);
   bool AppendPage(const PageImage& page, std::string* error);
   bool Close(std::string* error);
   bool IsOpen() const { return file_ != nullptr; }
 
  private:
+  std::string path_;
   void* file_ = nullptr;  // TIFF*
   uint16_t pages_ = 0;
 };

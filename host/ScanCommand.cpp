@@ -34,11 +34,12 @@ constexpr int32_t kHostStop = -1;
 std::atomic<bool> g_interrupted{false};
 static_assert(std::atomic<bool>::is_always_lock_free);
 
-extern "C" void OnInterrupt(int) {
+extern "C" void OnInterrupt(int signal) {
   g_interrupted.store(true);
   // A second Ctrl-C ends the program at once, should the library not call
-  // back again.
-  std::signal(SIGINT, SIG_DFL);
+  // back again; files still being written are only ever the hidden partial
+  // ones, never the output's name.
+  std::signal(signal, SIG_DFL);
 }
 
 // Everything the transfer callback works on. Thread contract: the library
@@ -165,16 +166,16 @@ bool ApplySettings(const std::vector<SettingChange>& changes) {
   return true;
 }
 
+// Output folders are never made on the user's behalf: a mistyped path would
+// otherwise scatter folders, even at the root.
 bool PrepareOutputFolder(const std::string& output) {
   std::filesystem::path parent = std::filesystem::path(output).parent_path();
   if (parent.empty()) return true;
   std::error_code ec;
-  std::filesystem::create_directories(parent, ec);
-  if (ec) {
-    std::fprintf(stderr, "sxscan: cannot create %s: %s\n", parent.c_str(), ec.message().c_str());
-    return false;
-  }
-  return true;
+  if (std::filesystem::is_directory(parent, ec)) return true;
+  std::fprintf(stderr, "sxscan: the folder %s does not exist; create it first (mkdir -p %s)\n",
+               parent.c_str(), parent.c_str());
+  return false;
 }
 
 // The transfer buffer: a movable global block, locked while the scan runs.
@@ -243,7 +244,7 @@ int RunScan(const ScanOptions& options) {
     std::fprintf(stderr, "sxscan: %s\n", error.c_str());
     return kExitUsage;
   }
-  if (!PrepareOutputFolder(options.output)) return kExitFailed;
+  if (!PrepareOutputFolder(options.output)) return kExitUsage;
   if (!OpenStoredSource()) {
     SxFree();
     return kExitFailed;
@@ -272,13 +273,17 @@ int RunScan(const ScanOptions& options) {
       options.source == ScanSource::Feeder && options.pages > 0 ? options.pages : 0;
   g_transfer = &transfer;
   g_interrupted.store(false);
-  auto previous = std::signal(SIGINT, OnInterrupt);
+  // Ctrl-C and SIGTERM stop the scan through its Cancel; the pages already
+  // complete are still written, so the handlers stay until they are.
+  auto previousInt = std::signal(SIGINT, OnInterrupt);
+  auto previousTerm = std::signal(SIGTERM, OnInterrupt);
 
   int32_t result = SxAcquire(OnTransfer, buffer.address);
 
-  std::signal(SIGINT, previous == SIG_ERR ? SIG_DFL : previous);
   g_transfer = nullptr;
   bool finished = document.Finish();
+  std::signal(SIGINT, previousInt == SIG_ERR ? SIG_DFL : previousInt);
+  std::signal(SIGTERM, previousTerm == SIG_ERR ? SIG_DFL : previousTerm);
   buffer.Release(transfer.lastData);
   SxFree();
   return Report(result, transfer, document, finished);

@@ -54,10 +54,16 @@ TEST(HostProgram, SelectsSourceScansPngAndReportsErrors) {
   EXPECT_EQ(RunProgram(root, "set CAP_MODELNAME x").exitCode, 2);
 
   // Two inches by one at 100 dpi in grey: 200 pixels (a multiple of the
-  // alignment) by 100 lines.
-  Outcome scan = RunProgram(root, "scan --source flatbed --mode gray --resolution 100 --area 0,0,2,1 "
-                                  "--output out/page.png");
+  // alignment) by 100 lines. The output folder must exist: none is made.
+  const std::string grey = "scan --source flatbed --mode gray --resolution 100 --area 0,0,2,1 ";
+  Outcome noFolder = RunProgram(root, grey + "--output out/page.png");
+  EXPECT_EQ(noFolder.exitCode, 2);
+  EXPECT_NE(noFolder.text.find("the folder out does not exist"), std::string::npos) << noFolder.text;
+  EXPECT_FALSE(fs::exists(root.Path() / "out"));
+  fs::create_directory(root.Path() / "out");
+  Outcome scan = RunProgram(root, grey + "--output out/page.png");
   ASSERT_EQ(scan.exitCode, 0) << scan.text;
+  EXPECT_FALSE(fs::exists(root.Path() / "out/.page.png.part")) << "the partial file is renamed";
   PngRead png = ReadPng((root.Path() / "out/page.png").string());
   ASSERT_TRUE(png.ok);
   EXPECT_TRUE(png.width == 200u && png.height == 100u && png.colour == PNG_COLOR_TYPE_GRAY);

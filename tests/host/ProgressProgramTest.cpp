@@ -54,29 +54,35 @@ TEST(HostProgramProgress, InterruptEndsTheWarmUpWait) {
   sxtest::ScopedEnv slow("SX_TIME_SCALE", "0.1");  // a countdown of three seconds
   root.InstallVscan("Corvane/QM7110V", "[Scanner]\nModel=QM7110V\n[Page]\nWarmUpRefusals=1\n");
   ASSERT_EQ(std::system(("cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN "' select QM7110V >/dev/null").c_str()), 0);
-  const std::string log = (root.Path() / "log.txt").string();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int err = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int null = open("/dev/null", O_RDWR);
-    if (err < 0 || null < 0 || chdir(root.Path().c_str()) != 0) _exit(127);
-    dup2(null, 0), dup2(null, 1), dup2(err, 2);
-    execl(SX_TEST_SXSCAN, "sxscan", "scan", "--progress", "--output", "page.png", static_cast<char*>(nullptr));
-    _exit(127);
+  for (int signal : {SIGINT, SIGTERM}) {
+    SCOPED_TRACE(signal == SIGINT ? "SIGINT" : "SIGTERM");
+    const std::string log = (root.Path() / "log.txt").string();
+    std::filesystem::remove(log);  // the last run's countdown must not count
+    const pid_t pid = fork();
+    if (pid == 0) {
+      const int err = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      const int null = open("/dev/null", O_RDWR);
+      if (err < 0 || null < 0 || chdir(root.Path().c_str()) != 0) _exit(127);
+      dup2(null, 0), dup2(null, 1), dup2(err, 2);
+      execl(SX_TEST_SXSCAN, "sxscan", "scan", "--progress", "--output", "page.png", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    ASSERT_GT(pid, 0);
+    const auto start = std::chrono::steady_clock::now();
+    while (sxtest::ReadFile(log).find("Please wait ...  27") == std::string::npos &&
+           std::chrono::steady_clock::now() - start < std::chrono::seconds(20)) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    kill(pid, signal);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    const std::string text = sxtest::ReadFile(log);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << text;
+    EXPECT_NE(text.find("scan cancelled"), std::string::npos) << text;
+    EXPECT_EQ(text.find("Please wait ...  10"), std::string::npos) << "the countdown went on: " << text;
+    EXPECT_FALSE(std::filesystem::exists(root.Path() / "page.png"));
+    EXPECT_FALSE(std::filesystem::exists(root.Path() / ".page.png.part"));
   }
-  ASSERT_GT(pid, 0);
-  const auto start = std::chrono::steady_clock::now();
-  while (sxtest::ReadFile(log).find("Please wait ...  27") == std::string::npos &&
-         std::chrono::steady_clock::now() - start < std::chrono::seconds(20)) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  kill(pid, SIGINT);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  const std::string text = sxtest::ReadFile(log);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << text;
-  EXPECT_NE(text.find("scan cancelled"), std::string::npos) << text;
-  EXPECT_EQ(text.find("Please wait ...  10"), std::string::npos) << "the countdown went on: " << text;
 }
 
 }  // namespace
