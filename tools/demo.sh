@@ -16,10 +16,17 @@ export SX_ROOT=${SX_ROOT:-$PWD/out/demo-root}
 OUTPUT=${DEMO_OUTPUT:-out/page.png}
 MODEL=QM7110V
 
-tools/setup.sh
+tools/setup.sh >/dev/null
 # Same configuration as tools/test.sh, so that the two share one build.
-cmake -S . -B "$BUILD" -DSX_WERROR=ON >/dev/null
-cmake --build "$BUILD" -j "$JOBS" --target sxscan_host vscan sxcmms sxprofile
+# The build is quiet; its log is shown only when it fails.
+build_log=$(mktemp)
+echo "demo: building (log: $build_log)"
+if ! { cmake -S . -B "$BUILD" -DSX_WERROR=ON &&
+       cmake --build "$BUILD" -j "$JOBS" --target sxscan_host vscan sxcmms sxprofile; } >"$build_log" 2>&1; then
+  tail -n 40 "$build_log"
+  echo "demo: the build failed" >&2
+  exit 1
+fi
 
 sxscan="$BUILD/host/sxscan"
 module_dir="$SX_ROOT/windows/twain_32/Corvane/VScan"
