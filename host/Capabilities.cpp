@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 
@@ -271,6 +272,66 @@ std::string ResultText(int32_t result) {
     case SX_ERR_NO_ASPI: return "scanner connection error";
     default: return "scanner error";
   }
+}
+
+}  // namespace sx::host
+
+namespace sx::host {
+
+namespace {
+
+bool IsText(uint16_t type) { return type >= TY_STR32 && type <= TY_STR255; }
+
+// A number of the given type; false for texts and unknown types.
+bool NumberOf(uint16_t type, const uint8_t* bytes, double* out) {
+  switch (type) {
+    case TY_INT16: { int16_t v; std::memcpy(&v, bytes, 2); *out = v; return true; }
+    case TY_UINT16: { uint16_t v; std::memcpy(&v, bytes, 2); *out = v; return true; }
+    case TY_INT32: { int32_t v; std::memcpy(&v, bytes, 4); *out = v; return true; }
+    case TY_UINT32: { uint32_t v; std::memcpy(&v, bytes, 4); *out = v; return true; }
+    case TY_FLOAT32: { float v; std::memcpy(&v, bytes, 4); *out = v; return true; }
+    case TY_UINT8: *out = bytes[0]; return true;
+    default: return false;
+  }
+}
+
+bool SameNumber(double a, double b) { return std::fabs(a - b) <= 1e-4 * std::max(1.0, std::fabs(b)); }
+
+}  // namespace
+
+bool Admissible(const CapabilityInfo& cap, const Value& value, int32_t count, const uint8_t* items,
+                size_t itemBytes) {
+  // A default or an open list admits anything. An area's list holds only
+  // its current value; the area is fitted to the source instead.
+  if (cap.form != ListForm::Enumeration && cap.form != ListForm::Range) return true;
+  if (cap.flags & kAreaFlag) return true;
+  const size_t step = ValueTypeBytes(cap.itemType);
+  const size_t readable = items && step ? itemBytes / step : 0;
+  if (count > 0) {
+    const size_t n = std::min(static_cast<size_t>(count), readable);
+    if (n == 0) return true;
+    double wanted = 0;
+    const bool numeric = NumberOf(value.type, value.bytes.data(), &wanted);
+    for (size_t i = 0; i < n; ++i) {
+      const uint8_t* item = items + i * step;
+      double listed = 0;
+      if (numeric && NumberOf(cap.itemType, item, &listed) && SameNumber(wanted, listed)) return true;
+      if (IsText(value.type) && IsText(cap.itemType) &&
+          FieldText(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size()) ==
+              FieldText(reinterpret_cast<const char*>(item), step))
+        return true;
+    }
+    return false;
+  }
+  if (count != 0 || cap.form != ListForm::Range || readable < 3) return true;
+  double v = 0, least = 0, most = 0, by = 0;
+  if (!NumberOf(value.type, value.bytes.data(), &v) || !NumberOf(cap.itemType, items, &least) ||
+      !NumberOf(cap.itemType, items + step, &most) || !NumberOf(cap.itemType, items + 2 * step, &by))
+    return true;
+  if (v < least - 1e-6 || v > most + 1e-6) return false;
+  if (by <= 0) return true;
+  const double steps = (v - least) / by;
+  return SameNumber(steps, std::round(steps));
 }
 
 }  // namespace sx::host

@@ -75,3 +75,15 @@ std::string FieldText(const char* field, size_t width);
 std::string ResultText(int32_t result);
 
 }  // namespace sx::host
+
+namespace sx::host {
+
+// Whether `value` is among the admissible values the library listed for the
+// capability (SxQueryData's count and items, as DescribeList takes them):
+// one of an enumeration's items, or within a range on its steps. Lists that
+// admit anything (defaults, "any value", none) or that cannot be read do
+// not refuse.
+bool Admissible(const CapabilityInfo& cap, const Value& value, int32_t count, const uint8_t* items,
+                size_t itemBytes);
+
+}  // namespace sx::host

@@ -199,6 +199,9 @@ int RunSet(const std::vector<std::string>& pairs) {
   }
   LibrarySession session;
   if (!OpenStoredSource()) return kExitFailed;
+  for (const auto& [cap, value] : changes) {
+    if (!CheckAdmissible(*cap, value)) return kExitUsage;
+  }
   int exitCode = kExitOk;
   for (const auto& [cap, value] : changes) {
     int32_t result = WriteValue(*cap, value);

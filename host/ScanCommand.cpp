@@ -154,6 +154,14 @@ extern "C" int32_t SX_API OnTransfer(void* data, int64_t* byteCount, int32_t cod
   }
 }
 
+// Every value is checked before any reaches the library.
+bool AllAdmissible(const std::vector<SettingChange>& changes) {
+  for (const auto& change : changes) {
+    if (!CheckAdmissible(*change.cap, change.value)) return false;
+  }
+  return true;
+}
+
 bool ApplySettings(const std::vector<SettingChange>& changes) {
   for (const auto& change : changes) {
     int32_t result = WriteValue(*change.cap, change.value);
@@ -248,6 +256,10 @@ int RunScan(const ScanOptions& options) {
   if (!OpenStoredSource()) {
     SxFree();
     return kExitFailed;
+  }
+  if (!AllAdmissible(changes)) {
+    SxFree();
+    return kExitUsage;
   }
   size_t bufferBytes = options.buffered ? std::max(options.transferBytes, kBufferedTransferBytes)
                                         : options.transferBytes;

@@ -88,4 +88,14 @@ int32_t WriteValue(const CapabilityInfo& cap, const Value& value) {
   return SxSetValue(cap.code, copy.type, copy.bytes.data());
 }
 
+bool CheckAdmissible(const CapabilityInfo& cap, const Value& value) {
+  if (cap.flags & kCapQueryActs) return true;
+  const QueriedList list = QueryList(cap);
+  if (!list.made || Admissible(cap, value, list.count, list.items.data(), list.items.size())) return true;
+  std::fprintf(stderr, "sxscan: %s cannot be %s; the scanner takes %s\n", cap.name,
+               FormatValue(value.type, value.bytes.data()).c_str(),
+               DescribeList(cap, list.count, list.items.data(), list.items.size()).c_str());
+  return false;
+}
+
 }  // namespace sx::host

@@ -28,6 +28,11 @@ struct QueriedList {
 QueriedList QueryList(const CapabilityInfo& cap);
 
 int32_t ReadValue(const CapabilityInfo& cap, Value* value);
+
+// Whether the library lists `value` as admissible for the capability; when
+// not, prints which values it admits, naming the capability and the value.
+// Capabilities whose listing acts on the scanner are not asked.
+bool CheckAdmissible(const CapabilityInfo& cap, const Value& value);
 int32_t WriteValue(const CapabilityInfo& cap, const Value& value);
 
 // Unlocks a locked global block until its lock count is zero and frees it.

@@ -52,6 +52,16 @@ TEST(HostProgram, SelectsSourceScansPngAndReportsErrors) {
   EXPECT_EQ(RunProgram(root, "get nosuchcap").exitCode, 2);
   EXPECT_EQ(RunProgram(root, "scan --mode sepia").exitCode, 2);
   EXPECT_EQ(RunProgram(root, "set CAP_MODELNAME x").exitCode, 2);
+  // Values outside what the library lists are refused before the scanner
+  // is touched, with what it takes.
+  Outcome tooFine = RunProgram(root, "scan --resolution 7 --output never.png");
+  EXPECT_EQ(tooFine.exitCode, 2);
+  EXPECT_NE(tooFine.text.find("CAP_XRESOLUTION cannot be 7; the scanner takes 50 to"), std::string::npos)
+      << tooFine.text;
+  Outcome badType = RunProgram(root, "set pixeltype 7");
+  EXPECT_EQ(badType.exitCode, 2);
+  EXPECT_NE(badType.text.find("CAP_PIXELTYPE cannot be 7; the scanner takes one of 0, 1, 2"), std::string::npos)
+      << badType.text;
 
   // Two inches by one at 100 dpi in grey: 200 pixels (a multiple of the
   // alignment) by 100 lines. The output folder must exist: none is made.

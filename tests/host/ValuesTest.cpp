@@ -81,6 +81,31 @@ TEST(HostValues, DescribeListsByForm) {
   EXPECT_EQ(DescribeList(pixel, -3, items, 12), "unreadable list (count -3)");
 }
 
+// Values are checked against the library's lists before anything is set.
+TEST(HostValues, AdmissibleAgainstRangesEnumerationsAndNames) {
+  const CapabilityInfo& res = *FindCapability("xresolution");
+  const int32_t range[] = {50, 600, 25};
+  const auto* items = reinterpret_cast<const uint8_t*>(range);
+  for (int64_t dpi : {50, 75, 600}) EXPECT_TRUE(Admissible(res, IntegerValue(TY_UINT16, dpi), 0, items, 12)) << dpi;
+  for (int64_t dpi : {25, 60, 625}) EXPECT_FALSE(Admissible(res, IntegerValue(TY_UINT16, dpi), 0, items, 12)) << dpi;
+  EXPECT_TRUE(Admissible(res, IntegerValue(TY_UINT16, 7), 0, items, 8)) << "an unreadable range refuses nothing";
+
+  const CapabilityInfo& pixel = *FindCapability("pixeltype");
+  const int32_t types[] = {0, 2};
+  const auto* listed = reinterpret_cast<const uint8_t*>(types);
+  EXPECT_TRUE(Admissible(pixel, IntegerValue(TY_UINT8, 2), 2, listed, 8));
+  EXPECT_FALSE(Admissible(pixel, IntegerValue(TY_UINT8, 1), 2, listed, 8));
+
+  const CapabilityInfo& dither = *FindCapability("dither");
+  char names[2][33] = {"None", "Halftone 1"};
+  Value value;
+  std::string error;
+  ASSERT_TRUE(ParseValue(TY_STR32, "Halftone 1", &value, &error));
+  EXPECT_TRUE(Admissible(dither, value, 2, reinterpret_cast<const uint8_t*>(names), sizeof names));
+  ASSERT_TRUE(ParseValue(TY_STR32, "Halftone 2", &value, &error));
+  EXPECT_FALSE(Admissible(dither, value, 2, reinterpret_cast<const uint8_t*>(names), sizeof names));
+}
+
 TEST(HostScanPlan, OptionsBecomeOrderedSettings) {
   ScanOptions o{.resolution = 300, .mode = ColorMode::Lineart, .hasArea = true, .area = {1, 2, 10, 20},
                 .units = AreaUnits::Centimetres, .source = ScanSource::Feeder, .pages = kAllPages,
