@@ -259,9 +259,12 @@ ParseOutcome ParseCommandLine(const std::vector<std::string>& args) {
   bool sawScanOption = false;
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
-    // Help and version win wherever they stand.
-    if (arg == "-h" || arg == "--help" || arg == "--version") {
-      line.kind = arg == "--version" ? CommandKind::Version : CommandKind::Help;
+    // Help and version win wherever they stand; help after a command is
+    // that command's.
+    if (arg == "-h" || arg == "--help" || arg == "--version" || arg == "-V") {
+      const bool version = arg == "--version" || arg == "-V";
+      line.helpFor = sawCommand && !version ? line.kind : CommandKind::Help;
+      line.kind = version ? CommandKind::Version : CommandKind::Help;
       result.ok = true;
       return result;
     }
@@ -371,6 +374,39 @@ std::string UsageText() {
          "The library finds its system tree through SX_ROOT. Ctrl-C stops a scan cleanly.\n"
          "Exit status: 0 success, 1 the library or scanner failed, 2 a wrong command line,\n"
          "130 interrupted.\n";
+}
+
+std::string CommandHelpText(CommandKind kind) {
+  switch (kind) {
+    case CommandKind::Sources:
+      return "usage: sxscan sources\n\nLists the data sources the library finds under $SX_ROOT/windows/twain_32:\n"
+             "display name, vendor, port, file version and file.\n";
+    case CommandKind::Select:
+      return "usage: sxscan select NAME\n\nChooses the data source whose display name is NAME or contains it\n"
+             "(any case; the part must match one source only) and stores the choice.\n";
+    case CommandKind::Info:
+      return "usage: sxscan info\n\nOpens the chosen source and shows its file, model, firmware and serial number.\n";
+    case CommandKind::Caps:
+      return "usage: sxscan caps\n\nEvery capability with its current value and the values the scanner admits.\n";
+    case CommandKind::Get:
+      return "usage: sxscan get NAME...\n\nCurrent values; NAME is CAP_XRESOLUTION, xresolution or 0x9200.\n";
+    case CommandKind::Set:
+      return "usage: sxscan set NAME VALUE...\n\nSets capabilities after checking each value against what the scanner\n"
+             "admits, and shows what the library kept. Settings last while the program runs:\n"
+             "pass them to scan with --set NAME=VALUE.\n";
+    case CommandKind::Scan:
+      return "usage: sxscan scan [OPTIONS]\n\nScans to a file. Without options: the chosen source's stored settings\n"
+             "and its whole area, to scan.png. Every value is checked against what the\n"
+             "scanner admits before anything is set (exit 2 when one is not).\n\n" +
+             UsageText().substr(UsageText().find("scan options:"));
+    case CommandKind::Doctor:
+      return "usage: sxscan doctor\n\nExplains the set-up: the system tree in use and why, the registry store,\n"
+             "every driver module and why it is or is not offered, the ASPI and\n"
+             "colour-management modules, the trace settings; each problem with its fix.\n"
+             "Exit status 1 when a problem is found.\n";
+    default:
+      return UsageText();
+  }
 }
 
 }  // namespace sx::host

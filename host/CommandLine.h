@@ -47,6 +47,9 @@ struct ScanOptions {
 
 struct CommandLine {
   CommandKind kind = CommandKind::Help;
+  // With kind Help: the command whose help was asked for ("scan --help");
+  // Help itself for the whole summary.
+  CommandKind helpFor = CommandKind::Help;
   std::vector<std::string> operands;
   ScanOptions scan;
 };
@@ -56,6 +59,10 @@ struct ParseOutcome {
   std::string error;
   CommandLine line;
 };
+
+// The help of one command: what it does, its operands and options, what it
+// does by default. The whole summary for Help.
+std::string CommandHelpText(CommandKind kind);
 
 // argv without the program name.
 ParseOutcome ParseCommandLine(const std::vector<std::string>& args);

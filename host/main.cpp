@@ -19,7 +19,7 @@ int Dispatch(const sx::host::CommandLine& line) {
   using namespace sx::host;
   switch (line.kind) {
     case CommandKind::Help:
-      std::printf("%s", UsageText().c_str());
+      std::printf("%s", CommandHelpText(line.helpFor).c_str());
       return kExitOk;
     case CommandKind::Version:
       std::printf("sxscan %s\n", SXSCAN_VERSION);
