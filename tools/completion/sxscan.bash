@@ -8,7 +8,7 @@ _sxscan() {
   }
   local commands="sources select info caps get set scan doctor help version"
   if ((cword == 1)); then
-    COMPREPLY=($(compgen -W "$commands --help --version" -- "$cur"))
+    COMPREPLY=($(compgen -W "$commands --help --version -V" -- "$cur"))
     return
   fi
   case $prev in
