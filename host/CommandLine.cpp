@@ -358,8 +358,8 @@ std::string UsageText() {
          "  help, version\n"
          "\n"
          "scan options:\n"
-         "  --resolution N              dots per inch (both directions)\n"
-         "  --mode color|gray|lineart   pixel type\n"
+         "  --resolution N              dots per inch (both directions); default 300\n"
+         "  --mode color|gray|lineart   pixel type; default color\n"
          "  --area X,Y,W,H              scan area, in inches unless --units says otherwise\n"
          "  --units inches|cm|pixels    unit of --area (pixels are 1/300 inch)\n"
          "  --source flatbed|feeder|auto\n"
@@ -395,8 +395,8 @@ std::string CommandHelpText(CommandKind kind) {
              "admits, and shows what the library kept. Settings last while the program runs:\n"
              "pass them to scan with --set NAME=VALUE.\n";
     case CommandKind::Scan:
-      return "usage: sxscan scan [OPTIONS]\n\nScans to a file. Without options: the chosen source's stored settings\n"
-             "and its whole area, to scan.png. Every value is checked against what the\n"
+      return "usage: sxscan scan [OPTIONS]\n\nScans to a file. Without options: a colour page at 300 dpi of the chosen\n"
+             "source's whole area, to scan.png. Every value is checked against what the\n"
              "scanner admits before anything is set (exit 2 when one is not).\n\n" +
              UsageText().substr(UsageText().find("scan options:"));
     case CommandKind::Doctor:

@@ -29,8 +29,10 @@ struct ScanArea {
 };
 
 struct ScanOptions {
-  int32_t resolution = 0;  // 0: keep the current setting
-  ColorMode mode = ColorMode::Keep;
+  // What a person expects with no options: a colour page at 300 dpi (of the
+  // source's whole area, the library's stored default).
+  int32_t resolution = 300;  // 0: keep the current setting
+  ColorMode mode = ColorMode::Color;
   bool hasArea = false;
   ScanArea area;
   bool hasUnits = false;

@@ -56,6 +56,9 @@ struct Transfer {
   std::string lastDrawn;
   int lastDecile = -1;
   std::string stopReason;
+  PageFormat format;  // of the page being delivered
+  uint32_t askedPixels = 0;  // the area's width at the resolution, as set
+  uint32_t askedLines = 0;
 };
 Transfer* g_transfer = nullptr;
 
@@ -76,6 +79,45 @@ void DrawProgress(Transfer& t) {
   t.lastDecile = decile;
 }
 
+// What the page that just ended holds, as the user asked for it.
+void ReportPage(const Transfer& t, uint64_t lines, bool endedEarly) {
+  static const char* const kKinds[] = {"line art", "gray", "colour"};
+  EndProgressLine();
+  std::fprintf(stderr, "page %d: %u x %llu pixels at %u dpi, %s%s\n", t.progress.page, t.format.width,
+               static_cast<unsigned long long>(lines), t.format.xdpi,
+               kKinds[static_cast<int>(t.format.kind)],
+               endedEarly ? " (the scanner ended the page early)" : "");
+  // Design note: a width short by less than a 32-pixel unit is the model's
+  // alignment; anything more, and any shortfall of lines, is the source's
+  // area cutting the requested one.
+  constexpr uint32_t kAlignmentSlack = 32;
+  if (t.askedPixels > t.format.width) {
+    std::fprintf(stderr, "sxscan: the width was %s: %u of the %u pixels asked for\n",
+                 t.askedPixels - t.format.width < kAlignmentSlack ? "reduced to the scanner's alignment"
+                                                                  : "clipped to the source's area",
+                 t.format.width, t.askedPixels);
+  }
+  if (t.askedLines > t.format.lines && !endedEarly) {
+    std::fprintf(stderr, "sxscan: the length was clipped to the source's area: %u of the %u lines asked for\n",
+                 t.format.lines, t.askedLines);
+  }
+}
+
+// The area's size at the resolution, in pixels, as the settings ask for it.
+void ReadAskedSize(Transfer& t) {
+  uint16_t width = 0, length = 0, dpi = 0;
+  const auto read = [](const char* name, uint16_t* out) {
+    Value v;
+    const CapabilityInfo* cap = FindCapability(name);
+    if (cap && cap->getType == TY_UINT16 && ReadValue(*cap, &v) == SX_OK) std::memcpy(out, v.bytes.data(), 2);
+  };
+  read("imagewidth", &width);
+  read("imagelength", &length);
+  read("xresolution", &dpi);
+  t.askedPixels = static_cast<uint32_t>((uint64_t{width} * dpi + 150) / 300);
+  t.askedLines = static_cast<uint32_t>((uint64_t{length} * dpi + 150) / 300);
+}
+
 int32_t HostStop(Transfer& t, const std::string& reason) {
   t.stopReason = reason;
   return kHostStop;
@@ -91,6 +133,7 @@ int32_t OnImageInfo(Transfer& t, const void* data, int64_t* byteCount) {
   // A page that was never marked as ended is over once the next one begins.
   if (t.document->PageOpen() && !t.document->EndPage()) return HostStop(t, t.document->Error());
   if (!t.document->BeginPage(format)) return HostStop(t, t.document->Error());
+  t.format = format;
   ++t.progress.page;
   t.progress.bytesExpected = t.document->PageExpectedBytes();
   t.lastDecile = -1;
@@ -121,7 +164,9 @@ int32_t OnImageData(Transfer& t, const void* data, const int64_t* byteCount, int
   t.document->Append(static_cast<const uint8_t*>(data), bytes);
   DrawProgress(t);
   if (code == SX_XFER_PAGE_END || code == SX_XFER_SHORT_PAGE) {
+    const uint64_t lines = t.format.bytesPerLine ? t.document->PageBytes() / t.format.bytesPerLine : 0;
     if (!t.document->EndPage()) return HostStop(t, t.document->Error());
+    ReportPage(t, lines, code == SX_XFER_SHORT_PAGE);
   }
   return SX_OK;
 }
@@ -283,6 +328,7 @@ int RunScan(const ScanOptions& options) {
   // Only a feeder scan delivers the pages asked for; a flatbed gives one.
   transfer.progress.pagesExpected =
       options.source == ScanSource::Feeder && options.pages > 0 ? options.pages : 0;
+  ReadAskedSize(transfer);
   g_transfer = &transfer;
   g_interrupted.store(false);
   // Ctrl-C and SIGTERM stop the scan through its Cancel; the pages already

@@ -24,7 +24,7 @@ TEST(HostCommandLine, ArgumentsAndScanOptions) {
       {"set brightness -500 gamma 1.8", YIELDS(l.kind == CommandKind::Set && l.operands.size() == 4)},
       {"scan --help", YIELDS(l.kind == CommandKind::Help)},
       {"--version", YIELDS(l.kind == CommandKind::Version)},
-      {"scan", YIELDS(s.mode == ColorMode::Keep && s.pages == 0 && s.resolution == 0 &&
+      {"scan", YIELDS(s.mode == ColorMode::Color && s.pages == 0 && s.resolution == 300 &&
                       s.transferBytes == kDefaultTransferBytes && !s.hasArea)},
       {"scan --resolution 600 --mode=gray", YIELDS(s.resolution == 600 && s.mode == ColorMode::Gray)},
       {"scan --area 0.5,1,8,10.5 --units cm",

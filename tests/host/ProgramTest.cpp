@@ -78,6 +78,15 @@ TEST(HostProgram, SelectsSourceScansPngAndReportsErrors) {
   ASSERT_TRUE(png.ok);
   EXPECT_TRUE(png.width == 200u && png.height == 100u && png.colour == PNG_COLOR_TYPE_GRAY);
   EXPECT_EQ(png.xppm, 3937u);  // 100 dpi
+  EXPECT_NE(scan.text.find("page 1: 200 x 100 pixels at 100 dpi, gray"), std::string::npos) << scan.text;
+
+  // Without mode or resolution: colour at 300 dpi. An area wider than the
+  // flatbed is clipped, and the user is told.
+  Outcome plain = RunProgram(root, "scan --area 8,0,1,1 --output out/plain.png");
+  ASSERT_EQ(plain.exitCode, 0) << plain.text;
+  PngRead colour = ReadPng((root.Path() / "out/plain.png").string());
+  EXPECT_TRUE(colour.colour == PNG_COLOR_TYPE_RGB && colour.xppm == 11811u && colour.height == 300u);
+  EXPECT_NE(plain.text.find("the width was clipped to the source's area"), std::string::npos) << plain.text;
 
   Outcome empty = RunProgram(root, "scan --source feeder --output a.png");
   EXPECT_EQ(empty.exitCode, 1);
