@@ -28,6 +28,9 @@ namespace fs = std::filesystem;
 
 constexpr char kMakerPrefix[] = "corvane";  // what a driver's CompanyName must begin with
 constexpr char kRegistryKeyOptions[] = "[software\\quillmark]";
+constexpr char kTraceFile[] = "scandiag.txt";
+// The library composes the log path in a 144-byte buffer.
+constexpr size_t kMaxTracePath = 143;
 
 int gProblems = 0;
 
@@ -52,15 +55,29 @@ std::string Trim(const std::string& text) {
   return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
+std::string WithoutTrailingSlashes(std::string path) {
+  while (!path.empty() && path.back() == '/') path.pop_back();
+  return path;
+}
+
+// The root exactly as the library settles it: SX_ROOT, else an absolute
+// XDG_DATA_HOME (a relative one is invalid by that convention and ignored),
+// else the home folder.
 fs::path Root(std::string& why) {
   if (const char* root = std::getenv("SX_ROOT"); root && *root) {
     why = "from the environment variable SX_ROOT";
-    return root;
+    return WithoutTrailingSlashes(root);
   }
-  why = "the default, since SX_ROOT is not set";
-  if (const char* data = std::getenv("XDG_DATA_HOME"); data && *data) return fs::path(data) / "sxscan";
+  if (const char* data = std::getenv("XDG_DATA_HOME"); data && data[0] == '/') {
+    why = "SX_ROOT is not set: $XDG_DATA_HOME/sxscan";
+    return fs::path(WithoutTrailingSlashes(data)) / "sxscan";
+  }
+  const char* data = std::getenv("XDG_DATA_HOME");
+  why = data && *data ? "SX_ROOT is not set and XDG_DATA_HOME is relative, so ignored: "
+                        "$HOME/.local/share/sxscan"
+                      : "SX_ROOT is not set: $HOME/.local/share/sxscan";
   const char* home = std::getenv("HOME");
-  return fs::path(home ? home : "/") / ".local/share/sxscan";
+  return fs::path(WithoutTrailingSlashes(home && *home ? home : ".")) / ".local/share/sxscan";
 }
 
 // The value lines of the store, by lower-case "key|name", and the lines that
@@ -141,12 +158,41 @@ void ReportRoot(const fs::path& root, const std::string& why) {
   }
 }
 
+// Where trace lines go: "SAVEPATH" with the file name glued to it, so a
+// folder needs its trailing '/', and without "SAVEPATH" the host program's
+// current directory.
+void ReportTrace(long traceLevel, const std::string& savePath) {
+  if (traceLevel == 0) {
+    std::printf("  trace level 0 (no trace log; \"DEBUGLEVEL\"=dword:00000002 traces every call)\n");
+    return;
+  }
+  std::error_code ec;
+  const std::string log = savePath.empty() ? (fs::current_path(ec) / kTraceFile).string()
+                                           : savePath + kTraceFile;
+  std::printf("  trace level %ld, log %s%s\n", traceLevel, log.c_str(),
+              savePath.empty() ? " (no \"SAVEPATH\": the host program's current directory)" : "");
+  if (savePath.empty()) return;
+  if (savePath.back() != '/') {
+    Problem("\"SAVEPATH\" does not end with '/', so the file name is glued to its last folder name",
+            "end \"SAVEPATH\" with '/': \"SAVEPATH\"=str(2):\"" + savePath + "/\"");
+  }
+  if (log.size() > kMaxTracePath) {
+    Problem("the log path is longer than " + std::to_string(kMaxTracePath) + " characters: trace lines are lost",
+            "choose a shorter \"SAVEPATH\"");
+  } else if (const fs::path folder = fs::path(log).has_parent_path() ? fs::path(log).parent_path() : ".";
+             !fs::is_directory(folder, ec)) {
+    Problem("the log folder " + folder.string() + " does not exist: trace lines are lost",
+            "mkdir -p " + folder.string());
+  }
+}
+
 void ReportStore(const fs::path& root) {
   const fs::path path = root / "user.reg";
   std::printf("registry     %s\n", path.c_str());
   std::error_code ec;
   if (!fs::exists(path, ec)) {
     std::printf("  absent: read as empty; 'sxscan select' creates it\n");
+    ReportTrace(0, "");
     return;
   }
   if (!std::ifstream(path)) {
@@ -165,13 +211,14 @@ void ReportStore(const fs::path& root) {
   };
   const std::string source = TextValue(value("sourcename"));
   std::printf("  chosen source: %s\n", source.empty() ? "none ('sxscan select NAME' chooses one)" : source.c_str());
+  if (!std::ofstream(path, std::ios::app)) {
+    Problem("the store cannot be written: the chosen source and other values go to " +
+                (root / "temp/scandiag.ini").string() + " instead",
+            "give the user write access: chmod u+w " + path.string());
+  }
   const std::string level = value("debuglevel");
   const long traceLevel = level.rfind("dword:", 0) == 0 ? std::strtol(level.c_str() + 6, nullptr, 16) : 0;
-  const std::string savePath = TextValue(value("savepath"));
-  std::printf("  trace level %ld%s\n", traceLevel,
-              traceLevel == 0 ? " (no trace log)"
-                              : (", log scandiag.txt in " + (savePath.empty() ? (root / "temp").string() + "/"
-                                                                               : savePath)).c_str());
+  ReportTrace(traceLevel, TextValue(value("savepath")));
 }
 
 // The version record's CompanyName and FileVersion, from the text form

@@ -19,9 +19,12 @@ struct Report {
   bool Says(const std::string& what) const { return text.find(what) != std::string::npos; }
 };
 
-Report Doctor(const sxtest::TempRoot& root) {
+// `environment` prefixes the command (env(1) arguments), to run the doctor
+// under another root.
+Report Doctor(const sxtest::TempRoot& root, const std::string& environment = "") {
   const fs::path out = root.Path() / "doctor.txt";
-  const int status = std::system(("'" SX_TEST_SXSCAN "' doctor >'" + out.string() + "' 2>&1").c_str());
+  const int status = std::system(
+      (environment + " '" SX_TEST_SXSCAN "' doctor >'" + out.string() + "' 2>&1").c_str());
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, sxtest::ReadFile(out)};
 }
 
@@ -51,9 +54,40 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
   EXPECT_TRUE(faults.Says("Other/Scanner/other.dll: not offered (maker \"Other Devices Ltd.\")"))
       << faults.text;
   EXPECT_TRUE(faults.Says("1 damaged line(s)")) << faults.text;
-  EXPECT_TRUE(faults.Says("trace level 2, log scandiag.txt in " + (root.Path() / "temp").string()))
+  // Without "SAVEPATH" the log lands in the host program's current folder.
+  EXPECT_TRUE(faults.Says("trace level 2, log " + (fs::current_path() / "scandiag.txt").string()))
       << faults.text;
   EXPECT_TRUE(faults.Says("4 problem(s) found")) << faults.text;
+}
+
+TEST(HostDoctor, FollowsTheLibraryToTheRootAndTheTraceLog) {
+  sxtest::TempRoot root;
+  root.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\n");
+  const std::string folder = root.Path().string();
+
+  // A "SAVEPATH" without its final '/' glues the file name to the folder's.
+  root.WriteRegistry("[Software\\Quillmark]\n\"DEBUGLEVEL\"=dword:00000001\n\"SAVEPATH\"=str(2):\"" +
+                     folder + "/logs\"\n");
+  Report glued = Doctor(root);
+  EXPECT_EQ(glued.exitCode, 1);
+  EXPECT_TRUE(glued.Says("trace level 1, log " + folder + "/logsscandiag.txt\n")) << glued.text;
+  EXPECT_TRUE(glued.Says("fix:     end \"SAVEPATH\" with '/'")) << glued.text;
+  EXPECT_TRUE(glued.Says("1 problem(s) found")) << glued.text;
+
+  // A folder that does not exist loses every line; so does an over-long path.
+  root.WriteRegistry("[Software\\Quillmark]\n\"DEBUGLEVEL\"=dword:00000002\n\"SAVEPATH\"=str(2):\"" +
+                     folder + "/missing/\"\n");
+  Report missing = Doctor(root);
+  EXPECT_TRUE(missing.Says("fix:     mkdir -p " + folder + "/missing\n")) << missing.text;
+  root.WriteRegistry("[Software\\Quillmark]\n\"DEBUGLEVEL\"=dword:00000002\n\"SAVEPATH\"=str(2):\"" +
+                     folder + "/" + std::string(150, 'x') + "/\"\n");
+  EXPECT_TRUE(Doctor(root).Says("longer than 143 characters")) << Doctor(root).text;
+
+  // Without SX_ROOT a relative XDG_DATA_HOME is ignored, as the library does.
+  Report home = Doctor(root, "env -u SX_ROOT XDG_DATA_HOME=relative HOME='" + folder + "/'");
+  EXPECT_TRUE(home.Says("system tree  " + folder + "/.local/share/sxscan (SX_ROOT is not set and "
+                        "XDG_DATA_HOME is relative"))
+      << home.text;
 }
 
 }  // namespace
