@@ -4,6 +4,8 @@
 // colour-management modules and the trace settings; each problem with the
 // fix in one line. It reads the files itself and asks the library only for
 // its list of data sources, so it explains a set-up without changing it.
+#include <stdlib.h>  // setenv, unsetenv
+
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -255,10 +258,109 @@ bool ReadRecord(const fs::path& path, std::string& company, std::string& version
 
 std::string Field(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
 
+fs::path ModulePath(const SxDataSource& s) {
+  return fs::path(Field(s.Directory, sizeof s.Directory)) / Field(s.FileName, sizeof s.FileName);
+}
+
+bool IsModuleName(const fs::path& file) {
+  const std::string name = Lower(file.filename().string());
+  return name.size() >= 4 && name.compare(name.size() - 3, 3, "dll") == 0;
+}
+
+// Sets SX_ROOT for the life of the object and puts back what was there.
+class RootOverride {
+ public:
+  explicit RootOverride(const fs::path& root) {
+    if (const char* old = std::getenv("SX_ROOT")) saved_ = old, hadRoot_ = true;
+    ::setenv("SX_ROOT", root.c_str(), 1);
+  }
+  ~RootOverride() {
+    if (hadRoot_)
+      ::setenv("SX_ROOT", saved_.c_str(), 1);
+    else
+      ::unsetenv("SX_ROOT");
+  }
+  RootOverride(const RootOverride&) = delete;
+  RootOverride& operator=(const RootOverride&) = delete;
+
+ private:
+  std::string saved_;
+  bool hadRoot_ = false;
+};
+
+// Runs the library's discovery over a scratch tree that holds `file` alone,
+// at the same place under twain_32 and with the other files of its folder
+// (its behaviour and profile files), so the user's tree is left as it is.
+// Returns the data source the module makes on its own; false when the
+// library refuses it even then.
+bool DiscoverAlone(const fs::path& twain, const fs::path& file, SxDataSource* alone) {
+  std::error_code ec;
+  const fs::path scratch =
+      fs::temp_directory_path(ec) / ("sxscan-doctor-" + std::to_string(std::random_device{}()));
+  const fs::path folder = scratch / "windows/twain_32" / fs::relative(file.parent_path(), twain, ec);
+  fs::create_directories(folder, ec);
+  for (const auto& entry : fs::directory_iterator(file.parent_path(), ec)) {
+    if (!entry.is_regular_file() || (IsModuleName(entry.path()) && entry.path() != file)) continue;
+    fs::copy_file(entry.path(), folder / entry.path().filename(), ec);
+  }
+  std::vector<SxDataSource> listed;
+  {
+    RootOverride root(scratch);
+    SxFree();  // the list of the user's tree goes; the next one is the scratch tree's
+    int32_t result = 0;
+    listed = ListSources(&result);
+    SxFree();
+  }
+  fs::remove_all(scratch, ec);
+  if (listed.size() != 1) return false;
+  *alone = listed[0];
+  return true;
+}
+
+// A module of the maker with a file version that the library does not
+// offer: refused at initialisation, the same scanner as an offered module,
+// or never tried because another module of its folder was accepted first.
+void ExplainUnlisted(const fs::path& twain, const fs::path& file, const std::string& shown,
+                     const std::string& version, const std::vector<SxDataSource>& listed) {
+  if (file.parent_path() != twain) {
+    for (const SxDataSource& s : listed) {
+      if (ModulePath(s).parent_path() != file.parent_path()) continue;
+      std::printf("  %s: version %s, not offered: not tried\n", shown.c_str(), version.c_str());
+      Problem("the library takes one module per folder and accepted " + ModulePath(s).filename().string() +
+                  " there first",
+              "give each driver module a model folder of its own");
+      return;
+    }
+  }
+  SxDataSource alone{};
+  if (!DiscoverAlone(twain, file, &alone)) {
+    std::printf("  %s: version %s, not offered: refused\n", shown.c_str(), version.c_str());
+    Problem("the library loaded it, but an entry point it needs is missing, its initialisation or "
+            "ability query failed, or it reported no model",
+            "connect and power the scanner, or check its files; \"DEBUGLEVEL\" 2 traces the calls");
+    return;
+  }
+  const std::string name = Field(alone.DisplayName, sizeof alone.DisplayName);
+  for (const SxDataSource& s : listed) {
+    if (Field(s.DisplayName, sizeof s.DisplayName) != name) continue;
+    const std::string kept = fs::relative(ModulePath(s), twain).string();
+    std::printf("  %s: version %s, not offered: the same scanner \"%s\" is offered from %s, version %s\n",
+                shown.c_str(), version.c_str(), name.c_str(), kept.c_str(),
+                Field(s.FileVersion, sizeof s.FileVersion).c_str());
+    Problem("a copy of the same scanner with a newer or equal version is offered instead",
+            "remove the copy not offered: rm " + file.string());
+    return;
+  }
+  std::printf("  %s: version %s, not offered with the others, though offered alone as \"%s\"\n",
+              shown.c_str(), version.c_str(), name.c_str());
+  Problem("the scanner answered differently when the whole tree was searched",
+          "search again with \"DEBUGLEVEL\" 2 and read the trace of its calls");
+}
+
 void ReportModule(const fs::path& twain, const fs::path& file, const std::vector<SxDataSource>& listed) {
   const std::string shown = fs::relative(file, twain).string();
   for (const SxDataSource& s : listed) {
-    if (fs::path(Field(s.Directory, sizeof s.Directory)) / Field(s.FileName, sizeof s.FileName) == file) {
+    if (ModulePath(s) == file) {
       std::printf("  %s: offered as \"%s\", version %s\n", shown.c_str(),
                   Field(s.DisplayName, sizeof s.DisplayName).c_str(), Field(s.FileVersion, sizeof s.FileVersion).c_str());
       return;
@@ -276,10 +378,7 @@ void ReportModule(const fs::path& twain, const fs::path& file, const std::vector
     std::printf("  %s: not offered (maker \"%s\")\n", shown.c_str(), company.c_str());
     Problem("its version record names another maker", "remove it from the driver tree; only the maker's drivers are offered");
   } else {
-    std::printf("  %s: version %s, not offered\n", shown.c_str(), version.c_str());
-    Problem("the library loaded it, but its initialisation or model query failed, or a newer copy of "
-            "the same scanner is offered",
-            "connect and power the scanner, or remove the older copy; 'DEBUGLEVEL' 2 traces the calls");
+    ExplainUnlisted(twain, file, shown, version, listed);
   }
 }
 

@@ -48,8 +48,8 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
   EXPECT_EQ(faults.exitCode, 1);
   EXPECT_TRUE(faults.Says("Corvane/Empty/empty.dll: not offered\n  problem: it carries no version record"))
       << faults.text;
-  EXPECT_TRUE(faults.Says("Corvane/NoModel/vscan.dll: version 1,0,1,0, not offered\n  problem: the "
-                          "library loaded it, but its initialisation"))
+  EXPECT_TRUE(faults.Says("Corvane/NoModel/vscan.dll: version 1,0,1,0, not offered: refused\n  problem: "
+                          "the library loaded it"))
       << faults.text;
   EXPECT_TRUE(faults.Says("Other/Scanner/other.dll: not offered (maker \"Other Devices Ltd.\")"))
       << faults.text;
@@ -60,7 +60,7 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
   EXPECT_TRUE(faults.Says("4 problem(s) found")) << faults.text;
 }
 
-TEST(HostDoctor, FollowsTheLibraryToTheRootAndTheTraceLog) {
+TEST(HostDoctor, ExplainsTheTraceLogTheRootAndUnofferedCopies) {
   sxtest::TempRoot root;
   root.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\n");
   const std::string folder = root.Path().string();
@@ -82,6 +82,22 @@ TEST(HostDoctor, FollowsTheLibraryToTheRootAndTheTraceLog) {
   root.WriteRegistry("[Software\\Quillmark]\n\"DEBUGLEVEL\"=dword:00000002\n\"SAVEPATH\"=str(2):\"" +
                      folder + "/" + std::string(150, 'x') + "/\"\n");
   EXPECT_TRUE(Doctor(root).Says("longer than 143 characters")) << Doctor(root).text;
+
+  // An older copy of the offered scanner, and a second module in the offered
+  // module's folder, which discovery never tries.
+  root.InstallVscan("Corvane/Old", "[Scanner]\nModel=QM7110V\n", sxtest::DefaultVersionText("1, 0, 0, 5"));
+  root.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\n", sxtest::DefaultVersionText(), "b.dll");
+  root.WriteRegistry("");
+  Report copies = Doctor(root);
+  EXPECT_TRUE(copies.Says("Corvane/Old/vscan.dll: version 1,0,0,5, not offered: the same scanner \"USB - "
+                          "QM7110V"))
+      << copies.text;
+  EXPECT_TRUE(copies.Says("is offered from Corvane/QM7110/")) << copies.text;
+  // Which of the two in one folder is accepted depends on the folder's order.
+  EXPECT_TRUE(copies.Says(".dll: version 1,0,1,0, not offered: not tried\n  problem: the library takes "
+                          "one module per folder"))
+      << copies.text;
+  EXPECT_TRUE(copies.Says("2 problem(s) found")) << copies.text;
 
   // Without SX_ROOT a relative XDG_DATA_HOME is ignored, as the library does.
   Report home = Doctor(root, "env -u SX_ROOT XDG_DATA_HOME=relative HOME='" + folder + "/'");
