@@ -153,6 +153,15 @@ std::string TextValue(const std::string& raw) {
   return text;
 }
 
+// The default system tree of an installed program, found beside it wherever
+// the prefix was moved; empty when the program runs from a build tree.
+fs::path InstalledSkeleton() {
+  std::error_code ec;
+  const fs::path skeleton =
+      fs::read_symlink("/proc/self/exe", ec).parent_path().parent_path() / "share/sxscan/root";
+  return fs::is_directory(skeleton / "windows", ec) ? skeleton : fs::path();
+}
+
 void ReportRoot(const fs::path& root, const std::string& why) {
   std::printf("system tree  %s (%s)\n", root.c_str(), why.c_str());
   if (!fs::is_directory(root)) {
@@ -387,7 +396,11 @@ void ReportDrivers(const fs::path& root) {
   std::printf("drivers      %s\n", twain.c_str());
   std::error_code ec;
   if (!fs::is_directory(twain, ec)) {
-    Problem("the driver tree does not exist", "install a driver module under " + twain.string() + "/<maker>/<model>/");
+    const fs::path skeleton = InstalledSkeleton();
+    Problem("the driver tree does not exist",
+            skeleton.empty() ? "install a driver module under " + twain.string() + "/<maker>/<model>/"
+                             : "take the default tree's, with the virtual scanner: cp -r " +
+                                   (skeleton / "windows").string() + " " + root.string() + "/");
     return;
   }
   int32_t result = 0;

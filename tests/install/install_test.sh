@@ -51,7 +51,8 @@ awk '/^```c$/ {inside = 1; next} /^```$/ {inside = 0} inside' "$source_dir/READM
 [[ -s "$work/example/example.c" ]] || fail "no C example in the README"
 
 run_example() {
-  local program=$1 root="$work/root-$(basename "$program")"
+  local program=$1
+  local root="$work/root-$(basename "$program")"
   cp -r "$prefix/share/sxscan/root" "$root"
   (cd "$work/example" && SX_ROOT=$root "$program" 2>/dev/null) || fail "$program failed"
   [[ -s "$work/example/page.raw" ]] || fail "$program wrote no page"
@@ -81,6 +82,11 @@ if [[ -x "$prefix/bin/sxscan" ]]; then
   "$prefix/bin/sxscan" --version | grep -q '^sxscan ' || fail "sxscan --version"
   cp -r "$prefix/share/sxscan/root" "$work/root-program"
   SX_ROOT="$work/root-program" "$prefix/bin/sxscan" sources | grep -q QM7110V || fail "sxscan sources"
+  SX_ROOT="$work/root-program" "$prefix/bin/sxscan" doctor >/dev/null || fail "sxscan doctor on the default tree"
+  # A tree without drivers: the fix names the default tree of the moved prefix.
+  advice=$(SX_ROOT="$work/bare" "$prefix/bin/sxscan" doctor || true)
+  grep -qF "cp -r $prefix/share/sxscan/root/windows $work/bare/" <<<"$advice" ||
+    fail "sxscan doctor does not offer the installed default tree: $advice"
   [[ -e "$prefix/share/man/man1/sxscan.1" ]] || fail "missing the man page"
 fi
 echo "install test: passed ($prefix)"
