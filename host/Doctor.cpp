@@ -23,6 +23,10 @@
 #include "platform/VersionRecord.h"
 #include "sxscan.h"
 
+#ifndef SX_INSTALL_SKELETON
+#define SX_INSTALL_SKELETON "lib/sxscan/root"
+#endif
+
 namespace sx::host {
 
 namespace {
@@ -153,12 +157,13 @@ std::string TextValue(const std::string& raw) {
   return text;
 }
 
-// The default system tree of an installed program, found beside it wherever
-// the prefix was moved; empty when the program runs from a build tree.
+// The default system tree of an installed program, found from the program's
+// own place (<prefix>/bin) wherever the prefix was moved; empty when the
+// program runs from a build tree.
 fs::path InstalledSkeleton() {
   std::error_code ec;
   const fs::path skeleton =
-      fs::read_symlink("/proc/self/exe", ec).parent_path().parent_path() / "share/sxscan/root";
+      fs::read_symlink("/proc/self/exe", ec).parent_path().parent_path() / SX_INSTALL_SKELETON;
   return fs::is_directory(skeleton / "windows", ec) ? skeleton : fs::path();
 }
 
@@ -166,7 +171,7 @@ void ReportRoot(const fs::path& root, const std::string& why) {
   std::printf("system tree  %s (%s)\n", root.c_str(), why.c_str());
   if (!fs::is_directory(root)) {
     Problem("the folder does not exist",
-            "create it, e.g. copy <prefix>/share/sxscan/root there, or set SX_ROOT to a tree that exists");
+            "create it, e.g. copy <prefix>/lib/<multiarch>/sxscan/root there, or set SX_ROOT to a tree that exists");
   }
 }
 
