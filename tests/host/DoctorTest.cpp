@@ -19,8 +19,8 @@ struct Report {
   bool Says(const std::string& what) const { return text.find(what) != std::string::npos; }
 };
 
-// `environment` prefixes the command (env(1) arguments), to run the doctor
-// under another root.
+// `environment` prefixes the command (env(1) arguments or a cd), to run the
+// doctor under another root or from another folder.
 Report Doctor(const sxtest::TempRoot& root, const std::string& environment = "") {
   const fs::path out = root.Path() / "doctor.txt";
   const int status = std::system(
@@ -44,7 +44,8 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
   root.InstallVscan("Other/Scanner", "[Scanner]\nModel=QM9\n",
                     sxtest::DefaultVersionText("1, 0, 0, 0", "Other Devices Ltd."), "other.dll");
   root.WriteRegistry("[Software\\Quillmark]\n\"DEBUGLEVEL\"=dword:00000002\n\"SOURCENAME\"=str(2):\"US");
-  Report faults = Doctor(root);
+  // Run from the tree's folder: the traced discovery writes its log there.
+  Report faults = Doctor(root, "cd '" + root.Path().string() + "' &&");
   EXPECT_EQ(faults.exitCode, 1);
   EXPECT_TRUE(faults.Says("Corvane/Empty/empty.dll: not offered\n  problem: it carries no version record"))
       << faults.text;
@@ -55,7 +56,7 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
       << faults.text;
   EXPECT_TRUE(faults.Says("1 damaged line(s)")) << faults.text;
   // Without "SAVEPATH" the log lands in the host program's current folder.
-  EXPECT_TRUE(faults.Says("trace level 2, log " + (fs::current_path() / "scandiag.txt").string()))
+  EXPECT_TRUE(faults.Says("trace level 2, log " + (root.Path() / "scandiag.txt").string()))
       << faults.text;
   EXPECT_TRUE(faults.Says("4 problem(s) found")) << faults.text;
 }
