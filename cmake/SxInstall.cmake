@@ -6,7 +6,10 @@ include(CMakePackageConfigHelpers)
 
 set(SX_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/sxscan)
 set(SX_INSTALL_MODULEDIR ${CMAKE_INSTALL_LIBDIR}/sxscan)
-set(SX_INSTALL_SKELETON ${CMAKE_INSTALL_DATADIR}/sxscan/root)
+# The default system tree holds the virtual scanner built for this ABI, so
+# it lives in the multiarch folder: an i386 install beside an x86-64 one must
+# not replace the module an x86-64 host loads.
+set(SX_INSTALL_SKELETON ${CMAKE_INSTALL_LIBDIR}/sxscan/root)
 
 install(TARGETS sxscan EXPORT sxscanTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
@@ -58,6 +61,8 @@ endif()
 if(TARGET sxscan_host)
   set_target_properties(sxscan_host PROPERTIES
     INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  # sxscan doctor points at the default tree relative to the program.
+  target_compile_definitions(sxscan_host PRIVATE SX_INSTALL_SKELETON="${SX_INSTALL_SKELETON}")
   install(TARGETS sxscan_host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
   install(FILES docs/sxscan.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
   install(FILES tools/completion/sxscan.bash

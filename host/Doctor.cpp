@@ -4,6 +4,8 @@
 // colour-management modules and the trace settings; each problem with the
 // fix in one line. It reads the files itself and asks the library only for
 // its list of data sources, so it explains a set-up without changing it.
+#include <stdlib.h>  // setenv, unsetenv
+
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -20,6 +23,10 @@
 #include "platform/VersionRecord.h"
 #include "sxscan.h"
 
+#ifndef SX_INSTALL_SKELETON
+#define SX_INSTALL_SKELETON "lib/sxscan/root"
+#endif
+
 namespace sx::host {
 
 namespace {
@@ -28,6 +35,9 @@ namespace fs = std::filesystem;
 
 constexpr char kMakerPrefix[] = "corvane";  // what a driver's CompanyName must begin with
 constexpr char kRegistryKeyOptions[] = "[software\\quillmark]";
+constexpr char kTraceFile[] = "scandiag.txt";
+// The library composes the log path in a 144-byte buffer.
+constexpr size_t kMaxTracePath = 143;
 
 int gProblems = 0;
 
@@ -52,15 +62,29 @@ std::string Trim(const std::string& text) {
   return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
+std::string WithoutTrailingSlashes(std::string path) {
+  while (!path.empty() && path.back() == '/') path.pop_back();
+  return path;
+}
+
+// The root exactly as the library settles it: SX_ROOT, else an absolute
+// XDG_DATA_HOME (a relative one is invalid by that convention and ignored),
+// else the home folder.
 fs::path Root(std::string& why) {
   if (const char* root = std::getenv("SX_ROOT"); root && *root) {
     why = "from the environment variable SX_ROOT";
-    return root;
+    return WithoutTrailingSlashes(root);
   }
-  why = "the default, since SX_ROOT is not set";
-  if (const char* data = std::getenv("XDG_DATA_HOME"); data && *data) return fs::path(data) / "sxscan";
+  if (const char* data = std::getenv("XDG_DATA_HOME"); data && data[0] == '/') {
+    why = "SX_ROOT is not set: $XDG_DATA_HOME/sxscan";
+    return fs::path(WithoutTrailingSlashes(data)) / "sxscan";
+  }
+  const char* data = std::getenv("XDG_DATA_HOME");
+  why = data && *data ? "SX_ROOT is not set and XDG_DATA_HOME is relative, so ignored: "
+                        "$HOME/.local/share/sxscan"
+                      : "SX_ROOT is not set: $HOME/.local/share/sxscan";
   const char* home = std::getenv("HOME");
-  return fs::path(home ? home : "/") / ".local/share/sxscan";
+  return fs::path(WithoutTrailingSlashes(home && *home ? home : ".")) / ".local/share/sxscan";
 }
 
 // The value lines of the store, by lower-case "key|name", and the lines that
@@ -133,11 +157,49 @@ std::string TextValue(const std::string& raw) {
   return text;
 }
 
+// The default system tree of an installed program, found from the program's
+// own place (<prefix>/bin) wherever the prefix was moved; empty when the
+// program runs from a build tree.
+fs::path InstalledSkeleton() {
+  std::error_code ec;
+  const fs::path skeleton =
+      fs::read_symlink("/proc/self/exe", ec).parent_path().parent_path() / SX_INSTALL_SKELETON;
+  return fs::is_directory(skeleton / "windows", ec) ? skeleton : fs::path();
+}
+
 void ReportRoot(const fs::path& root, const std::string& why) {
   std::printf("system tree  %s (%s)\n", root.c_str(), why.c_str());
   if (!fs::is_directory(root)) {
     Problem("the folder does not exist",
-            "create it, e.g. copy <prefix>/share/sxscan/root there, or set SX_ROOT to a tree that exists");
+            "create it, e.g. copy <prefix>/lib/<multiarch>/sxscan/root there, or set SX_ROOT to a tree that exists");
+  }
+}
+
+// Where trace lines go: "SAVEPATH" with the file name glued to it, so a
+// folder needs its trailing '/', and without "SAVEPATH" the host program's
+// current directory.
+void ReportTrace(long traceLevel, const std::string& savePath) {
+  if (traceLevel == 0) {
+    std::printf("  trace level 0 (no trace log; \"DEBUGLEVEL\"=dword:00000002 traces every call)\n");
+    return;
+  }
+  std::error_code ec;
+  const std::string log = savePath.empty() ? (fs::current_path(ec) / kTraceFile).string()
+                                           : savePath + kTraceFile;
+  std::printf("  trace level %ld, log %s%s\n", traceLevel, log.c_str(),
+              savePath.empty() ? " (no \"SAVEPATH\": the host program's current directory)" : "");
+  if (savePath.empty()) return;
+  if (savePath.back() != '/') {
+    Problem("\"SAVEPATH\" does not end with '/', so the file name is glued to its last folder name",
+            "end \"SAVEPATH\" with '/': \"SAVEPATH\"=str(2):\"" + savePath + "/\"");
+  }
+  if (log.size() > kMaxTracePath) {
+    Problem("the log path is longer than " + std::to_string(kMaxTracePath) + " characters: trace lines are lost",
+            "choose a shorter \"SAVEPATH\"");
+  } else if (const fs::path folder = fs::path(log).has_parent_path() ? fs::path(log).parent_path() : ".";
+             !fs::is_directory(folder, ec)) {
+    Problem("the log folder " + folder.string() + " does not exist: trace lines are lost",
+            "mkdir -p " + folder.string());
   }
 }
 
@@ -147,6 +209,7 @@ void ReportStore(const fs::path& root) {
   std::error_code ec;
   if (!fs::exists(path, ec)) {
     std::printf("  absent: read as empty; 'sxscan select' creates it\n");
+    ReportTrace(0, "");
     return;
   }
   if (!std::ifstream(path)) {
@@ -165,13 +228,14 @@ void ReportStore(const fs::path& root) {
   };
   const std::string source = TextValue(value("sourcename"));
   std::printf("  chosen source: %s\n", source.empty() ? "none ('sxscan select NAME' chooses one)" : source.c_str());
+  if (!std::ofstream(path, std::ios::app)) {
+    Problem("the store cannot be written: the chosen source and other values go to " +
+                (root / "temp/scandiag.ini").string() + " instead",
+            "give the user write access: chmod u+w " + path.string());
+  }
   const std::string level = value("debuglevel");
   const long traceLevel = level.rfind("dword:", 0) == 0 ? std::strtol(level.c_str() + 6, nullptr, 16) : 0;
-  const std::string savePath = TextValue(value("savepath"));
-  std::printf("  trace level %ld%s\n", traceLevel,
-              traceLevel == 0 ? " (no trace log)"
-                              : (", log scandiag.txt in " + (savePath.empty() ? (root / "temp").string() + "/"
-                                                                               : savePath)).c_str());
+  ReportTrace(traceLevel, TextValue(value("savepath")));
 }
 
 // The version record's CompanyName and FileVersion, from the text form
@@ -208,10 +272,109 @@ bool ReadRecord(const fs::path& path, std::string& company, std::string& version
 
 std::string Field(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
 
+fs::path ModulePath(const SxDataSource& s) {
+  return fs::path(Field(s.Directory, sizeof s.Directory)) / Field(s.FileName, sizeof s.FileName);
+}
+
+bool IsModuleName(const fs::path& file) {
+  const std::string name = Lower(file.filename().string());
+  return name.size() >= 4 && name.compare(name.size() - 3, 3, "dll") == 0;
+}
+
+// Sets SX_ROOT for the life of the object and puts back what was there.
+class RootOverride {
+ public:
+  explicit RootOverride(const fs::path& root) {
+    if (const char* old = std::getenv("SX_ROOT")) saved_ = old, hadRoot_ = true;
+    ::setenv("SX_ROOT", root.c_str(), 1);
+  }
+  ~RootOverride() {
+    if (hadRoot_)
+      ::setenv("SX_ROOT", saved_.c_str(), 1);
+    else
+      ::unsetenv("SX_ROOT");
+  }
+  RootOverride(const RootOverride&) = delete;
+  RootOverride& operator=(const RootOverride&) = delete;
+
+ private:
+  std::string saved_;
+  bool hadRoot_ = false;
+};
+
+// Runs the library's discovery over a scratch tree that holds `file` alone,
+// at the same place under twain_32 and with the other files of its folder
+// (its behaviour and profile files), so the user's tree is left as it is.
+// Returns the data source the module makes on its own; false when the
+// library refuses it even then.
+bool DiscoverAlone(const fs::path& twain, const fs::path& file, SxDataSource* alone) {
+  std::error_code ec;
+  const fs::path scratch =
+      fs::temp_directory_path(ec) / ("sxscan-doctor-" + std::to_string(std::random_device{}()));
+  const fs::path folder = scratch / "windows/twain_32" / fs::relative(file.parent_path(), twain, ec);
+  fs::create_directories(folder, ec);
+  for (const auto& entry : fs::directory_iterator(file.parent_path(), ec)) {
+    if (!entry.is_regular_file() || (IsModuleName(entry.path()) && entry.path() != file)) continue;
+    fs::copy_file(entry.path(), folder / entry.path().filename(), ec);
+  }
+  std::vector<SxDataSource> listed;
+  {
+    RootOverride root(scratch);
+    SxFree();  // the list of the user's tree goes; the next one is the scratch tree's
+    int32_t result = 0;
+    listed = ListSources(&result);
+    SxFree();
+  }
+  fs::remove_all(scratch, ec);
+  if (listed.size() != 1) return false;
+  *alone = listed[0];
+  return true;
+}
+
+// A module of the maker with a file version that the library does not
+// offer: refused at initialisation, the same scanner as an offered module,
+// or never tried because another module of its folder was accepted first.
+void ExplainUnlisted(const fs::path& twain, const fs::path& file, const std::string& shown,
+                     const std::string& version, const std::vector<SxDataSource>& listed) {
+  if (file.parent_path() != twain) {
+    for (const SxDataSource& s : listed) {
+      if (ModulePath(s).parent_path() != file.parent_path()) continue;
+      std::printf("  %s: version %s, not offered: not tried\n", shown.c_str(), version.c_str());
+      Problem("the library takes one module per folder and accepted " + ModulePath(s).filename().string() +
+                  " there first",
+              "give each driver module a model folder of its own");
+      return;
+    }
+  }
+  SxDataSource alone{};
+  if (!DiscoverAlone(twain, file, &alone)) {
+    std::printf("  %s: version %s, not offered: refused\n", shown.c_str(), version.c_str());
+    Problem("the library loaded it, but an entry point it needs is missing, its initialisation or "
+            "ability query failed, or it reported no model",
+            "connect and power the scanner, or check its files; \"DEBUGLEVEL\" 2 traces the calls");
+    return;
+  }
+  const std::string name = Field(alone.DisplayName, sizeof alone.DisplayName);
+  for (const SxDataSource& s : listed) {
+    if (Field(s.DisplayName, sizeof s.DisplayName) != name) continue;
+    const std::string kept = fs::relative(ModulePath(s), twain).string();
+    std::printf("  %s: version %s, not offered: the same scanner \"%s\" is offered from %s, version %s\n",
+                shown.c_str(), version.c_str(), name.c_str(), kept.c_str(),
+                Field(s.FileVersion, sizeof s.FileVersion).c_str());
+    Problem("a copy of the same scanner with a newer or equal version is offered instead",
+            "remove the copy not offered: rm " + file.string());
+    return;
+  }
+  std::printf("  %s: version %s, not offered with the others, though offered alone as \"%s\"\n",
+              shown.c_str(), version.c_str(), name.c_str());
+  Problem("the scanner answered differently when the whole tree was searched",
+          "search again with \"DEBUGLEVEL\" 2 and read the trace of its calls");
+}
+
 void ReportModule(const fs::path& twain, const fs::path& file, const std::vector<SxDataSource>& listed) {
   const std::string shown = fs::relative(file, twain).string();
   for (const SxDataSource& s : listed) {
-    if (fs::path(Field(s.Directory, sizeof s.Directory)) / Field(s.FileName, sizeof s.FileName) == file) {
+    if (ModulePath(s) == file) {
       std::printf("  %s: offered as \"%s\", version %s\n", shown.c_str(),
                   Field(s.DisplayName, sizeof s.DisplayName).c_str(), Field(s.FileVersion, sizeof s.FileVersion).c_str());
       return;
@@ -229,10 +392,7 @@ void ReportModule(const fs::path& twain, const fs::path& file, const std::vector
     std::printf("  %s: not offered (maker \"%s\")\n", shown.c_str(), company.c_str());
     Problem("its version record names another maker", "remove it from the driver tree; only the maker's drivers are offered");
   } else {
-    std::printf("  %s: version %s, not offered\n", shown.c_str(), version.c_str());
-    Problem("the library loaded it, but its initialisation or model query failed, or a newer copy of "
-            "the same scanner is offered",
-            "connect and power the scanner, or remove the older copy; 'DEBUGLEVEL' 2 traces the calls");
+    ExplainUnlisted(twain, file, shown, version, listed);
   }
 }
 
@@ -241,7 +401,11 @@ void ReportDrivers(const fs::path& root) {
   std::printf("drivers      %s\n", twain.c_str());
   std::error_code ec;
   if (!fs::is_directory(twain, ec)) {
-    Problem("the driver tree does not exist", "install a driver module under " + twain.string() + "/<maker>/<model>/");
+    const fs::path skeleton = InstalledSkeleton();
+    Problem("the driver tree does not exist",
+            skeleton.empty() ? "install a driver module under " + twain.string() + "/<maker>/<model>/"
+                             : "take the default tree's, with the virtual scanner: cp -r " +
+                                   (skeleton / "windows").string() + " " + root.string() + "/");
     return;
   }
   int32_t result = 0;

@@ -19,9 +19,12 @@ struct Report {
   bool Says(const std::string& what) const { return text.find(what) != std::string::npos; }
 };
 
-Report Doctor(const sxtest::TempRoot& root) {
+// `environment` prefixes the command (env(1) arguments or a cd), to run the
+// doctor under another root or from another folder.
+Report Doctor(const sxtest::TempRoot& root, const std::string& environment = "") {
   const fs::path out = root.Path() / "doctor.txt";
-  const int status = std::system(("'" SX_TEST_SXSCAN "' doctor >'" + out.string() + "' 2>&1").c_str());
+  const int status = std::system(
+      (environment + " '" SX_TEST_SXSCAN "' doctor >'" + out.string() + "' 2>&1").c_str());
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, sxtest::ReadFile(out)};
 }
 
@@ -41,19 +44,67 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
   root.InstallVscan("Other/Scanner", "[Scanner]\nModel=QM9\n",
                     sxtest::DefaultVersionText("1, 0, 0, 0", "Other Devices Ltd."), "other.dll");
   root.WriteRegistry("[Software\\Quillmark]\n\"DEBUGLEVEL\"=dword:00000002\n\"SOURCENAME\"=str(2):\"US");
-  Report faults = Doctor(root);
+  // Run from the tree's folder: the traced discovery writes its log there.
+  Report faults = Doctor(root, "cd '" + root.Path().string() + "' &&");
   EXPECT_EQ(faults.exitCode, 1);
   EXPECT_TRUE(faults.Says("Corvane/Empty/empty.dll: not offered\n  problem: it carries no version record"))
       << faults.text;
-  EXPECT_TRUE(faults.Says("Corvane/NoModel/vscan.dll: version 1,0,1,0, not offered\n  problem: the "
-                          "library loaded it, but its initialisation"))
+  EXPECT_TRUE(faults.Says("Corvane/NoModel/vscan.dll: version 1,0,1,0, not offered: refused\n  problem: "
+                          "the library loaded it"))
       << faults.text;
   EXPECT_TRUE(faults.Says("Other/Scanner/other.dll: not offered (maker \"Other Devices Ltd.\")"))
       << faults.text;
   EXPECT_TRUE(faults.Says("1 damaged line(s)")) << faults.text;
-  EXPECT_TRUE(faults.Says("trace level 2, log scandiag.txt in " + (root.Path() / "temp").string()))
+  // Without "SAVEPATH" the log lands in the host program's current folder.
+  EXPECT_TRUE(faults.Says("trace level 2, log " + (root.Path() / "scandiag.txt").string()))
       << faults.text;
   EXPECT_TRUE(faults.Says("4 problem(s) found")) << faults.text;
+}
+
+TEST(HostDoctor, ExplainsTheTraceLogTheRootAndUnofferedCopies) {
+  sxtest::TempRoot root;
+  root.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\n");
+  const std::string folder = root.Path().string();
+
+  // A "SAVEPATH" without its final '/' glues the file name to the folder's.
+  root.WriteRegistry("[Software\\Quillmark]\n\"DEBUGLEVEL\"=dword:00000001\n\"SAVEPATH\"=str(2):\"" +
+                     folder + "/logs\"\n");
+  Report glued = Doctor(root);
+  EXPECT_EQ(glued.exitCode, 1);
+  EXPECT_TRUE(glued.Says("trace level 1, log " + folder + "/logsscandiag.txt\n")) << glued.text;
+  EXPECT_TRUE(glued.Says("fix:     end \"SAVEPATH\" with '/'")) << glued.text;
+  EXPECT_TRUE(glued.Says("1 problem(s) found")) << glued.text;
+
+  // A folder that does not exist loses every line; so does an over-long path.
+  root.WriteRegistry("[Software\\Quillmark]\n\"DEBUGLEVEL\"=dword:00000002\n\"SAVEPATH\"=str(2):\"" +
+                     folder + "/missing/\"\n");
+  Report missing = Doctor(root);
+  EXPECT_TRUE(missing.Says("fix:     mkdir -p " + folder + "/missing\n")) << missing.text;
+  root.WriteRegistry("[Software\\Quillmark]\n\"DEBUGLEVEL\"=dword:00000002\n\"SAVEPATH\"=str(2):\"" +
+                     folder + "/" + std::string(150, 'x') + "/\"\n");
+  EXPECT_TRUE(Doctor(root).Says("longer than 143 characters")) << Doctor(root).text;
+
+  // An older copy of the offered scanner, and a second module in the offered
+  // module's folder, which discovery never tries.
+  root.InstallVscan("Corvane/Old", "[Scanner]\nModel=QM7110V\n", sxtest::DefaultVersionText("1, 0, 0, 5"));
+  root.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\n", sxtest::DefaultVersionText(), "b.dll");
+  root.WriteRegistry("");
+  Report copies = Doctor(root);
+  EXPECT_TRUE(copies.Says("Corvane/Old/vscan.dll: version 1,0,0,5, not offered: the same scanner \"USB - "
+                          "QM7110V"))
+      << copies.text;
+  EXPECT_TRUE(copies.Says("is offered from Corvane/QM7110/")) << copies.text;
+  // Which of the two in one folder is accepted depends on the folder's order.
+  EXPECT_TRUE(copies.Says(".dll: version 1,0,1,0, not offered: not tried\n  problem: the library takes "
+                          "one module per folder"))
+      << copies.text;
+  EXPECT_TRUE(copies.Says("2 problem(s) found")) << copies.text;
+
+  // Without SX_ROOT a relative XDG_DATA_HOME is ignored, as the library does.
+  Report home = Doctor(root, "env -u SX_ROOT XDG_DATA_HOME=relative HOME='" + folder + "/'");
+  EXPECT_TRUE(home.Says("system tree  " + folder + "/.local/share/sxscan (SX_ROOT is not set and "
+                        "XDG_DATA_HOME is relative"))
+      << home.text;
 }
 
 }  // namespace

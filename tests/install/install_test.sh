@@ -26,8 +26,8 @@ libdir=$(cd "$prefix" && ls -d lib/*-linux-gnu | head -n 1)
 
 for f in "$libdir/libsxscan.so.1" "$libdir/libsxscan.so" "$libdir/pkgconfig/sxscan.pc" \
          "$libdir/cmake/sxscan/sxscanConfig.cmake" include/sxscan/sxscan.h include/sxscan/sxsys.h \
-         include/sxscan/sxdriver.h share/sxscan/root/user.reg \
-         share/sxscan/root/windows/twain_32/Corvane/VScan/vscan.dll; do
+         include/sxscan/sxdriver.h "$libdir/sxscan/root/user.reg" \
+         "$libdir/sxscan/root/windows/twain_32/Corvane/VScan/vscan.dll"; do
   [[ -e "$prefix/$f" ]] || fail "missing $f"
 done
 
@@ -51,8 +51,9 @@ awk '/^```c$/ {inside = 1; next} /^```$/ {inside = 0} inside' "$source_dir/READM
 [[ -s "$work/example/example.c" ]] || fail "no C example in the README"
 
 run_example() {
-  local program=$1 root="$work/root-$(basename "$program")"
-  cp -r "$prefix/share/sxscan/root" "$root"
+  local program=$1
+  local root="$work/root-$(basename "$program")"
+  cp -r "$prefix/$libdir/sxscan/root" "$root"
   (cd "$work/example" && SX_ROOT=$root "$program" 2>/dev/null) || fail "$program failed"
   [[ -s "$work/example/page.raw" ]] || fail "$program wrote no page"
   rm -f "$work/example/page.raw"
@@ -79,8 +80,13 @@ run_example "$work/example/build/by-find-package"
 # The installed program finds its library through its relative run path.
 if [[ -x "$prefix/bin/sxscan" ]]; then
   "$prefix/bin/sxscan" --version | grep -q '^sxscan ' || fail "sxscan --version"
-  cp -r "$prefix/share/sxscan/root" "$work/root-program"
+  cp -r "$prefix/$libdir/sxscan/root" "$work/root-program"
   SX_ROOT="$work/root-program" "$prefix/bin/sxscan" sources | grep -q QM7110V || fail "sxscan sources"
+  SX_ROOT="$work/root-program" "$prefix/bin/sxscan" doctor >/dev/null || fail "sxscan doctor on the default tree"
+  # A tree without drivers: the fix names the default tree of the moved prefix.
+  advice=$(SX_ROOT="$work/bare" "$prefix/bin/sxscan" doctor || true)
+  grep -qF "cp -r $prefix/$libdir/sxscan/root/windows $work/bare/" <<<"$advice" ||
+    fail "sxscan doctor does not offer the installed default tree: $advice"
   [[ -e "$prefix/share/man/man1/sxscan.1" ]] || fail "missing the man page"
 fi
 echo "install test: passed ($prefix)"
