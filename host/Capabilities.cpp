@@ -261,16 +261,24 @@ std::string FieldText(const char* field, size_t width) {
 std::string ResultText(int32_t result) {
   switch (result) {
     case SX_OK: return "success";
-    case SX_ERR_DRIVER: return "the driver failed or could not be loaded";
+    case SX_ERR_DRIVER:
+      return "the driver failed or could not be loaded; check that the scanner is connected and on "
+             "('sxscan doctor' explains the set-up)";
     case SX_ERR_CANCELLED: return "cancelled";
-    case SX_ERR_UNSUPPORTED: return "not possible for this capability or scanner";
-    case SX_ERR_NO_COLOR: return "the scanner has no colour (or reported a colour error)";
-    case SX_ERR_NO_MEMORY: return "out of memory";
-    case SX_ERR_NO_SOURCE: return "no data source (choose one with 'sxscan select')";
-    case SX_ERR_NO_PAPER: return "no paper in the feeder";
-    case -22: return "the lamp is not ready";
-    case SX_ERR_NO_ASPI: return "scanner connection error";
-    default: return "scanner error";
+    case -6: return "the scanner could not scan; check that it is connected and ready, then try again";
+    case SX_ERR_UNSUPPORTED:
+      return "not possible with this scanner or these settings; 'sxscan caps' lists what it takes";
+    case SX_ERR_NO_COLOR: return "the scanner has no colour; scan with --mode gray or --mode lineart";
+    case SX_ERR_NO_MEMORY: return "out of memory; scan a smaller area or at a lower resolution";
+    case SX_ERR_NO_SOURCE:
+      return "no data source is chosen; list them with 'sxscan sources' and choose one with 'sxscan select'";
+    case -12: return "the scanner refused these settings; 'sxscan caps' lists what it takes";
+    case SX_ERR_NO_PAPER: return "no paper in the feeder; load paper, or scan from the flatbed (--source flatbed)";
+    case -22: return "the lamp is not ready; wait a moment and try again";
+    case SX_ERR_NO_ASPI: return "the scanner's connection failed; check its cable and power, then try again";
+    default:
+      return "the scanner reported error " + std::to_string(result) +
+             "; check it for a paper jam or an open cover, then try again";
   }
 }
 

@@ -106,6 +106,16 @@ TEST(HostValues, AdmissibleAgainstRangesEnumerationsAndNames) {
   EXPECT_FALSE(Admissible(dither, value, 2, reinterpret_cast<const uint8_t*>(names), sizeof names));
 }
 
+// Every code that can reach the user says what happened and what to do.
+TEST(HostValues, ResultCodesBecomeSentencesWithAFix) {
+  for (int32_t code : {-4, -6, -7, -8, -9, -10, -12, -16, -17, -20, -22, -23, -27, -28, -30, 131, 2003}) {
+    const std::string text = ResultText(code);
+    EXPECT_NE(text.find("; "), std::string::npos) << code << ": " << text;
+  }
+  EXPECT_NE(ResultText(-16).find("no paper"), std::string::npos);
+  EXPECT_NE(ResultText(131).find("error 131"), std::string::npos);
+}
+
 TEST(HostScanPlan, OptionsBecomeOrderedSettings) {
   ScanOptions o{.resolution = 300, .mode = ColorMode::Lineart, .hasArea = true, .area = {1, 2, 10, 20},
                 .units = AreaUnits::Centimetres, .source = ScanSource::Feeder, .pages = kAllPages,
