@@ -100,7 +100,7 @@ constexpr Keyword<AreaUnits> kUnits[] = {{"inches", AreaUnits::Inches},
 
 bool HasImageExtension(const std::string& path) {
   std::string lower = Lower(path);
-  for (const char* ext : {".png", ".tif", ".tiff"}) {
+  for (const char* ext : {".png", ".tif", ".tiff", ".pdf", ".jpg", ".jpeg"}) {
     std::string_view e(ext);
     if (lower.size() > e.size() && lower.compare(lower.size() - e.size(), e.size(), e) == 0)
       return true;
@@ -118,6 +118,12 @@ bool ApplyValueOption(std::string_view name, std::string_view value, ScanOptions
       return false;
     }
     scan->resolution = static_cast<int32_t>(n);
+  } else if (name == "--quality") {
+    if (!ParseInteger(value, 1, 100, &n)) {
+      *error = "--quality wants a JPEG quality, 1 to 100";
+      return false;
+    }
+    scan->quality = static_cast<int>(n);
   } else if (name == "--mode") {
     if (!ParseKeyword(kModes, value, &scan->mode)) {
       *error = "--mode wants color, gray or lineart";
@@ -148,7 +154,7 @@ bool ApplyValueOption(std::string_view name, std::string_view value, ScanOptions
     }
   } else if (name == "--output") {
     if (!HasImageExtension(std::string(value))) {
-      *error = "--output wants a file name ending in .png, .tif or .tiff";
+      *error = "--output wants a file name ending in .png, .tif, .tiff, .pdf, .jpg or .jpeg";
       return false;
     }
     scan->output = std::string(value);
@@ -173,7 +179,7 @@ bool ApplyValueOption(std::string_view name, std::string_view value, ScanOptions
 }
 
 constexpr const char* kValueOptions[] = {"--resolution", "--mode",   "--area",   "--units", "--source",
-                                         "--pages",      "--output", "--buffer", "--set"};
+                                         "--pages",      "--output", "--buffer", "--set", "--quality"};
 
 bool TakesValue(std::string_view name) {
   for (const char* o : kValueOptions)
@@ -364,8 +370,11 @@ std::string UsageText() {
          "  --units inches|cm|pixels    unit of --area (pixels are 1/300 inch)\n"
          "  --source flatbed|feeder|auto\n"
          "  --pages N|all               number of pages to transfer from the feeder\n"
-         "  --output FILE               .png for one page; several pages become a multi-page\n"
-         "                              .tif (a .png name then changes to .tif); default scan.png\n"
+         "  --output FILE               the format follows the name: .png for one page (several\n"
+         "                              pages become a multi-page .tif beside it), .tif, .pdf\n"
+         "                              (every page in one document), .jpg (one file per page:\n"
+         "                              name.jpg, name-2.jpg, ...); default scan.png\n"
+         "  --quality N                 JPEG quality, 1 to 100; default 85\n"
          "  --buffered                  read and process on the library's worker threads\n"
          "  --buffer BYTES              transfer buffer size (default 1048576)\n"
          "  --set NAME=VALUE            any other capability, applied last\n"

@@ -40,6 +40,7 @@ struct ScanOptions {
   ScanSource source = ScanSource::Keep;
   int32_t pages = 0;  // 0: keep the current setting; kAllPages: as many as come
   std::string output = "scan.png";
+  int quality = 85;  // JPEG quality, 1..100
   bool buffered = false;
   uint32_t transferBytes = kDefaultTransferBytes;
   bool progress = false;  // draw the bar even when stderr is not a terminal

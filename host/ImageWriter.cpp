@@ -118,16 +118,13 @@ bool CheckPageFormat(const PageFormat& f, std::string* error) {
   return true;
 }
 
-// The name a file is written under until it is complete: beside the output,
-// hidden, so an interrupted write never leaves a partial file under the
-// output's own name.
 std::string PartialName(const std::string& path) {
   const size_t slash = path.find_last_of('/');
   const size_t name = slash == std::string::npos ? 0 : slash + 1;
   return path.substr(0, name) + "." + path.substr(name) + ".part";
 }
 
-bool Publish(const std::string& partial, const std::string& path, std::string* error) {
+bool PublishPartial(const std::string& partial, const std::string& path, std::string* error) {
   if (std::rename(partial.c_str(), path.c_str()) == 0) return true;
   *error = "cannot write " + path + ": " + std::strerror(errno);
   std::remove(partial.c_str());
@@ -157,7 +154,7 @@ bool WritePng(const std::string& path, const PageImage& page, std::string* error
     std::remove(partial.c_str());
     return false;
   }
-  return Publish(partial, path, error);
+  return PublishPartial(partial, path, error);
 }
 
 TiffWriter::~TiffWriter() {
@@ -236,12 +233,27 @@ bool TiffWriter::Close(std::string* error) {
     std::remove(PartialName(path_).c_str());
     return true;
   }
-  return Publish(PartialName(path_), path_, error);
+  return PublishPartial(PartialName(path_), path_, error);
 }
 
-OutputDocument::OutputDocument(std::string path) : path_(std::move(path)) {
+OutputDocument::OutputDocument(std::string path, int jpegQuality)
+    : path_(std::move(path)), quality_(jpegQuality) {
   tiffNamed_ = HasTiffExtension(path_);
   tiffPath_ = tiffNamed_ ? path_ : std::filesystem::path(path_).replace_extension(".tif").string();
+  std::string ext = std::filesystem::path(path_).extension().string();
+  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  format_ = tiffNamed_ ? Format::Tiff
+            : ext == ".pdf" ? Format::Pdf
+            : (ext == ".jpg" || ext == ".jpeg") ? Format::Jpeg
+                                                : Format::Png;
+}
+
+// The first page takes the name itself, the next ones "<stem>-2.jpg" and on.
+std::string OutputDocument::JpegPath(int page) const {
+  if (page <= 1) return path_;
+  std::filesystem::path p(path_);
+  return (p.parent_path() / (p.stem().string() + "-" + std::to_string(page) + p.extension().string()))
+      .string();
 }
 
 bool OutputDocument::BeginPage(const PageFormat& format) {
@@ -279,7 +291,11 @@ bool OutputDocument::EndPage() {
     return true;
   }
   bool ok = true;
-  if (tiffNamed_ || tiff_.IsOpen()) {
+  if (format_ == Format::Pdf) {
+    ok = pdf_.AppendPage(page, &error_);
+  } else if (format_ == Format::Jpeg) {
+    ok = WriteJpeg(JpegPath(pagesDone_ + 1), page, quality_, &error_);
+  } else if (tiffNamed_ || tiff_.IsOpen()) {
     ok = WriteTiffPage(page);
   } else if (!kept_) {
     kept_ = std::move(page);
@@ -307,6 +323,10 @@ bool OutputDocument::Finish() {
     kept_.reset();
   }
   std::string closeError;
+  if (!pdf_.Close(path_, &closeError) && ok) {
+    error_ = closeError;
+    ok = false;
+  }
   if (!tiff_.Close(&closeError) && ok) {
     error_ = closeError;
     ok = false;
@@ -316,6 +336,8 @@ bool OutputDocument::Finish() {
 
 std::string OutputDocument::WrittenPath() const {
   if (pagesDone_ == 0) return "";
+  if (format_ == Format::Pdf) return path_;
+  if (format_ == Format::Jpeg) return pagesDone_ == 1 ? path_ : path_ + " to " + JpegPath(pagesDone_);
   // A PNG document holds one page; a second one turned it into a TIFF.
   return (tiffNamed_ || pagesDone_ > 1) ? tiffPath_ : path_;
 }

@@ -35,7 +35,34 @@ struct PageImage {
   }
 };
 
+// The name a file is written under until it is complete: a hidden
+// ".<name>.part" beside the output, so an interrupted write never leaves a
+// partial file under the output's own name; PublishPartial renames it.
+std::string PartialName(const std::string& path);
+bool PublishPartial(const std::string& partial, const std::string& path, std::string* error);
+
 bool WritePng(const std::string& path, const PageImage& page, std::string* error);
+// A baseline JPEG of the page (line art becomes gray), at quality 1..100.
+bool WriteJpeg(const std::string& path, const PageImage& page, int quality, std::string* error);
+
+// A PDF document that takes one page after another, each image sized from
+// its resolution; written (compressed) when Close is called.
+class PdfWriter {
+ public:
+  PdfWriter() = default;
+  ~PdfWriter();
+  PdfWriter(const PdfWriter&) = delete;
+  PdfWriter& operator=(const PdfWriter&) = delete;
+
+  bool AppendPage(const PageImage& page, std::string* error);
+  // Writes the document as a hidden ".<name>.part" and renames it to `path`.
+  bool Close(const std::string& path, std::string* error);
+  int Pages() const { return pages_; }
+
+ private:
+  void* doc_ = nullptr;  // HPDF_Doc
+  int pages_ = 0;
+};
 
 // A TIFF file that takes one page after another; each page is complete in the
 // file once AppendPage returns.
@@ -66,7 +93,7 @@ class TiffWriter {
 // (the name with .tif), holding every page, and no PNG is written.
 class OutputDocument {
  public:
-  explicit OutputDocument(std::string path);
+  explicit OutputDocument(std::string path, int jpegQuality = 85);
 
   // Pages larger than this are refused: a page is held in memory until it
   // is complete.
@@ -97,10 +124,16 @@ class OutputDocument {
  private:
   bool WriteTiffPage(const PageImage& page);
 
+  enum class Format { Png, Tiff, Pdf, Jpeg };
+  std::string JpegPath(int page) const;
+
   std::string path_;
   std::string tiffPath_;
   bool tiffNamed_ = false;
+  Format format_ = Format::Png;
+  int quality_ = 85;
   TiffWriter tiff_;
+  PdfWriter pdf_;
   std::optional<PageImage> kept_;
   PageImage current_;
   bool open_ = false;

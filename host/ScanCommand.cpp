@@ -316,7 +316,7 @@ int RunScan(const ScanOptions& options) {
     return kExitFailed;
   }
 
-  OutputDocument document(options.output);
+  OutputDocument document(options.output, options.quality);
   Transfer transfer;
   transfer.document = &document;
   transfer.buffer = buffer.address;

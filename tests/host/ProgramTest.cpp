@@ -111,6 +111,28 @@ TEST(HostProgram, FeederStackBecomesMultiPageTiff) {
   }
 }
 
+// PDF holds every feeder page in one document; JPEG writes one file a page.
+TEST(HostProgram, FeederPagesAsPdfAndJpeg) {
+  sxtest::TempRoot root;
+  Install(root, "QM7110V", 6);
+  ASSERT_EQ(RunProgram(root, "select QM7110V").exitCode, 0);
+  const std::string feeder = "scan --source feeder --pages 3 --resolution 100 --area 0,0,2,1 ";
+  Outcome pdf = RunProgram(root, feeder + "--output stack.pdf");
+  ASSERT_EQ(pdf.exitCode, 0) << pdf.text;
+  const std::string document = sxtest::ReadFile(root.Path() / "stack.pdf");
+  EXPECT_EQ(document.rfind("%PDF-", 0), 0u);
+  EXPECT_NE(document.find("/Count 3"), std::string::npos) << "three pages";
+  EXPECT_FALSE(fs::exists(root.Path() / ".stack.pdf.part"));
+
+  Outcome jpeg = RunProgram(root, feeder + "--mode gray --quality 60 --output page.jpg");
+  ASSERT_EQ(jpeg.exitCode, 0) << jpeg.text;
+  for (const char* name : {"page.jpg", "page-2.jpg", "page-3.jpg"}) {
+    const std::string bytes = sxtest::ReadFile(root.Path() / name);
+    EXPECT_TRUE(bytes.size() > 4 && bytes.compare(0, 2, "\xFF\xD8") == 0) << name;
+  }
+  EXPECT_EQ(RunProgram(root, "scan --quality 0 --output x.jpg").exitCode, 2);
+}
+
 }  // namespace
 }  // namespace sx::host
 

@@ -1,0 +1,183 @@
+// JPEG pages through libjpeg and PDF documents through libharu. Both work on
+// whole delivered pages: line art (1 bit per pixel, 1 = black) is spread to
+// gray for JPEG and kept at 1 bit in PDF.
+#include <hpdf.h>
+
+#include <cstdio>  // jpeglib.h needs FILE declared first
+#include <jpeglib.h>
+
+#include <cerrno>
+#include <csetjmp>
+#include <cstring>
+#include <vector>
+
+#include "ImageWriter.h"
+
+namespace sx::host {
+
+namespace {
+
+constexpr double kPointsPerInch = 72.0;
+constexpr uint32_t kAssumedDpi = 300;  // when the library announced none
+
+// One line as 8-bit samples: line art bits (1 = black) become 0 or 255.
+void GrayLine(const PageFormat& f, const uint8_t* row, std::vector<uint8_t>& out) {
+  out.resize(f.width);
+  for (uint32_t x = 0; x < f.width; ++x) out[x] = (row[x / 8] >> (7 - x % 8)) & 1 ? 0 : 255;
+}
+
+struct JpegFailure {
+  jpeg_error_mgr manager;
+  std::jmp_buf jump;
+  char message[JMSG_LENGTH_MAX];
+};
+
+extern "C" void OnJpegError(j_common_ptr info) {
+  auto* failure = reinterpret_cast<JpegFailure*>(info->err);
+  (*info->err->format_message)(info, failure->message);
+  std::longjmp(failure->jump, 1);
+}
+
+// The encoding itself; false with the library's message on failure. Kept
+// free of objects with destructors, since an error leaves it by longjmp.
+bool EncodeJpeg(std::FILE* file, const PageImage& page, int quality, std::vector<uint8_t>& gray,
+                JpegFailure& failure) {
+  jpeg_compress_struct jpeg;
+  jpeg.err = jpeg_std_error(&failure.manager);
+  failure.manager.error_exit = OnJpegError;
+  if (setjmp(failure.jump)) {
+    jpeg_destroy_compress(&jpeg);
+    return false;
+  }
+  jpeg_create_compress(&jpeg);
+  jpeg_stdio_dest(&jpeg, file);
+  const PageFormat& f = page.format;
+  jpeg.image_width = f.width;
+  jpeg.image_height = page.Lines();
+  jpeg.input_components = f.kind == PixelKind::Rgb ? 3 : 1;
+  jpeg.in_color_space = f.kind == PixelKind::Rgb ? JCS_RGB : JCS_GRAYSCALE;
+  jpeg_set_defaults(&jpeg);
+  jpeg_set_quality(&jpeg, quality, TRUE);
+  jpeg.density_unit = 1;  // dots per inch
+  jpeg.X_density = static_cast<UINT16>(f.xdpi);
+  jpeg.Y_density = static_cast<UINT16>(f.ydpi);
+  jpeg_start_compress(&jpeg, TRUE);
+  for (uint32_t y = 0; y < page.Lines(); ++y) {
+    const uint8_t* row = page.raster.data() + size_t{y} * f.bytesPerLine;
+    JSAMPROW line = const_cast<JSAMPROW>(row);
+    if (f.kind == PixelKind::Lineart) {
+      GrayLine(f, row, gray);
+      line = gray.data();
+    }
+    jpeg_write_scanlines(&jpeg, &line, 1);
+  }
+  jpeg_finish_compress(&jpeg);
+  jpeg_destroy_compress(&jpeg);
+  return true;
+}
+
+// libharu reports through a handler; the writer runs on the host's thread
+// only, so one slot serves.
+HPDF_STATUS g_pdfError = HPDF_OK;
+void OnPdfError(HPDF_STATUS error, HPDF_STATUS, void*) { g_pdfError = error; }
+
+std::string PdfFailure(const char* what) {
+  char code[32];
+  std::snprintf(code, sizeof code, " (libharu error 0x%04X)", static_cast<unsigned>(g_pdfError));
+  return std::string(what) + code;
+}
+
+}  // namespace
+
+bool WriteJpeg(const std::string& path, const PageImage& page, int quality, std::string* error) {
+  if (!CheckPageFormat(page.format, error)) return false;
+  if (page.Lines() == 0) {
+    *error = "the page has no complete line";
+    return false;
+  }
+  const std::string partial = PartialName(path);
+  std::FILE* file = std::fopen(partial.c_str(), "wb");
+  if (!file) {
+    *error = "cannot create " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  std::vector<uint8_t> gray;
+  JpegFailure failure{};
+  bool ok = EncodeJpeg(file, page, quality, gray, failure);
+  if (std::fclose(file) != 0 && ok) {
+    ok = false;
+    std::snprintf(failure.message, sizeof failure.message, "%s", std::strerror(errno));
+  }
+  if (!ok) {
+    *error = "cannot write " + path + ": " + failure.message;
+    std::remove(partial.c_str());
+    return false;
+  }
+  return PublishPartial(partial, path, error);
+}
+
+PdfWriter::~PdfWriter() {
+  if (doc_) HPDF_Free(static_cast<HPDF_Doc>(doc_));
+}
+
+bool PdfWriter::AppendPage(const PageImage& page, std::string* error) {
+  if (!CheckPageFormat(page.format, error)) return false;
+  if (!doc_) {
+    doc_ = HPDF_New(OnPdfError, nullptr);
+    if (!doc_) {
+      *error = "no memory for the PDF document";
+      return false;
+    }
+    HPDF_SetCompressionMode(static_cast<HPDF_Doc>(doc_), HPDF_COMP_ALL);
+  }
+  HPDF_Doc doc = static_cast<HPDF_Doc>(doc_);
+  const PageFormat& f = page.format;
+  g_pdfError = HPDF_OK;
+  std::vector<uint8_t> samples;
+  const uint8_t* raster = page.raster.data();
+  HPDF_ColorSpace space = f.kind == PixelKind::Rgb ? HPDF_CS_DEVICE_RGB : HPDF_CS_DEVICE_GRAY;
+  HPDF_UINT bits = 8;
+  if (f.kind == PixelKind::Lineart) {
+    // PDF's 1-bit gray has 0 for black: the delivered bits, inverted.
+    samples.assign(raster, raster + size_t{page.Lines()} * f.bytesPerLine);
+    for (uint8_t& b : samples) b = static_cast<uint8_t>(~b);
+    raster = samples.data();
+    bits = 1;
+  }
+  HPDF_Image image = HPDF_LoadRawImageFromMem(doc, raster, f.width, page.Lines(), space, bits);
+  HPDF_Page pdfPage = image ? HPDF_AddPage(doc) : nullptr;
+  if (!image || !pdfPage) {
+    *error = PdfFailure("cannot add a page to the PDF document");
+    return false;
+  }
+  const double xdpi = f.xdpi ? f.xdpi : kAssumedDpi, ydpi = f.ydpi ? f.ydpi : kAssumedDpi;
+  const auto width = static_cast<HPDF_REAL>(f.width * kPointsPerInch / xdpi);
+  const auto height = static_cast<HPDF_REAL>(page.Lines() * kPointsPerInch / ydpi);
+  HPDF_Page_SetWidth(pdfPage, width);
+  HPDF_Page_SetHeight(pdfPage, height);
+  HPDF_Page_DrawImage(pdfPage, image, 0, 0, width, height);
+  if (g_pdfError != HPDF_OK) {
+    *error = PdfFailure("cannot draw the page");
+    return false;
+  }
+  ++pages_;
+  return true;
+}
+
+bool PdfWriter::Close(const std::string& path, std::string* error) {
+  if (!doc_) return true;
+  HPDF_Doc doc = static_cast<HPDF_Doc>(doc_);
+  g_pdfError = HPDF_OK;
+  const std::string partial = PartialName(path);
+  const bool saved = pages_ == 0 || HPDF_SaveToFile(doc, partial.c_str()) == HPDF_OK;
+  HPDF_Free(doc);
+  doc_ = nullptr;
+  if (!saved) {
+    *error = PdfFailure(("cannot write " + path).c_str());
+    std::remove(partial.c_str());
+    return false;
+  }
+  return pages_ == 0 || PublishPartial(partial, path, error);
+}
+
+}  // namespace sx::host
