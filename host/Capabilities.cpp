@@ -119,12 +119,24 @@ int64_t ReadInteger(uint16_t type, const uint8_t* bytes) {
   }
 }
 
-std::string JoinItems(uint16_t type, const uint8_t* items, size_t count) {
+// The words for the values of enumerated settings.
+struct ValueNames {
+  uint16_t code;
+  std::array<const char*, 5> names;  // by value; null past the last
+};
+constexpr ValueNames kValueNames[] = {
+    {CAP_PIXELTYPE, {"black and white", "gray", "colour", nullptr, nullptr}},
+    {CAP_SCANTYPE, {"automatic", "feeder", "flatbed", "alternate area 1", "alternate area 2"}},
+    {CAP_FILTER, {"all channels", "red", "green", "blue", nullptr}},
+    {CAP_UNITS, {"inches", "centimetres", "1/300 in", nullptr, nullptr}},
+};
+
+std::string JoinItems(const CapabilityInfo& cap, const uint8_t* items, size_t count) {
   std::string out;
-  size_t step = ValueTypeBytes(type);
+  size_t step = ValueTypeBytes(cap.itemType);
   for (size_t i = 0; i < count; ++i) {
     if (i) out += ", ";
-    out += FormatValue(type, items + i * step);
+    out += NamedValue(cap, FormatValue(cap.itemType, items + i * step));
   }
   return out;
 }
@@ -132,6 +144,16 @@ std::string JoinItems(uint16_t type, const uint8_t* items, size_t count) {
 }  // namespace
 
 std::span<const CapabilityInfo> AllCapabilities() { return kCapabilities; }
+
+std::string NamedValue(const CapabilityInfo& cap, const std::string& formatted) {
+  for (const ValueNames& v : kValueNames) {
+    if (v.code != cap.code) continue;
+    int64_t n = 0;
+    if (!ParseInteger(formatted, 0, static_cast<int64_t>(v.names.size()) - 1, &n) || !v.names[n]) break;
+    return formatted + " (" + v.names[n] + ")";
+  }
+  return formatted;
+}
 
 const CapabilityInfo* FindCapability(std::string_view name) {
   int64_t code = 0;
@@ -232,7 +254,7 @@ std::string DescribeList(const CapabilityInfo& cap, int32_t count, const uint8_t
   if (count > 0) {
     size_t n = static_cast<size_t>(count);
     if (readable == 0) return "unreadable list";
-    std::string out = (n == 1 ? "" : "one of ") + JoinItems(cap.itemType, items, std::min(n, readable));
+    std::string out = (n == 1 ? "" : "one of ") + JoinItems(cap, items, std::min(n, readable));
     if (n > readable) out += " (" + std::to_string(n - readable) + " more not readable)";
     return out;
   }

@@ -39,6 +39,8 @@ struct CapabilityInfo {
 };
 
 std::span<const CapabilityInfo> AllCapabilities();
+// A formatted value with its word for enumerated settings: "2 (colour)".
+std::string NamedValue(const CapabilityInfo& cap, const std::string& formatted);
 // "CAP_XRESOLUTION", "xresolution" (any letter case) or the code "0x9200".
 const CapabilityInfo* FindCapability(std::string_view name);
 

@@ -45,7 +45,7 @@ std::string CurrentValueText(const CapabilityInfo& cap) {
   Value value;
   int32_t result = ReadValue(cap, &value);
   if (result != SX_OK) return "(" + ResultText(result) + ")";
-  std::string text = FormatValue(cap.getType, value.bytes.data());
+  std::string text = NamedValue(cap, FormatValue(cap.getType, value.bytes.data()));
   if (cap.flags & kCapReadIn300ths) text += " (1/300 in)";
   return text;
 }

@@ -60,7 +60,7 @@ TEST(HostProgram, SelectsSourceScansPngAndReportsErrors) {
       << tooFine.text;
   Outcome badType = RunProgram(root, "set pixeltype 7");
   EXPECT_EQ(badType.exitCode, 2);
-  EXPECT_NE(badType.text.find("CAP_PIXELTYPE cannot be 7; the scanner takes one of 0, 1, 2"), std::string::npos)
+  EXPECT_NE(badType.text.find("CAP_PIXELTYPE cannot be 7; the scanner takes one of 0 (black and white), 1 (gray), 2 (colour)"), std::string::npos)
       << badType.text;
 
   // Two inches by one at 100 dpi in grey: 200 pixels (a multiple of the

@@ -77,7 +77,7 @@ TEST(HostValues, DescribeListsByForm) {
   EXPECT_EQ(DescribeList(res, 0, items, 12), "50 to 600 step 1");
   EXPECT_EQ(DescribeList(res, 0, items, 8), "unreadable range");  // block too small
   // A count beyond the items block is never followed.
-  EXPECT_EQ(DescribeList(pixel, 5, items, 12), "one of 50, 600, 1 (2 more not readable)");
+  EXPECT_EQ(DescribeList(pixel, 5, items, 12), "one of 50, 600, 1 (gray) (2 more not readable)");
   EXPECT_EQ(DescribeList(pixel, -3, items, 12), "unreadable list (count -3)");
 }
 
