@@ -102,6 +102,12 @@ int RunSelect(const std::string& name) {
     for (const auto& n : names) std::fprintf(stderr, "  %s\n", n.c_str());
     return kExitFailed;
   }
+  // A store the library cannot read whole is not written over: the choice
+  // would land in it, or in the library's fall-back file, unseen.
+  if (std::string problem; RegistryStoreProblem(&problem)) {
+    std::fprintf(stderr, "sxscan: %s\n", problem.c_str());
+    return kExitFailed;
+  }
   SxDataSource chosen = sources[index];
   result = SxSetDriverById(&chosen, 0);
   if (result != SX_OK) {

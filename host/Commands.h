@@ -20,5 +20,8 @@ int RunGet(const std::vector<std::string>& names);
 int RunSet(const std::vector<std::string>& pairs);
 int RunScan(const ScanOptions& options);
 int RunDoctor();
+// A registry store that cannot be read or holds damaged lines: the message
+// names its path and the first line at fault, with the fix.
+bool RegistryStoreProblem(std::string* message);
 
 }  // namespace sx::host

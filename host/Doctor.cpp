@@ -92,6 +92,8 @@ fs::path Root(std::string& why) {
 struct Store {
   std::map<std::string, std::string> Values;
   int Damaged = 0;
+  int FirstDamagedLine = 0;
+  std::string FirstDamagedText;
 };
 
 // The data forms of a value line: dword:<hex>, "text", str(N):"text",
@@ -121,7 +123,9 @@ Store ReadStore(const fs::path& path) {
   Store store;
   std::ifstream in(path);
   std::string line, key;
+  int number = 0;
   while (std::getline(in, line)) {
+    ++number;
     const std::string t = Trim(line);
     if (t.empty() || t[0] == ';' || t[0] == '#') continue;
     if (t.front() == '[' && t.back() == ']') {
@@ -131,7 +135,10 @@ Store ReadStore(const fs::path& path) {
       const size_t close = t.find("\"=", 1);
       store.Values[key + "|" + Lower(t.substr(1, close - 1))] = t.substr(close + 2);
     } else {
-      ++store.Damaged;
+      if (store.Damaged++ == 0) {
+        store.FirstDamagedLine = number;
+        store.FirstDamagedText = t;
+      }
     }
   }
   return store;
@@ -445,6 +452,24 @@ void ReportSystemModules(const fs::path& root) {
 }
 
 }  // namespace
+
+bool RegistryStoreProblem(std::string* message) {
+  std::string why;
+  const fs::path path = Root(why) / "user.reg";
+  std::error_code ec;
+  if (!fs::exists(path, ec)) return false;
+  if (!std::ifstream(path)) {
+    *message = "the registry store " + path.string() + " cannot be read; give the user read and write "
+               "access (chmod u+rw " + path.string() + ")";
+    return true;
+  }
+  const Store store = ReadStore(path);
+  if (store.Damaged == 0) return false;
+  *message = path.string() + ":" + std::to_string(store.FirstDamagedLine) + ": the registry store has " +
+             std::to_string(store.Damaged) + " line(s) the library does not understand, the first: " +
+             store.FirstDamagedText + "; correct or delete it ('sxscan doctor' checks the store)";
+  return true;
+}
 
 int RunDoctor() {
   LibrarySession session;

@@ -2,7 +2,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
 
+#include "Commands.h"
 #include "sxsys.h"
 
 namespace sx::host {
@@ -29,7 +31,10 @@ std::vector<SxDataSource> ListSources(int32_t* result) {
 bool OpenStoredSource() {
   int32_t result = SxLoad(nullptr);
   if (result == SX_OK) return true;
-  if (result == SX_ERR_NO_SOURCE)
+  std::string problem;
+  if (result == SX_ERR_NO_SOURCE && RegistryStoreProblem(&problem))
+    std::fprintf(stderr, "sxscan: no data source could be read from the store: %s\n", problem.c_str());
+  else if (result == SX_ERR_NO_SOURCE)
     std::fprintf(stderr,
                  "sxscan: no data source is selected, or the selected one is not installed\n"
                  "        list them with 'sxscan sources' and choose one with 'sxscan select NAME'\n");

@@ -111,6 +111,23 @@ TEST(HostProgram, FeederStackBecomesMultiPageTiff) {
   }
 }
 
+// A store with a damaged line is named with the line, and select does not
+// store the choice into it.
+TEST(HostProgram, DamagedStoreIsReportedAndNotWritten) {
+  sxtest::TempRoot root;
+  Install(root, "QM7110V", 0);
+  const std::string damaged = "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7";
+  root.WriteRegistry(damaged);
+  Outcome select = RunProgram(root, "select QM7110V");
+  EXPECT_EQ(select.exitCode, 1);
+  EXPECT_NE(select.text.find("user.reg:3: the registry store has 1 line(s)"), std::string::npos)
+      << select.text;  // line 2 is the library's own write test at load
+  EXPECT_EQ(root.ReadRegistry().find("QM7110V"), std::string::npos) << "the choice is not stored";
+  Outcome info = RunProgram(root, "info");
+  EXPECT_EQ(info.exitCode, 1);
+  EXPECT_NE(info.text.find("no data source could be read from the store"), std::string::npos) << info.text;
+}
+
 // PDF holds every feeder page in one document; JPEG writes one file a page.
 TEST(HostProgram, FeederPagesAsPdfAndJpeg) {
   sxtest::TempRoot root;
