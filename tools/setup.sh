@@ -4,7 +4,8 @@
 set -euo pipefail
 
 PACKAGES=(cmake g++ g++-multilib make binutils googletest libgtest-dev libbenchmark-dev
-          libpng-dev libtiff-dev clang libclang-rt-14-dev pkg-config)
+          libpng-dev libtiff-dev clang libclang-rt-14-dev pkg-config
+          libsane-dev sane-utils)
 
 missing=()
 for package in "${PACKAGES[@]}"; do
