@@ -222,6 +222,8 @@ struct Scanner {
   SxImageInfo page{};
   bool scanning = false, pageOpen = false, nonblocking = false;
   std::atomic<bool> busy{false};
+  SANE_Word gammaRead = 0;  // the option's value as read from the library
+  float gammaValue = 1;
 };
 Scanner* g_open = nullptr;
 
@@ -310,7 +312,8 @@ void BuildOptions(Scanner& s) {
     for (const auto& c : kSources)
       if (c.value == t) {
         s.sourceList.push_back(c.name);
-        if (t == scanType || s.source.empty()) s.source = c.name;
+        // Design note: with no stored source the flatbed is the default.
+        if (t == scanType || s.source.empty() || (t == 2 && scanType == 0)) s.source = c.name;
       }
   s.sourceList.push_back(nullptr);
   Describe(s, kSource, SANE_NAME_SCAN_SOURCE, SANE_TITLE_SCAN_SOURCE, SANE_DESC_SCAN_SOURCE, SANE_TYPE_STRING,
@@ -377,7 +380,8 @@ void BuildOptions(Scanner& s) {
   Describe(s, kGamma, "gamma", "Gamma", "Gamma of the tone curve.", SANE_TYPE_FIXED, SANE_UNIT_NONE, adv);
   float gamma = 1;
   g_api.getValue(CAP_GAMMA, TY_FLOAT32, &gamma);
-  s.value[kGamma] = SANE_FIX(gamma);
+  s.value[kGamma] = s.gammaRead = SANE_FIX(gamma);
+  s.gammaValue = gamma;
   Describe(s, kBuffered, "buffered", "Buffered transfer",
            "Read and process on the library's own threads over a ring of buffers.", SANE_TYPE_BOOL,
            SANE_UNIT_NONE, adv);
@@ -411,7 +415,9 @@ int32_t ApplySettings(Scanner& s) {
   if (!r) r = SetInt(CAP_DESCREEN, s.value[kDescreen]);
   if (!r) r = SetInt(CAP_SHARPEN, s.value[kSharpen]);
   if (!r && !(s.desc[kColorMatch].cap & SANE_CAP_INACTIVE)) r = SetInt(CAP_COLORMATCH, s.value[kColorMatch]);
-  float gamma = static_cast<float>(SANE_UNFIX(s.value[kGamma]));
+  // An unchanged option keeps the library's exact value, which the fixed
+  // point form would round.
+  float gamma = s.value[kGamma] == s.gammaRead ? s.gammaValue : static_cast<float>(SANE_UNFIX(s.value[kGamma]));
   if (!r) r = SetReal(CAP_GAMMA, gamma);
   if (!r) r = SetInt(CAP_BUFFERING, s.value[kBuffered] ? 1 : 0);
   return r;
