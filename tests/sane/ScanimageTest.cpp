@@ -53,7 +53,7 @@ class Scanimage : public ::testing::Test {
                status);
   }
   // The raster of one page from SxAcquire directly.
-  std::vector<uint8_t> Acquire(int pixelType, int bits, int dpi, float width, float length) {
+  std::vector<uint8_t> Acquire(int pixelType, int bits, int dpi, float width, float length, bool buffered) {
     Library lib;
     EXPECT_TRUE(lib.Loaded());
     SxDataSource src{};
@@ -71,6 +71,7 @@ class Scanimage : public ::testing::Test {
     real(CAP_YPOSITION, 0);
     real(CAP_IMAGEWIDTH, width);
     real(CAP_IMAGELENGTH, length);
+    set(CAP_BUFFERING, buffered ? 1 : 0);
     void* h = lib.GlobalAlloc(SX_GHND, 1 << 20);
     void* buf = lib.GlobalLock(h);
     g_page.clear();
@@ -137,17 +138,18 @@ TEST_F(Scanimage, RasterEqualsTheLibrarysDeliveryAtSeveralModes) {
   struct Case {
     const char* mode;
     int pixelType, bits, dpi;
-  } cases[] = {{"Gray", 1, 8, 75}, {"Color", 2, 24, 50}, {"Lineart", 0, 1, 100}};
+    bool buffered;
+  } cases[] = {{"Gray", 1, 8, 75, false}, {"Color", 2, 24, 50, false}, {"Lineart", 0, 1, 100, false}};
   for (const auto& c : cases) {
     int status = 0;
     // 50.8 mm by 25.4 mm: 600 by 300 pixels at 300 dots per inch.
     std::string pnm = Scan(std::string("--format=pnm -l 0 -t 0 -x 50.8 -y 25.4 --mode ") + c.mode +
-                               " --resolution " + std::to_string(c.dpi),
+                               " --resolution " + std::to_string(c.dpi) + (c.buffered ? " --buffered=yes" : ""),
                            &status);
     ASSERT_EQ(status, 0) << c.mode;
     int w = 0, h = 0;
     std::vector<uint8_t> pixels = PnmPixels(pnm, &w, &h);
-    std::vector<uint8_t> expected = Acquire(c.pixelType, c.bits, c.dpi, 600, 300);
+    std::vector<uint8_t> expected = Acquire(c.pixelType, c.bits, c.dpi, 600, 300, c.buffered);
     EXPECT_EQ(h, 300 * c.dpi / 300) << c.mode;
     EXPECT_EQ(pixels.size(), expected.size()) << c.mode;
     EXPECT_TRUE(pixels == expected) << c.mode;
