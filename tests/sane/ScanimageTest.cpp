@@ -1,0 +1,195 @@
+// The SANE backend driven by the real scanimage over a virtual scanner; the
+// raster it writes is compared with what SxAcquire delivers for the same
+// settings.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/TestEnv.h"
+
+namespace {
+using namespace sxtest;
+
+#ifdef SX_TEST_SANE_DIR
+const std::string kBackendDir = SX_TEST_SANE_DIR;
+#else
+const std::string kBackendDir;
+#endif
+const char* kDevice = "sxscan:USB - QM7110V             1.00";
+
+std::string RunShell(const std::string& command, int* status) {
+  std::string out;
+  FILE* p = popen(command.c_str(), "r");
+  if (!p) return out;
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+  *status = pclose(p);
+  return out;
+}
+
+bool HaveScanimage() { return std::system("command -v scanimage >/dev/null 2>&1") == 0; }
+
+class Scanimage : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (kBackendDir.empty() || !HaveScanimage()) GTEST_SKIP() << "scanimage or the SANE headers are absent";
+    root_.InstallVscan("Corvane/VScan", "[Feeder]\nSheets=3\n");
+    fs::create_directories(root_.Path() / "conf");
+    WriteFile(root_.Path() / "conf/dll.conf", "sxscan\n");
+    WriteFile(root_.Path() / "conf/sxscan.conf",
+              "root " + root_.Path().string() + "\nlibrary " SX_TEST_LIBSXSCAN "\n");
+    env_ = "SANE_CONFIG_DIR='" + (root_.Path() / "conf").string() + "' LD_LIBRARY_PATH='" + kBackendDir + "' ";
+  }
+  std::string Scan(const std::string& args, int* status) {
+    return RunShell("cd '" + root_.Path().string() + "' && " + env_ + "timeout 60 scanimage -d '" + kDevice + "' " +
+                   args + " 2>/dev/null",
+               status);
+  }
+  // The raster of one page from SxAcquire directly.
+  std::vector<uint8_t> Acquire(int pixelType, int bits, int dpi, float width, float length, bool buffered) {
+    Library lib;
+    EXPECT_TRUE(lib.Loaded());
+    SxDataSource src{};
+    EXPECT_EQ(lib.GetDS(SX_DS_FIRST, &src), 0);
+    EXPECT_EQ(lib.SetDriverById(&src, 0), 0);
+    auto set = [&](uint32_t cap, int32_t v) { EXPECT_EQ(lib.SetValue(cap, TY_INT32, &v), 0) << cap; };
+    auto real = [&](uint32_t cap, float v) { EXPECT_EQ(lib.SetValue(cap, TY_FLOAT32, &v), 0) << cap; };
+    set(CAP_UNITS, 2);
+    set(CAP_SCANTYPE, 2);
+    set(CAP_PIXELTYPE, pixelType);
+    set(CAP_BITSPERPIXEL, bits);
+    set(CAP_XRESOLUTION, dpi);
+    set(CAP_YRESOLUTION, dpi);
+    real(CAP_XPOSITION, 0);
+    real(CAP_YPOSITION, 0);
+    real(CAP_IMAGEWIDTH, width);
+    real(CAP_IMAGELENGTH, length);
+    set(CAP_BUFFERING, buffered ? 1 : 0);
+    void* h = lib.GlobalAlloc(SX_GHND, 1 << 20);
+    void* buf = lib.GlobalLock(h);
+    g_page.clear();
+    EXPECT_EQ(lib.Acquire(&Collect, buf), 0);
+    lib.GlobalUnlock(h);
+    lib.GlobalFree(h);
+    lib.Free();
+    return g_page;
+  }
+  static int32_t SX_API Collect(void* data, int64_t* count, int32_t code) {
+    if (code == SX_XFER_IMAGE_INFO) {
+      *count = 1 << 20;
+    } else if (data && count) {
+      auto* p = static_cast<uint8_t*>(data);
+      g_page.insert(g_page.end(), p, p + *count);
+    }
+    return 0;
+  }
+  static std::vector<uint8_t> g_page;
+  TempRoot root_;
+  std::string env_;
+};
+std::vector<uint8_t> Scanimage::g_page;
+
+// The pixel bytes of a binary PNM (header of three or four fields).
+std::vector<uint8_t> PnmPixels(const std::string& pnm, int* width, int* height) {
+  size_t pos = 0;
+  std::vector<std::string> fields;
+  bool bitmap = pnm.compare(0, 2, "P4") == 0;
+  size_t wanted = bitmap ? 3 : 4;
+  while (fields.size() < wanted && pos < pnm.size()) {
+    if (pnm[pos] == '#') {
+      pos = pnm.find('\n', pos);
+      continue;
+    }
+    if (std::isspace(static_cast<unsigned char>(pnm[pos]))) {
+      ++pos;
+      continue;
+    }
+    size_t end = pos;
+    while (end < pnm.size() && !std::isspace(static_cast<unsigned char>(pnm[end]))) ++end;
+    fields.push_back(pnm.substr(pos, end - pos));
+    pos = end;
+  }
+  *width = std::stoi(fields.at(1));
+  *height = std::stoi(fields.at(2));
+  return std::vector<uint8_t>(pnm.begin() + static_cast<long>(pos) + 1, pnm.end());
+}
+
+TEST_F(Scanimage, ListsTheSourceAndItsOptions) {
+  int status = 0;
+  std::string list = RunShell(env_ + "timeout 30 scanimage -L", &status);
+  EXPECT_NE(list.find(std::string("`") + kDevice + "' is a CORVANE"), std::string::npos) << list;
+  EXPECT_NE(list.find("flatbed scanner"), std::string::npos);
+  std::string options = Scan("-A", &status);
+  EXPECT_EQ(status, 0);
+  for (const char* text : {"--mode Lineart|Gray|Color", "--source ADF|Flatbed", "--resolution 50..600dpi",
+                           "-x 0..215.9mm", "--source ADF|Flatbed|Alternate area [Flatbed]", "-y 0..297", "--brightness -1000..1000 (in steps of 10)",
+                           "--descreen 0|1|2|3", "--sharpen 0|1|2|3|4"})
+    EXPECT_NE(options.find(text), std::string::npos) << text << "\n" << options;
+}
+
+TEST_F(Scanimage, RasterEqualsTheLibrarysDeliveryAtSeveralModes) {
+  struct Case {
+    const char* mode;
+    int pixelType, bits, dpi;
+    bool buffered;
+  } cases[] = {{"Gray", 1, 8, 75, false}, {"Color", 2, 24, 50, false}, {"Lineart", 0, 1, 100, false}};
+  for (const auto& c : cases) {
+    int status = 0;
+    // 50.8 mm by 25.4 mm: 600 by 300 pixels at 300 dots per inch.
+    std::string pnm = Scan(std::string("--format=pnm -l 0 -t 0 -x 50.8 -y 25.4 --mode ") + c.mode +
+                               " --resolution " + std::to_string(c.dpi) + (c.buffered ? " --buffered=yes" : ""),
+                           &status);
+    ASSERT_EQ(status, 0) << c.mode;
+    int w = 0, h = 0;
+    std::vector<uint8_t> pixels = PnmPixels(pnm, &w, &h);
+    std::vector<uint8_t> expected = Acquire(c.pixelType, c.bits, c.dpi, 600, 300, c.buffered);
+    EXPECT_EQ(h, 300 * c.dpi / 300) << c.mode;
+    EXPECT_EQ(pixels.size(), expected.size()) << c.mode;
+    EXPECT_TRUE(pixels == expected) << c.mode;
+  }
+}
+
+TEST_F(Scanimage, FeederBatchWritesEveryPageAndEndsCleanly) {
+  int status = 0;
+  Scan("--source ADF --mode Gray --resolution 50 -x 50.8 -y 25.4 --format=pnm --batch=page%d.pnm", &status);
+  EXPECT_EQ(status, 0);
+  for (int i = 1; i <= 3; ++i) EXPECT_TRUE(fs::exists(root_.Path() / ("page" + std::to_string(i) + ".pnm"))) << i;
+  EXPECT_FALSE(fs::exists(root_.Path() / "page4.pnm"));
+}
+
+TEST_F(Scanimage, InterruptMidPageEndsScanimage) {
+  std::string cmd = "cd '" + root_.Path().string() + "' && " + env_ +
+                    "exec scanimage -d '" + kDevice + "' --mode Color --resolution 600 --format=pnm >big.pnm 2>/dev/null";
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  // Wait until the page has begun arriving.
+  for (int i = 0; i < 200 && (!fs::exists(root_.Path() / "big.pnm") || fs::file_size(root_.Path() / "big.pnm") < 100000); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  kill(pid, SIGINT);
+  int status = 0;
+  bool ended = false;
+  for (int i = 0; i < 250 && !ended; ++i) {
+    ended = waitpid(pid, &status, WNOHANG) == pid;
+    if (!ended) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  if (!ended) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+  }
+  EXPECT_TRUE(ended) << "scanimage did not end after SIGINT";
+  // A full page is 2550 x 3300 x 3 bytes; an interrupted one is shorter.
+  EXPECT_LT(fs::file_size(root_.Path() / "big.pnm"), 2550u * 3300u * 3u);
+}
+
+}  // namespace
