@@ -178,9 +178,15 @@ std::vector<SxDataSource> ListSources() {
   return out;
 }
 
-// Binds the named source; SxFree first, so the choice takes effect at once.
+// Binds the named source. The library is freed and mapped afresh first: the
+// choice takes effect at once, and the worker threads of buffered transfers,
+// which the library makes when it is mapped and ends with SxFree, are there
+// again.
 int32_t BindSource(const SxDataSource& wanted) {
   g_api.free();
+  dlclose(g_api.handle);
+  g_api.handle = nullptr;
+  if (!LoadLibrary()) return SX_ERR_DRIVER;
   ListSources();  // builds the list SxSetDriverById looks in
   SxDataSource copy = wanted;
   return g_api.setDriver(&copy, 0);

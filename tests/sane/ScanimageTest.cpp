@@ -139,7 +139,8 @@ TEST_F(Scanimage, RasterEqualsTheLibrarysDeliveryAtSeveralModes) {
     const char* mode;
     int pixelType, bits, dpi;
     bool buffered;
-  } cases[] = {{"Gray", 1, 8, 75, false}, {"Color", 2, 24, 50, false}, {"Lineart", 0, 1, 100, false}};
+  } cases[] = {{"Gray", 1, 8, 75, false}, {"Color", 2, 24, 50, false}, {"Lineart", 0, 1, 100, false},
+               {"Color", 2, 24, 75, true}};
   for (const auto& c : cases) {
     int status = 0;
     // 50.8 mm by 25.4 mm: 600 by 300 pixels at 300 dots per inch.
