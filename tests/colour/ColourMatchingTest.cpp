@@ -141,6 +141,11 @@ TEST_F(ColourMatching, OfferedOnlyWithAModuleAndAUsableProfile) {
   EXPECT_EQ(Offered(), 1) << "a grey profile cannot convert colour lines";
   ASSERT_TRUE(sx::cmms::SaveProfile(sx::cmms::CreateScannerProfile(), (color_ / "scanner.icc").string()));
   EXPECT_EQ(Offered(), 2);
+  // A module without the entry points: as if there were none.
+  fs::copy_file(SX_TEST_EMPTY_DLL, root_.Path() / "windows/system32/sxcmms.dll",
+                fs::copy_options::overwrite_existing);
+  Load(Gammas("1.0"));
+  EXPECT_EQ(Offered(), 1) << "a module without SX_Icc_SetProfile";
   fs::remove(root_.Path() / "windows/system32/sxcmms.dll");
   Load(Gammas("1.0"));
   EXPECT_EQ(Offered(), 1) << "no module";
