@@ -142,8 +142,9 @@ TEST_F(ColourMatching, OfferedOnlyWithAModuleAndAUsableProfile) {
   ASSERT_TRUE(sx::cmms::SaveProfile(sx::cmms::CreateScannerProfile(), (color_ / "scanner.icc").string()));
   EXPECT_EQ(Offered(), 2);
   // A module without the entry points: as if there were none.
-  fs::copy_file(SX_TEST_EMPTY_DLL, root_.Path() / "windows/system32/sxcmms.dll",
-                fs::copy_options::overwrite_existing);
+  // (A new file, not the loaded one written over: that would change a mapped module.)
+  fs::remove(root_.Path() / "windows/system32/sxcmms.dll");
+  fs::copy_file(SX_TEST_EMPTY_DLL, root_.Path() / "windows/system32/sxcmms.dll");
   Load(Gammas("1.0"));
   EXPECT_EQ(Offered(), 1) << "a module without SX_Icc_SetProfile";
   fs::remove(root_.Path() / "windows/system32/sxcmms.dll");
