@@ -316,6 +316,7 @@ void ApplyIni(Config& c, const std::string& text, const std::string& folder) {
   ReadNumber(ini, "Page", "WarmUpRefusals", c.WarmUpRefusals);
   ReadNumber(ini, "Page", "WarmUpStatus", c.WarmUpStatus);
   ReadNumber(ini, "Page", "WarmUpPolls", c.WarmUpPolls);
+  ReadNumber(ini, "Page", "ReadDelayMs", c.ReadDelayMs);
   ApplyFaults(c, ini);
   if (const std::string* s = Find(ini, "Log", "File")) c.LogPath = Resolve(*s, folder);
 }

@@ -51,6 +51,7 @@ struct Config {
   uint32_t WarmUpRefusals = 0;
   uint32_t WarmUpStatus = kStatusWarmingUp;
   uint32_t WarmUpPolls = 0;  // 0: only the refusals warm the lamp
+  uint32_t ReadDelayMs = 0;  // the scanner's speed: a pause in every read
   std::array<Fault, kEntryCount> Faults{};
   uint32_t ShortReadAtLine = 0;
   uint32_t FailReadAtLine = 0;

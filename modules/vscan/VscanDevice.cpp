@@ -1,9 +1,11 @@
 #include "modules/vscan/VscanDevice.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 namespace sx::vscan {
 
@@ -155,6 +157,9 @@ void Deliver(Device& d, uint8_t* out, uint64_t count) {
 int32_t ReadPage(Device& d, uint8_t* buffer, uint32_t want, uint32_t& got, std::string& extra) {
   got = 0;
   if (!d.PageActive) return Fail(d, kStatusNotReady, extra, "NoPage");
+  // A real scanner delivers at its own pace; reading and processing can then
+  // be seen to overlap in a buffered transfer.
+  if (d.Cfg.ReadDelayMs) std::this_thread::sleep_for(std::chrono::milliseconds(d.Cfg.ReadDelayMs));
   if (!buffer && want) return Fail(d, d.Cfg.ParameterStatus, extra, "NoBuffer");
   const uint64_t bpl = d.Renderer.BytesPerLine;
   const uint64_t total = uint64_t{d.PageLines} * bpl;
