@@ -95,25 +95,13 @@ bool WriteJpeg(const std::string& path, const PageImage& page, int quality, std:
     *error = "the page has no complete line";
     return false;
   }
-  const std::string partial = PartialName(path);
-  std::FILE* file = std::fopen(partial.c_str(), "wb");
-  if (!file) {
-    *error = "cannot create " + path + ": " + std::strerror(errno);
+  return WriteThroughPartial(path, error, [&](std::FILE* file, std::string* why) {
+    std::vector<uint8_t> gray;
+    JpegFailure failure{};
+    if (EncodeJpeg(file, page, quality, gray, failure)) return true;
+    *why = failure.message;
     return false;
-  }
-  std::vector<uint8_t> gray;
-  JpegFailure failure{};
-  bool ok = EncodeJpeg(file, page, quality, gray, failure);
-  if (std::fclose(file) != 0 && ok) {
-    ok = false;
-    std::snprintf(failure.message, sizeof failure.message, "%s", std::strerror(errno));
-  }
-  if (!ok) {
-    *error = "cannot write " + path + ": " + failure.message;
-    std::remove(partial.c_str());
-    return false;
-  }
-  return PublishPartial(partial, path, error);
+  });
 }
 
 PdfWriter::~PdfWriter() {

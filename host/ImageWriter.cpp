@@ -131,30 +131,40 @@ bool PublishPartial(const std::string& partial, const std::string& path, std::st
   return false;
 }
 
-bool WritePng(const std::string& path, const PageImage& page, std::string* error) {
-  if (!CheckPageFormat(page.format, error)) return false;
-  if (page.Lines() == 0) {
-    *error = "the page has no complete line";
-    return false;
-  }
+bool WriteThroughPartial(const std::string& path, std::string* error,
+                         const std::function<bool(std::FILE*, std::string*)>& encode) {
   const std::string partial = PartialName(path);
   std::FILE* file = std::fopen(partial.c_str(), "wb");
   if (!file) {
     *error = "cannot create " + path + ": " + std::strerror(errno);
     return false;
   }
-  PngErrorState state;
-  bool ok = WritePngStream(file, page, &state);
+  std::string why;
+  bool ok = encode(file, &why);
   if (std::fclose(file) != 0 && ok) {
     ok = false;
-    std::snprintf(state.message, sizeof state.message, "%s", std::strerror(errno));
+    why = std::strerror(errno);
   }
   if (!ok) {
-    *error = "cannot write " + path + ": " + (state.message[0] ? state.message : "out of memory");
+    *error = "cannot write " + path + ": " + why;
     std::remove(partial.c_str());
     return false;
   }
   return PublishPartial(partial, path, error);
+}
+
+bool WritePng(const std::string& path, const PageImage& page, std::string* error) {
+  if (!CheckPageFormat(page.format, error)) return false;
+  if (page.Lines() == 0) {
+    *error = "the page has no complete line";
+    return false;
+  }
+  return WriteThroughPartial(path, error, [&](std::FILE* file, std::string* why) {
+    PngErrorState state;
+    if (WritePngStream(file, page, &state)) return true;
+    *why = state.message[0] ? state.message : "out of memory";
+    return false;
+  });
 }
 
 TiffWriter::~TiffWriter() {

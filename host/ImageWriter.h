@@ -6,6 +6,8 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,6 +42,11 @@ struct PageImage {
 // partial file under the output's own name; PublishPartial renames it.
 std::string PartialName(const std::string& path);
 bool PublishPartial(const std::string& partial, const std::string& path, std::string* error);
+// Opens the partial file, lets `encode` write it (false with a message on
+// failure), closes it and gives it the output's name; on any failure the
+// partial file is removed and `error` says why.
+bool WriteThroughPartial(const std::string& path, std::string* error,
+                         const std::function<bool(std::FILE*, std::string*)>& encode);
 
 bool WritePng(const std::string& path, const PageImage& page, std::string* error);
 // A baseline JPEG of the page (line art becomes gray), at quality 1..100.
