@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "sxdriver.h"
 #include "sxscan.h"
 #include "sxsys.h"
@@ -31,15 +32,8 @@ constexpr int64_t kPageBytes = kLineBytes * kLines;
 constexpr int64_t kHostBuffer = 1 << 20;
 constexpr int64_t kBlockLines = kHostBuffer / kLineBytes;  // 137
 
-void WriteText(const fs::path& path, const std::string& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-template <typename T>
-T Resolve(void* module, const char* name) {
-  return reinterpret_cast<T>(dlsym(module, name));
-}
+using sxbench::Resolve;
+using sxbench::WriteText;
 
 // A temporary root with one virtual scanner for the library and a second
 // copy of the module for the raw reads (a separate file, so a separate
@@ -55,21 +49,13 @@ struct Setup {
 
   Setup() {
     Root = fs::temp_directory_path() / ("sxbench-" + std::to_string(::getpid()));
-    const fs::path folder = Root / "windows" / "twain_32" / "Corvane" / "QM7110";
-    fs::create_directories(folder);
-    fs::copy_file(SX_BENCH_VSCAN, folder / "vscan.dll", fs::copy_options::overwrite_existing);
-    WriteText(folder / "vscan.ini", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n");
+    sxbench::InstallScanner(Root, "",
+                            "\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:00000002\n"
+                            "\"XRESOLUTION\"=dword:0000012c\n\"YRESOLUTION\"=dword:0000012c\n"
+                            "\"IMAGEWIDTH\"=str(2):\"2550\"\n\"IMAGELENGTH\"=str(2):\"3508\"\n");
     RawModule = Root / "raw" / "vscan.dll";
     fs::create_directories(RawModule.parent_path());
     fs::copy_file(SX_BENCH_VSCAN, RawModule, fs::copy_options::overwrite_existing);
-    const std::string model = "QM7110V";
-    WriteText(Root / "user.reg",
-              "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - " + model +
-                  std::string(20 - model.size(), ' ') +
-                  "1.00\"\n[Software\\Quillmark\\ScanData]\n\"PIXELTYPE\"=dword:00000002\n"
-                  "\"SCANTYPE\"=dword:00000002\n\"XRESOLUTION\"=dword:0000012c\n"
-                  "\"YRESOLUTION\"=dword:0000012c\n\"IMAGEWIDTH\"=str(2):\"2550\"\n"
-                  "\"IMAGELENGTH\"=str(2):\"3508\"\n");
     ::setenv("SX_ROOT", Root.c_str(), 1);
 
     Library = dlopen(SX_BENCH_LIBSXSCAN, RTLD_NOW | RTLD_LOCAL);

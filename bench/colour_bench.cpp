@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "modules/cmms/Profiles.h"
 #include "sxscan.h"
 #include "sxsys.h"
@@ -27,15 +28,8 @@ constexpr int32_t kLines = 3508;
 constexpr int64_t kPageBytes = int64_t{3} * kPixels * kLines;
 constexpr int64_t kHostBuffer = 1 << 20;
 
-void WriteText(const fs::path& path, const std::string& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-template <typename T>
-T Resolve(void* module, const char* name) {
-  return reinterpret_cast<T>(dlsym(module, name));
-}
+using sxbench::Resolve;
+using sxbench::WriteText;
 
 struct Setup {
   fs::path Root;
@@ -48,21 +42,15 @@ struct Setup {
 
   Setup() {
     Root = fs::temp_directory_path() / ("sxcolourbench-" + std::to_string(::getpid()));
-    const fs::path folder = Root / "windows/twain_32/Corvane/QM7110";
+    const fs::path folder = sxbench::InstallScanner(
+        Root, "", "\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:00000002\n"
+                  "\"XRESOLUTION\"=dword:0000012c\n\"YRESOLUTION\"=dword:0000012c\n"
+                  "\"IMAGEWIDTH\"=str(2):\"2550\"\n\"IMAGELENGTH\"=str(2):\"3508\"\n");
     const fs::path color = Root / "windows/system32/SPOOL/DRIVERS/COLOR";
-    fs::create_directories(folder);
     fs::create_directories(color);
-    fs::copy_file(SX_BENCH_VSCAN, folder / "vscan.dll", fs::copy_options::overwrite_existing);
     fs::copy_file(SX_BENCH_CMMS, Root / "windows/system32/sxcmms.dll", fs::copy_options::overwrite_existing);
-    WriteText(folder / "vscan.ini", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n");
     WriteText(folder / "cmatch.ini", "[Model]\nQM7110V=scanner.icc\n");
     sx::cmms::SaveProfile(sx::cmms::CreateScannerProfile(), (color / "scanner.icc").string());
-    WriteText(Root / "user.reg",
-              "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" + std::string(13, ' ') +
-                  "1.00\"\n[Software\\Quillmark\\ScanData]\n\"PIXELTYPE\"=dword:00000002\n"
-                  "\"SCANTYPE\"=dword:00000002\n\"XRESOLUTION\"=dword:0000012c\n"
-                  "\"YRESOLUTION\"=dword:0000012c\n\"IMAGEWIDTH\"=str(2):\"2550\"\n"
-                  "\"IMAGELENGTH\"=str(2):\"3508\"\n");
     ::setenv("SX_ROOT", Root.c_str(), 1);
     Library = dlopen(SX_BENCH_LIBSXSCAN, RTLD_NOW | RTLD_LOCAL);
     if (!Library) return;

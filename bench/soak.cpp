@@ -21,6 +21,7 @@
 #include <fstream>
 #include <string>
 
+#include "BenchSupport.h"
 #include "sxscan.h"
 #include "sxsys.h"
 
@@ -34,6 +35,7 @@ constexpr long kRssSlackKiB = 2048;
 constexpr size_t kHostBuffer = 1 << 20;
 constexpr int32_t kResolutions[] = {75, 150, 300};
 constexpr int32_t kPixelTypes[] = {0, 1, 2};  // line art, grey, colour
+constexpr int32_t kBitsOfType[] = {1, 8, 24};
 constexpr int32_t kFlatbed = 2, kFeeder = 1;
 
 struct Figures {
@@ -59,15 +61,7 @@ int OpenDescriptors() {
   return count;
 }
 
-void WriteText(const fs::path& path, const std::string& text) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-template <typename T>
-T Resolve(void* module, const char* name) {
-  return reinterpret_cast<T>(dlsym(module, name));
-}
+using sxbench::Resolve;
 
 struct Api {
   decltype(&::SxLoad) Load = nullptr;
@@ -113,12 +107,14 @@ bool Configure(int i) {
   uint8_t buffering = i % 2;
   int32_t source = (i / 2) % 2 ? kFeeder : kFlatbed;
   int32_t pixelType = kPixelTypes[(i / 4) % 3];
+  int32_t bits = kBitsOfType[(i / 4) % 3];
   int32_t dpi = kResolutions[(i / 12) % 3];
   int32_t descreen = (i / 36) % 2;
   int32_t sharpen = (i / 72) % 2;
   return gApi.SetValue(CAP_BUFFERING, TY_UINT8, &buffering) == 0 &&
          gApi.SetValue(CAP_SCANTYPE, TY_INT32, &source) == 0 &&
          gApi.SetValue(CAP_PIXELTYPE, TY_INT32, &pixelType) == 0 &&
+         gApi.SetValue(CAP_BITSPERPIXEL, TY_INT32, &bits) == 0 &&
          gApi.SetValue(CAP_XRESOLUTION, TY_INT32, &dpi) == 0 &&
          gApi.SetValue(CAP_YRESOLUTION, TY_INT32, &dpi) == 0 &&
          gApi.SetValue(CAP_DESCREEN, TY_INT32, &descreen) == 0 &&
@@ -127,15 +123,9 @@ bool Configure(int i) {
 
 fs::path MakeRoot() {
   const fs::path root = fs::temp_directory_path() / ("sxsoak-" + std::to_string(::getpid()));
-  const fs::path folder = root / "windows" / "twain_32" / "Corvane" / "QM7110";
-  fs::create_directories(folder);
-  fs::copy_file(SX_BENCH_VSCAN, folder / "vscan.dll", fs::copy_options::overwrite_existing);
-  WriteText(folder / "vscan.ini",
-            "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n[Feeder]\nSheets=1000000\n");
-  WriteText(root / "user.reg",
-            "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" + std::string(13, ' ') +
-                "1.00\"\n[Software\\Quillmark\\ScanData]\n\"XFERCOUNT\"=str(2):\"2\"\n"
-                "\"IMAGEWIDTH\"=str(2):\"600\"\n\"IMAGELENGTH\"=str(2):\"300\"\n");
+  sxbench::InstallScanner(root, "[Feeder]\nSheets=1000000\n",
+                          "\"XFERCOUNT\"=str(2):\"2\"\n\"IMAGEWIDTH\"=str(2):\"600\"\n"
+                          "\"IMAGELENGTH\"=str(2):\"300\"\n");
   return root;
 }
 
