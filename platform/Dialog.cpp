@@ -82,6 +82,18 @@ constinit DialogTable g_dialogs;
 std::atomic<int32_t> g_screenWidth{kScreenWidth};
 std::atomic<int32_t> g_screenDpi{kScreenDpi};
 
+// Frees the table when the library is unloaded with no dialog left open (a
+// dialog still open keeps it, as the detach code may yet close it).
+__attribute__((destructor(101))) void ReleaseDialogTable() {
+  std::lock_guard<std::mutex> guard(g_dialogs.Lock);
+  if (g_dialogs.Live && g_dialogs.Live->empty()) {
+    delete g_dialogs.Live;
+    g_dialogs.Live = nullptr;
+    delete g_dialogs.Changed;
+    g_dialogs.Changed = nullptr;
+  }
+}
+
 void EnsureTable() {
   if (!g_dialogs.Live) g_dialogs.Live = new std::unordered_set<Dialog*>;
   if (!g_dialogs.Changed) g_dialogs.Changed = new std::condition_variable;

@@ -136,7 +136,9 @@ TEST_F(ColourMatching, OfferedOnlyWithAModuleAndAUsableProfile) {
   EXPECT_EQ(Offered(), 1) << "the profile file is missing";
   WriteFile(color_ / "scanner.icc", "not a profile");
   EXPECT_EQ(Offered(), 1) << "the profile is unreadable";
-  cmsHPROFILE gray = cmsCreateGrayProfile(cmsD50_xyY(), cmsBuildGamma(nullptr, 2.2));
+  cmsToneCurve* curve = cmsBuildGamma(nullptr, 2.2);
+  cmsHPROFILE gray = cmsCreateGrayProfile(cmsD50_xyY(), curve);
+  cmsFreeToneCurve(curve);
   ASSERT_TRUE(sx::cmms::SaveProfile(gray, (color_ / "scanner.icc").string()));
   EXPECT_EQ(Offered(), 1) << "a grey profile cannot convert colour lines";
   ASSERT_TRUE(sx::cmms::SaveProfile(sx::cmms::CreateScannerProfile(), (color_ / "scanner.icc").string()));

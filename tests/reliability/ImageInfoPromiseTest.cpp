@@ -105,6 +105,11 @@ class ImageInfoPromise : public ::testing::Test {
     ASSERT_TRUE(list && list->Count == 0);  // a range: least, most, step
     const auto* range = static_cast<const int32_t*>(list->Items);
     least_ = range[0], most_ = range[1];
+    for (const void* block : {static_cast<const void*>(list->Items), static_cast<const void*>(list)}) {
+      SxHandle h = lib_->GlobalHandle(block);
+      lib_->GlobalUnlock(h);
+      lib_->GlobalFree(h);
+    }
     handle_ = lib_->GlobalAlloc(SX_GHND, kLargeBuffer);
     lib_->GlobalLock(handle_);
   }
