@@ -33,8 +33,9 @@ constexpr TypeInfo kTypes[] = {
     {TY_STR32, 33, Kind::Text},        {TY_STR64, 65, Kind::Text},
     {TY_STR128, 129, Kind::Text},
     // Design note: a TY_STR255 source converts to nothing while the shorter
-    // texts are copied. Hosts have always seen it that way, so it stays; as a
-    // destination it is an ordinary 256-byte text.
+    // texts are copied, as the conversion table gives it; copying it too is
+    // left undone so that no host meets a changed answer. As a destination
+    // it is an ordinary 256-byte text.
     {TY_STR255, 256, Kind::TextNotCopied},
     {TY_UINT8, 2, Kind::UInt8},        {TY_UINT32, 4, Kind::Int32},
 };
