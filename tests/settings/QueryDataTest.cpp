@@ -94,6 +94,12 @@ TEST_F(Lists, QueriesThatActOnTheScannerAndBadListAddresses) {
   EXPECT_EQ(Ints(CAP_PUSHBUTTON), (std::pair{4, V{0, 1, 2, 3}})) << "a failing call that reports";
   sxtest::gScript.Buttons = 0;
   EXPECT_EQ(Ints(CAP_PUSHBUTTON), (std::pair{1, V{0}})) << "a failing call that leaves the zeros";
+  // The most a driver can report: every button listed (the list grows by
+  // doubling, so this stays quick).
+  sxtest::gScript.Result = 1;
+  sxtest::gScript.Buttons = 65535;
+  const auto [count, items] = Ints(CAP_PUSHBUTTON);
+  EXPECT_TRUE(count == 65536 && items.size() == 65536u && items.back() == 65535);
   sxtest::FaultingPage page;
   for (void* bad : {page.Bad(), static_cast<void*>(page.LastBytes(2)), static_cast<void*>(nullptr)})
     EXPECT_EQ(SxQueryData(CAP_DITHER, TY_STR32, static_cast<SxValueList**>(bad)), 0);
