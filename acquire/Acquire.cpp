@@ -17,6 +17,7 @@
 #include "imaging/BlockChain.h"
 #include "imaging/ColorMatch.h"
 #include "imaging/ToneTable.h"
+#include "imaging/kernels/Kernels.h"
 
 namespace sx {
 
@@ -258,7 +259,7 @@ int32_t SxImageInfo(::SxImageInfo* info) {
 }
 
 void InvertBuffer(uint8_t* buffer, int64_t count) {
-  for (int64_t i = 0; i < count; ++i) buffer[i] = static_cast<uint8_t>(~buffer[i]);
+  if (count > 0) Kernels().Invert(buffer, static_cast<size_t>(count));
 }
 
 }  // namespace sx

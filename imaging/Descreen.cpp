@@ -6,14 +6,13 @@
 #include <new>
 
 #include "imaging/BlockChain.h"
+#include "imaging/kernels/Kernels.h"
 
 namespace sx {
 namespace {
 
 constexpr int kRows = 4;
 constexpr int32_t kRowSlack = 48;
-constexpr int32_t kBoxTotal = 16;
-constexpr int32_t kWeightedTotal = 28;
 
 // Thread contract: set-up and release run on the thread of SxAcquire before
 // the processing starts and after it has ended; the filter runs on one thread
@@ -21,6 +20,8 @@ constexpr int32_t kWeightedTotal = 28;
 // oldest of the four most recent lines, Rows[3] the newest.
 struct DescreenRows {
   uint8_t* Rows[kRows] = {};
+  // The kernel's column sums: two entries per row byte.
+  uint16_t* Sums = nullptr;
   int32_t RowBytes = 0;
 };
 DescreenRows gDescreen;
@@ -46,29 +47,13 @@ void RotateRows() {
   gDescreen.Rows[3] = oldest;
 }
 
-// Byte k of a padded row holds byte k - sample of the line, so the columns
-// j-1 .. j+2 of line byte k sit at k, k+s, k+2s, k+3s.
-int32_t RowSum(const uint8_t* row, int32_t k, int32_t s, int32_t inner) {
-  return row[k] + inner * (row[k + s] + row[k + 2 * s]) + row[k + 3 * s];
-}
-
-void FilterLine(uint8_t* out, int32_t lineBytes, int32_t sample, uint8_t mode) {
-  const uint8_t* const* r = gDescreen.Rows;
-  const bool weighted = mode == 2;
-  const int32_t inner = weighted ? 4 : 1;
-  const int32_t total = weighted ? kWeightedTotal : kBoxTotal;
-  for (int32_t k = 0; k < lineBytes; ++k) {
-    const int32_t sum = RowSum(r[0], k, sample, 1) + RowSum(r[1], k, sample, inner) +
-                        RowSum(r[2], k, sample, inner) + RowSum(r[3], k, sample, 1);
-    out[k] = static_cast<uint8_t>(std::clamp(sum / total, 0, 255));
-  }
-}
-
 void ReleaseRows() {
   for (uint8_t*& row : gDescreen.Rows) {
     delete[] row;
     row = nullptr;
   }
+  delete[] gDescreen.Sums;
+  gDescreen.Sums = nullptr;
   gDescreen.RowBytes = 0;
 }
 
@@ -89,6 +74,11 @@ int32_t PrepareDescreen(ScanSettings& s) {
       ReleaseRows();
       return 0;
     }
+  }
+  gDescreen.Sums = new (std::nothrow) uint16_t[2 * static_cast<size_t>(bytes)];
+  if (!gDescreen.Sums) {
+    ReleaseRows();
+    return 0;
   }
   gDescreen.RowBytes = bytes;
   return 1;
@@ -116,10 +106,12 @@ int32_t DescreenFilter(uint8_t* out, const uint8_t* in, ScanSettings& s, int32_t
     std::memcpy(gDescreen.Rows[2], gDescreen.Rows[0], padded);
   }
   if (!FilterMode(s.Descreen)) return 0;
+  const KernelSet& kernels = Kernels();
+  const bool weighted = s.Descreen == 2;
   for (int32_t i = 0; i < lines; ++i) {
     const size_t offset = static_cast<size_t>(i) * static_cast<size_t>(lineBytes);
     BuildPaddedRow(gDescreen.Rows[3], in + offset, pixels, sample);
-    FilterLine(out + offset, pixels * sample, sample, s.Descreen);
+    kernels.Descreen(out + offset, gDescreen.Rows, pixels * sample, sample, weighted, gDescreen.Sums);
     RotateRows();
   }
   return lines;

@@ -6,12 +6,13 @@
 #include <new>
 
 #include "imaging/BlockChain.h"
+#include "imaging/kernels/Kernels.h"
 #include "sxsys.h"
 
 namespace sx {
 namespace {
 
-constexpr int32_t kUnit = 1000000;
+constexpr int32_t kUnit = kScaleUnit;
 constexpr int32_t kSpareEntries = 10;
 
 // Thread contract: this state belongs to the one acquisition that can run.
@@ -26,6 +27,9 @@ struct LineScaling {
   uint8_t* Previous = nullptr;
   // True while the page has a table: only then does the vertical pass run.
   bool Vertical = false;
+  // Where each output pixel of the horizontal pass comes from, made once per
+  // geometry. Used only by the horizontal pass, on the processing side.
+  HorizontalPlan Plan;
 };
 LineScaling gScaling;
 
@@ -139,6 +143,8 @@ int32_t ReleaseLineScaling() {
   delete[] gScaling.Table;
   delete[] gScaling.Current;
   delete[] gScaling.Previous;
+  delete[] gScaling.Plan.Offsets;
+  delete[] gScaling.Plan.Weights;
   gScaling = LineScaling{};
   return 0;
 }
@@ -155,15 +161,12 @@ int32_t ScaleLinesVertical(ScanSettings& s, uint8_t* out, const uint8_t* in, int
   int32_t consumed = 0;
   int32_t written = 0;
   const int32_t lastEntry = gScaling.TableEntries - 1;
+  const auto blend = Kernels().Blend;
   while (consumed < lines) {
     int32_t& entry = gScaling.Table[gScaling.Cursor];
     if (entry >= kUnit) {
       entry -= kUnit;
-      const int64_t v = entry;
-      uint8_t* o = out + static_cast<size_t>(written) * stride;
-      for (size_t k = 0; k < stride; ++k) {
-        o[k] = static_cast<uint8_t>((current[k] * (kUnit - v) + previous[k] * v) / kUnit);
-      }
+      blend(out + static_cast<size_t>(written) * stride, current, previous, stride, entry);
       ++written;
       continue;
     }
@@ -180,43 +183,40 @@ int32_t ScaleLinesVertical(ScanSettings& s, uint8_t* out, const uint8_t* in, int
   return written;
 }
 
+namespace {
+
+// The plan is a cache: where it cannot be had the kernel walks the
+// interpolation per pixel and delivers the same bytes.
+HorizontalPlan* PlanFor(int32_t outputPixels) {
+  HorizontalPlan& plan = gScaling.Plan;
+  if (plan.Capacity >= outputPixels) return &plan;
+  delete[] plan.Offsets;
+  delete[] plan.Weights;
+  plan = HorizontalPlan{};
+  const size_t entries = static_cast<size_t>(outputPixels);
+  plan.Offsets = new (std::nothrow) int32_t[entries];
+  plan.Weights = new (std::nothrow) int32_t[entries];
+  if (!plan.Offsets || !plan.Weights) return nullptr;
+  plan.Capacity = outputPixels;
+  return &plan;
+}
+
+}  // namespace
+
 void ScalePixelsHorizontal(uint8_t* out, const uint8_t* in, const ScanSettings& s,
                            int32_t lines) {
   if (s.ScanPixels <= 0 || s.OutputPixels <= 0) return;
-  const int64_t step = static_cast<int64_t>(static_cast<double>(s.OutputPixels) * kUnit /
-                                            static_cast<double>(s.ScanPixels));
-  const bool gray = s.OutputPixels == s.OutputBytesPerLine;
-  const int32_t sample = gray ? 1 : 3;
-  const int32_t lineBytes = s.OutputBytesPerLine;
-  // Samples that lie wholly inside an input line, whatever the geometry says.
-  const int32_t inputSamples = std::min(s.ScanPixels, s.ScanBytesPerLine / sample);
-  for (int32_t line = 0; line < lines; ++line) {
-    const uint8_t* src = in + static_cast<size_t>(line) * static_cast<size_t>(s.ScanBytesPerLine);
-    uint8_t* dst = out + static_cast<size_t>(line) * static_cast<size_t>(lineBytes);
-    // Output never runs ahead of input (downscaling), so in place is safe.
-    std::memmove(dst, src, static_cast<size_t>(std::min(sample, lineBytes)));
-    int64_t acc = step;
-    int32_t p = 1;
-    int32_t done = sample;
-    // Design note: a colour line ends when no further whole pixel fits, so
-    // every output pixel is written and none runs past the line.
-    // Input pixels never run out before the line is complete; the bound on p
-    // only keeps a misreported geometry inside the input line.
-    while (done + sample <= lineBytes && p < inputSamples) {
-      if (acc >= kUnit) {
-        acc -= kUnit;
-        const uint8_t* a = src + (p - 1) * sample;
-        const uint8_t* b = src + p * sample;
-        for (int32_t c = 0; c < sample; ++c) {
-          dst[done + c] = static_cast<uint8_t>((a[c] * acc + b[c] * (kUnit - acc)) / kUnit);
-        }
-        done += sample;
-      } else {
-        acc += step;
-        ++p;
-      }
-    }
-  }
+  // Design note: a colour line ends when no further whole pixel fits, so
+  // every output pixel is written and none runs past the line; the input
+  // samples used are those wholly inside an input line, whatever the
+  // geometry says.
+  HorizontalGeometry geometry;
+  geometry.ScanPixels = s.ScanPixels;
+  geometry.OutputPixels = s.OutputPixels;
+  geometry.ScanBytesPerLine = s.ScanBytesPerLine;
+  geometry.OutputBytesPerLine = s.OutputBytesPerLine;
+  geometry.Sample = s.OutputPixels == s.OutputBytesPerLine ? 1 : 3;
+  Kernels().ScaleHorizontal(out, in, lines, geometry, PlanFor(s.OutputPixels));
 }
 
 }  // namespace sx

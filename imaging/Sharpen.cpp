@@ -5,6 +5,7 @@
 #include <new>
 
 #include "imaging/BlockChain.h"
+#include "imaging/kernels/Kernels.h"
 
 namespace sx {
 namespace {
@@ -18,6 +19,8 @@ constexpr uint8_t kStrongestLevel = 4;
 // Rows[0] is the oldest of the three most recent lines, Rows[2] the newest.
 struct SharpenRows {
   uint8_t* Rows[kRows] = {};
+  // The kernel's column sums: one entry per row byte.
+  uint16_t* Sums = nullptr;
   int32_t RowBytes = 0;
 };
 SharpenRows gSharpen;
@@ -39,25 +42,13 @@ void RotateRows() {
   gSharpen.Rows[2] = oldest;
 }
 
-// Filters the middle row; byte k of the line sits at k + s in a padded row.
-void FilterLine(uint8_t* out, int32_t lineBytes, int32_t s, int32_t centre, int32_t divisor) {
-  const uint8_t* a = gSharpen.Rows[0];
-  const uint8_t* b = gSharpen.Rows[1];
-  const uint8_t* c = gSharpen.Rows[2];
-  for (int32_t k = 0; k < lineBytes; ++k) {
-    const int32_t m = k + s;
-    const int32_t around = a[m - s] + a[m] + a[m + s] + b[m - s] + b[m + s] + c[m - s] + c[m] +
-                           c[m + s];
-    const int32_t v = (centre * b[m] - around) / divisor;
-    out[k] = static_cast<uint8_t>(std::clamp(v, 0, 255));
-  }
-}
-
 void ReleaseRows() {
   for (uint8_t*& row : gSharpen.Rows) {
     delete[] row;
     row = nullptr;
   }
+  delete[] gSharpen.Sums;
+  gSharpen.Sums = nullptr;
   gSharpen.RowBytes = 0;
 }
 
@@ -76,6 +67,11 @@ int32_t PrepareSharpen(ScanSettings& s) {
       ReleaseRows();
       return 0;
     }
+  }
+  gSharpen.Sums = new (std::nothrow) uint16_t[static_cast<size_t>(bytes)];
+  if (!gSharpen.Sums) {
+    ReleaseRows();
+    return 0;
   }
   gSharpen.RowBytes = bytes;
   return 1;
@@ -98,8 +94,7 @@ int32_t SharpenBlock(uint8_t* out, uint8_t* in, uint8_t level, ScanSettings& s, 
   // Design note: only levels 1 to 4 are offered; a higher level is taken as
   // 4, which also keeps the divisor positive.
   const int32_t L = std::min(level, kStrongestLevel);
-  const int32_t centre = 19 - L;
-  const int32_t divisor = 11 - L;
+  const KernelSet& kernels = Kernels();
   const size_t padded = static_cast<size_t>(pixels + 2) * static_cast<size_t>(sample);
   if (s.LinesDelivered == 0) {
     BuildPaddedRow(gSharpen.Rows[0], in, pixels, sample, std::max(pixels - 2, 0));
@@ -110,7 +105,7 @@ int32_t SharpenBlock(uint8_t* out, uint8_t* in, uint8_t level, ScanSettings& s, 
     BuildPaddedRow(gSharpen.Rows[2], in + offset, pixels, sample, pixels - 1);
     // The filtered row is the one before the newest: its line below must be
     // known before it can be sharpened.
-    FilterLine(out + offset, pixels * sample, sample, centre, divisor);
+    kernels.Sharpen(out + offset, gSharpen.Rows, pixels * sample, sample, L, gSharpen.Sums);
     RotateRows();
   }
   return lines;

@@ -6,6 +6,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "imaging/kernels/Kernels.h"
+
 namespace sx::vscan {
 
 namespace {
@@ -389,11 +391,7 @@ void FinishLine(const ChartRenderer& r, const uint8_t* rgb, int32_t y, uint8_t* 
   const size_t pixels = g.PixelNum;
   const uint8_t* t1 = r.Tone.data();
   if (g.ScanMode == kModeColor) {
-    for (size_t x = 0; x < pixels; ++x, rgb += 3, out += 3) {
-      out[0] = t1[rgb[0]];
-      out[1] = t1[256 + rgb[1]];
-      out[2] = t1[512 + rgb[2]];
-    }
+    sx::Kernels().ToneMap(out, rgb, pixels, 3, t1);
     return;
   }
   const int channel = g.ColorFilter >= 1 && g.ColorFilter <= 3 ? g.ColorFilter : 0;

@@ -1,0 +1,78 @@
+// The per-byte work of the block chain: the descreen and sharpening filters on
+// one line, the blend of two lines for vertical scaling, horizontal scaling of
+// a block, inversion and tone mapping. The block chain keeps the state (row
+// rings, line tables); a kernel set only computes.
+//
+// Every kernel set delivers the same bytes for the same input. The library
+// runs the fastest set the processor supports, chosen once when the library
+// is loaded: on x86-64 an AVX2 build of the kernels where the processor has
+// AVX2, otherwise the portable build the compiler vectorises for the baseline
+// instruction set (i386 has only that one).
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+namespace sx {
+
+// The fixed-point unit of resolution scaling: weights are millionths.
+constexpr int32_t kScaleUnit = 1000000;
+
+// The geometry of one block of lines under horizontal scaling. `Sample` is 1
+// for gray and 3 for colour lines.
+struct HorizontalGeometry {
+  int32_t ScanPixels = 0;
+  int32_t OutputPixels = 0;
+  int32_t ScanBytesPerLine = 0;
+  int32_t OutputBytesPerLine = 0;
+  int32_t Sample = 1;
+};
+
+// Where each output pixel of a horizontally scaled line comes from: its pair
+// of input pixels (byte offset of the left one) and the left one's weight.
+// The caller owns the storage; a kernel set fills it when the geometry
+// changes and runs without it (more slowly) where it is missing or too small.
+struct HorizontalPlan {
+  int32_t* Offsets = nullptr;
+  int32_t* Weights = nullptr;
+  int32_t Capacity = 0;
+  // The geometry the entries were made for, and how many there are.
+  HorizontalGeometry For{};
+  int32_t Count = -1;
+};
+
+struct KernelSet {
+  const char* Name;
+  // One filtered line from four padded rows, oldest first; row byte k holds
+  // line byte k - sample. `weighted` picks the 28-weight kernel over the
+  // 16-weight box. `scratch` holds 2 * (lineBytes + 3 * sample) entries.
+  void (*Descreen)(uint8_t* out, const uint8_t* const* rows, int32_t lineBytes, int32_t sample,
+                   bool weighted, uint16_t* scratch);
+  // One sharpened line: the middle of three padded rows (one pad pixel each
+  // side), at `level` 1 to 4. `scratch` holds lineBytes + 2 * sample entries.
+  void (*Sharpen)(uint8_t* out, const uint8_t* const* rows, int32_t lineBytes, int32_t sample,
+                  int32_t level, uint16_t* scratch);
+  // out = (current * (unit - weight) + previous * weight) / unit, per byte.
+  void (*Blend)(uint8_t* out, const uint8_t* current, const uint8_t* previous, size_t bytes,
+                int64_t weight);
+  // `lines` lines of ScanBytesPerLine bytes at `in` become lines of
+  // OutputBytesPerLine bytes at `out`; `out` may be `in`.
+  void (*ScaleHorizontal)(uint8_t* out, const uint8_t* in, int32_t lines,
+                          const HorizontalGeometry& geometry, HorizontalPlan* plan);
+  void (*Invert)(uint8_t* bytes, size_t count);
+  // out[i] = table[in[i]] for gray (`channels` 1); for colour each sample goes
+  // through the table of its channel, `tables` holding 256 entries for each.
+  void (*ToneMap)(uint8_t* out, const uint8_t* in, size_t pixels, int32_t channels,
+                  const uint8_t* tables);
+};
+
+// The set the block chain runs. Thread contract: chosen before any
+// acquisition; UseKernels is for tests and benchmarks, called while no
+// acquisition runs.
+const KernelSet& Kernels();
+void UseKernels(const KernelSet* set);  // nullptr: back to the processor's best
+
+// Every set built into this library that this processor can run, best last.
+int32_t KernelSetCount();
+const KernelSet& KernelSetAt(int32_t index);
+
+}  // namespace sx
