@@ -3,7 +3,7 @@
 # sanitizers) straight from the platform sources and runs each one for a
 # bounded time on its seed corpus.
 #
-#   tools/fuzz.sh [target...]      targets: registry profile version values driver vscan
+#   tools/fuzz.sh [target...]      targets: registry profile version values driver vscan kernels
 #                                  (default: all)
 #
 # Environment: FUZZ_SECONDS (default 20) per target; FUZZ_BUILD_DIR (default
@@ -28,12 +28,16 @@ declare -A sources=(
 # object's attach hooks.
 core=$(cd "$root" && ls frame/*.cpp driver/*.cpp sources/*.cpp settings/*.cpp acquire/*.cpp \
   imaging/*.cpp platform/*.cpp | grep -v '^frame/Attach\.cpp$' | tr '\n' ' ')
+kernels="imaging/kernels/Kernels.cpp imaging/kernels/KernelsPortable.cpp"
+core="$core $kernels"
 sources[values]="$core"
 sources[driver]="$core"
-sources[vscan]="modules/vscan/VscanConfig.cpp modules/vscan/TestChart.cpp"
+sources[vscan]="modules/vscan/VscanConfig.cpp modules/vscan/TestChart.cpp $kernels"
+# The kernels against the tests' reference; on x86-64 the AVX2 set too.
+sources[kernels]="$kernels tests/support/ReferenceKernels.cpp"
 
 targets=("$@")
-[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version values driver vscan)
+[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version values driver vscan kernels)
 mkdir -p "$out"
 
 status=0
@@ -45,9 +49,16 @@ for t in "${targets[@]}"; do
   bin="$out/${t}_fuzz"
   srcs=()
   for s in ${sources[$t]}; do srcs+=("$root/$s"); done
+  flags=(-std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined
+         -I"$root" -I"$root/include" -I"$root/tests")
+  extra=()
+  if [[ $t == kernels && $(uname -m) == x86_64 ]]; then
+    "$cxx" "${flags[@]/-fsanitize=fuzzer,/-fsanitize=fuzzer-no-link,}" -mavx2 -c "$root/imaging/kernels/KernelsAvx2.cpp" \
+      -o "$out/KernelsAvx2.o"
+    extra=(-DSX_HAVE_AVX2_KERNELS "$out/KernelsAvx2.o")
+  fi
   echo "== building $t"
-  "$cxx" -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined \
-    -I"$root" -I"$root/include" "$root/fuzz/${t}_fuzz.cpp" "${srcs[@]}" -o "$bin" -lpthread -ldl
+  "$cxx" "${flags[@]}" "${extra[@]}" "$root/fuzz/${t}_fuzz.cpp" "${srcs[@]}" -o "$bin" -lpthread -ldl
   # New inputs go to a work corpus; the seed corpus in the tree stays as it is.
   work="$out/corpus-$t"
   mkdir -p "$work"

@@ -1,0 +1,243 @@
+// Every kernel set built into the library against the plain reference
+// kernels: random lines of every width and filter setting, then whole pages
+// run through the block chain in random block splits. Every byte must match.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include "imaging/BlockChain.h"
+#include "imaging/kernels/Kernels.h"
+#include "support/ReferenceKernels.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using sx::KernelSet;
+using sx::test::ReferenceKernels;
+
+// Mostly random bytes, with runs of the extremes where sums and clamps peak.
+Bytes RandomBytes(std::mt19937& rng, size_t n) {
+  Bytes b(n);
+  const int style = static_cast<int>(rng() % 4);
+  for (auto& v : b) {
+    if (style == 0) v = static_cast<uint8_t>(rng());
+    else if (style == 1) v = (rng() & 1) ? 255 : 0;
+    else if (style == 2) v = static_cast<uint8_t>(250 + rng() % 6);
+    else v = static_cast<uint8_t>(rng() % 8);
+  }
+  return b;
+}
+
+std::vector<int32_t> Widths(std::mt19937& rng) {
+  std::vector<int32_t> w{1, 2, 3, 4, 5, 7, 8, 15, 16, 17, 31, 32, 33, 63, 64, 65, 127, 129, 5000};
+  for (int i = 0; i < 60; ++i) w.push_back(1 + static_cast<int32_t>(rng() % 5000));
+  return w;
+}
+
+template <typename Run>
+void ForEachFastSet(Run run) {
+  for (int32_t i = 0; i < sx::KernelSetCount(); ++i) {
+    SCOPED_TRACE(sx::KernelSetAt(i).Name);
+    run(sx::KernelSetAt(i));
+  }
+}
+
+TEST(Kernels, DescreenAndSharpenLinesMatchTheReference) {
+  std::mt19937 rng(7);
+  for (int32_t pixels : Widths(rng)) {
+    for (int32_t s : {1, 3}) {
+      const int32_t bytes = pixels * s;
+      std::vector<Bytes> rows;
+      for (int r = 0; r < 4; ++r) rows.push_back(RandomBytes(rng, size_t(bytes + 3 * s)));
+      const uint8_t* r4[4] = {rows[0].data(), rows[1].data(), rows[2].data(), rows[3].data()};
+      std::vector<uint16_t> scratch(2 * size_t(bytes + 3 * s));
+      for (bool weighted : {false, true}) {
+        Bytes want(static_cast<size_t>(bytes)), got(static_cast<size_t>(bytes));
+        ReferenceKernels().Descreen(want.data(), r4, bytes, s, weighted, scratch.data());
+        ForEachFastSet([&](const KernelSet& k) {
+          k.Descreen(got.data(), r4, bytes, s, weighted, scratch.data());
+          ASSERT_EQ(got, want) << "descreen " << pixels << "x" << s << " weighted " << weighted;
+        });
+      }
+      for (int32_t level = 1; level <= 4; ++level) {
+        Bytes want(static_cast<size_t>(bytes)), got(static_cast<size_t>(bytes));
+        ReferenceKernels().Sharpen(want.data(), r4, bytes, s, level, scratch.data());
+        ForEachFastSet([&](const KernelSet& k) {
+          k.Sharpen(got.data(), r4, bytes, s, level, scratch.data());
+          ASSERT_EQ(got, want) << "sharpen " << pixels << "x" << s << " level " << level;
+        });
+      }
+    }
+  }
+}
+
+TEST(Kernels, BlendInvertAndToneMatchTheReference) {
+  std::mt19937 rng(11);
+  for (int32_t n : Widths(rng)) {
+    const Bytes current = RandomBytes(rng, static_cast<size_t>(n)), previous = RandomBytes(rng, static_cast<size_t>(n));
+    // Weights past the unit come from pages longer than their line table.
+    for (int64_t weight : {int64_t{0}, int64_t{1}, int64_t{sx::kScaleUnit} - 1, int64_t{sx::kScaleUnit},
+                           int64_t{sx::kScaleUnit} + 1, int64_t{3} * sx::kScaleUnit + 12345,
+                           int64_t(rng() % sx::kScaleUnit)}) {
+      Bytes want(static_cast<size_t>(n)), got(static_cast<size_t>(n));
+      ReferenceKernels().Blend(want.data(), current.data(), previous.data(), static_cast<size_t>(n), weight);
+      ForEachFastSet([&](const KernelSet& k) {
+        k.Blend(got.data(), current.data(), previous.data(), static_cast<size_t>(n), weight);
+        ASSERT_EQ(got, want) << n << " bytes, weight " << weight;
+      });
+    }
+    Bytes want = current;
+    ReferenceKernels().Invert(want.data(), want.size());
+    const Bytes tables = RandomBytes(rng, 768);
+    for (int32_t channels : {1, 3}) {
+      const size_t pixels = static_cast<size_t>(n) / size_t(channels);
+      Bytes toned(static_cast<size_t>(n), 0), tonedFast(static_cast<size_t>(n), 0);
+      ReferenceKernels().ToneMap(toned.data(), current.data(), pixels, channels, tables.data());
+      ForEachFastSet([&](const KernelSet& k) {
+        k.ToneMap(tonedFast.data(), current.data(), pixels, channels, tables.data());
+        ASSERT_EQ(tonedFast, toned) << n << " bytes, " << channels << " channels";
+      });
+    }
+    ForEachFastSet([&](const KernelSet& k) {
+      Bytes got = current;
+      k.Invert(got.data(), got.size());
+      ASSERT_EQ(got, want);
+    });
+  }
+}
+
+// Downscaling, equal widths, upscaling, and line strides that disagree with
+// the pixel counts (padded input, short output), apart and in place.
+sx::HorizontalGeometry RandomGeometry(std::mt19937& rng, int32_t scanPixels) {
+  sx::HorizontalGeometry g;
+  g.Sample = (rng() & 1) ? 3 : 1;
+  g.ScanPixels = scanPixels;
+  switch (rng() % 6) {
+    case 0: g.OutputPixels = scanPixels; break;
+    case 1: g.OutputPixels = scanPixels + 1 + static_cast<int32_t>(rng() % 50); break;
+    default: g.OutputPixels = 1 + static_cast<int32_t>(rng() % static_cast<uint32_t>(scanPixels));
+  }
+  g.ScanBytesPerLine = scanPixels * g.Sample + ((rng() % 5 == 0) ? static_cast<int32_t>(rng() % 7) : 0);
+  if (rng() % 7 == 0) g.ScanBytesPerLine = std::max(1, g.ScanBytesPerLine - static_cast<int32_t>(rng() % 9));
+  g.OutputBytesPerLine = g.OutputPixels * g.Sample;
+  if (rng() % 7 == 0) g.OutputBytesPerLine = std::max(1, g.OutputBytesPerLine - static_cast<int32_t>(rng() % 5));
+  return g;
+}
+
+TEST(Kernels, HorizontalScalingMatchesTheReference) {
+  std::mt19937 rng(13);
+  // One plan carried across geometries, as the block chain carries it, and
+  // one too small to hold any.
+  std::vector<int32_t> offsets(6000), weights(6000);
+  sx::HorizontalPlan shared{offsets.data(), weights.data(), 6000};
+  int32_t tiny[2];
+  sx::HorizontalPlan small{tiny, tiny + 1, 1};
+  for (int32_t scanPixels : Widths(rng)) {
+    const sx::HorizontalGeometry g = RandomGeometry(rng, scanPixels);
+    const int32_t lines = 1 + static_cast<int32_t>(rng() % 3);
+    const size_t inBytes = size_t(lines) * size_t(g.ScanBytesPerLine);
+    const size_t outBytes = size_t(lines) * size_t(g.OutputBytesPerLine);
+    const Bytes in = RandomBytes(rng, inBytes);
+    Bytes want(outBytes);
+    ReferenceKernels().ScaleHorizontal(want.data(), in.data(), lines, g, nullptr);
+    const bool inPlaceSafe = g.OutputBytesPerLine <= g.ScanBytesPerLine;
+    Bytes wantInPlace = in;
+    if (inPlaceSafe)
+      ReferenceKernels().ScaleHorizontal(wantInPlace.data(), wantInPlace.data(), lines, g, nullptr);
+    ForEachFastSet([&](const KernelSet& k) {
+      for (sx::HorizontalPlan* plan : {&shared, &small, static_cast<sx::HorizontalPlan*>(nullptr)}) {
+        Bytes got(outBytes);
+        k.ScaleHorizontal(got.data(), in.data(), lines, g, plan);
+        ASSERT_EQ(got, want) << g.ScanPixels << "->" << g.OutputPixels << " x" << g.Sample;
+        if (!inPlaceSafe) continue;
+        Bytes same = in;
+        k.ScaleHorizontal(same.data(), same.data(), lines, g, plan);
+        ASSERT_EQ(same, wantInPlace) << "in place " << g.ScanPixels << "->" << g.OutputPixels;
+      }
+    });
+  }
+}
+
+// A page run through the block chain as an acquisition runs it: descreen
+// with resolution scaling, then sharpening, block after block.
+struct Page {
+  sx::ScanSettings Settings{};
+  Bytes Raw;
+  std::vector<int32_t> Blocks;
+};
+
+Page RandomPage(std::mt19937& rng) {
+  Page p;
+  sx::ScanSettings& s = p.Settings;
+  const int32_t sample = (rng() & 1) ? 3 : 1;
+  s.PixelType = sample == 3 ? 2 : 1;
+  s.BitsPerPixel = static_cast<uint8_t>(8 * sample);
+  s.ScanPixels = 1 + static_cast<int32_t>(rng() % 700);
+  s.OutputPixels = (rng() & 1) ? s.ScanPixels : 1 + static_cast<int32_t>(rng() % uint32_t(s.ScanPixels));
+  s.ScanBytesPerLine = s.ScanPixels * sample, s.OutputBytesPerLine = s.OutputPixels * sample;
+  s.ScanLines = (rng() % 5 == 0) ? 1 : 1 + static_cast<int32_t>(rng() % 60);
+  s.OutputLines = (rng() & 1) ? s.ScanLines : 1 + static_cast<int32_t>(rng() % uint32_t(s.ScanLines));
+  static const uint8_t kModes[] = {1, 2, 3, 8, 9};
+  s.Descreen = kModes[rng() % 5];
+  s.Sharpen = static_cast<uint8_t>(rng() % 5);
+  s.Buffering = 1;
+  p.Raw = RandomBytes(rng, size_t(s.ScanLines) * size_t(s.ScanBytesPerLine));
+  for (int32_t left = s.ScanLines; left > 0;) {
+    const int32_t n = std::min(left, 1 + static_cast<int32_t>(rng() % 9));
+    p.Blocks.push_back(n);
+    left -= n;
+  }
+  return p;
+}
+
+Bytes RunPage(Page page, const KernelSet& kernels) {
+  sx::UseKernels(&kernels);
+  sx::ScanSettings& s = page.Settings;
+  EXPECT_EQ(sx::PrepareDescreen(s), 1);
+  EXPECT_EQ(sx::PrepareLineScaling(s), 0);
+  EXPECT_EQ(sx::PrepareSharpen(s), 1);
+  const size_t widest = size_t(std::max(s.ScanBytesPerLine, s.OutputBytesPerLine));
+  Bytes delivered;
+  int32_t next = 0;
+  for (int32_t lines : page.Blocks) {
+    Bytes block(size_t(lines + 2) * widest);
+    std::copy_n(page.Raw.begin() + ptrdiff_t(next) * s.ScanBytesPerLine,
+                size_t(lines) * size_t(s.ScanBytesPerLine), block.begin());
+    int32_t kept = sx::DescreenBlock(block.data(), block.data(), s, lines);
+    kept = sx::SharpenBlock(block.data(), block.data(), s.Sharpen, s, kept);
+    delivered.insert(delivered.end(), block.begin(), block.begin() + ptrdiff_t(kept) * s.OutputBytesPerLine);
+    s.LinesDelivered += lines;
+    next += lines;
+  }
+  sx::ReleaseSharpen();
+  sx::ReleaseLineScaling();
+  sx::ReleaseDescreen();
+  sx::UseKernels(nullptr);
+  return delivered;
+}
+
+TEST(Kernels, PagesThroughTheBlockChainMatchTheReference) {
+  std::mt19937 rng(17);
+  for (int i = 0; i < 150; ++i) {
+    const Page page = RandomPage(rng);
+    const sx::ScanSettings& s = page.Settings;
+    SCOPED_TRACE(testing::Message() << "page " << i << ": " << s.ScanPixels << "x" << s.ScanLines << " -> "
+                                    << s.OutputPixels << "x" << s.OutputLines << " mode "
+                                    << int(s.Descreen) << " sharpen " << int(s.Sharpen) << " sample "
+                                    << s.ScanBytesPerLine / s.ScanPixels);
+    const Bytes want = RunPage(page, ReferenceKernels());
+    ForEachFastSet([&](const KernelSet& k) { ASSERT_EQ(RunPage(page, k), want); });
+  }
+}
+
+TEST(Kernels, TheProcessorsBestSetIsTheDefault) {
+  EXPECT_EQ(&sx::Kernels(), &sx::KernelSetAt(sx::KernelSetCount() - 1));
+  sx::UseKernels(&ReferenceKernels());
+  EXPECT_STREQ(sx::Kernels().Name, "reference");
+  sx::UseKernels(nullptr);
+  EXPECT_STRNE(sx::Kernels().Name, "reference");
+}
+
+}  // namespace
