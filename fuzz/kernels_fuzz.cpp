@@ -37,8 +37,11 @@ void Compare(Run run) {
   for (int32_t i = 0; i < sx::KernelSetCount(); ++i) Same(run(sx::KernelSetAt(i)), want);
 }
 
-std::vector<int32_t> gOffsets(kMostPixels + 64), gWeights(kMostPixels + 64);
-sx::HorizontalPlan gPlan{gOffsets.data(), gWeights.data(), kMostPixels + 64};
+sx::HorizontalPlan gPlan = [] {
+  sx::HorizontalPlan plan;
+  if (!sx::AllocatePlan(plan, kMostPixels)) std::abort();
+  return plan;
+}();
 
 void Horizontal(const uint8_t* data, size_t size, int32_t pixels, int32_t second, int32_t lines,
                 uint8_t flags) {

@@ -143,8 +143,7 @@ int32_t ReleaseLineScaling() {
   delete[] gScaling.Table;
   delete[] gScaling.Current;
   delete[] gScaling.Previous;
-  delete[] gScaling.Plan.Offsets;
-  delete[] gScaling.Plan.Weights;
+  FreePlan(gScaling.Plan);
   gScaling = LineScaling{};
   return 0;
 }
@@ -190,15 +189,7 @@ namespace {
 HorizontalPlan* PlanFor(int32_t outputPixels) {
   HorizontalPlan& plan = gScaling.Plan;
   if (plan.Capacity >= outputPixels) return &plan;
-  delete[] plan.Offsets;
-  delete[] plan.Weights;
-  plan = HorizontalPlan{};
-  const size_t entries = static_cast<size_t>(outputPixels);
-  plan.Offsets = new (std::nothrow) int32_t[entries];
-  plan.Weights = new (std::nothrow) int32_t[entries];
-  if (!plan.Offsets || !plan.Weights) return nullptr;
-  plan.Capacity = outputPixels;
-  return &plan;
+  return AllocatePlan(plan, outputPixels) ? &plan : nullptr;
 }
 
 }  // namespace

@@ -27,18 +27,33 @@ struct HorizontalGeometry {
   int32_t Sample = 1;
 };
 
-// Where each output pixel of a horizontally scaled line comes from: its pair
-// of input pixels (byte offset of the left one) and the left one's weight.
-// The caller owns the storage; a kernel set fills it when the geometry
-// changes and runs without it (more slowly) where it is missing or too small.
+// Where each output pixel after the first of a horizontally scaled line comes
+// from: the byte offsets of its left and right input pixels, and for each of
+// its samples the exact multipliers of the left and the right pixel's weight.
+// A kernel set fills it when the geometry changes and runs without it (more
+// slowly) where it is missing or too small.
 struct HorizontalPlan {
-  int32_t* Offsets = nullptr;
-  int32_t* Weights = nullptr;
-  int32_t Capacity = 0;
+  uint32_t* LeftOffsets = nullptr;
+  uint32_t* RightOffsets = nullptr;
+  uint16_t* LeftMultipliers = nullptr;   // three per pixel
+  uint16_t* RightMultipliers = nullptr;  // three per pixel
+  int32_t Capacity = 0;                  // output pixels the tables hold
   // The geometry the entries were made for, and how many there are.
   HorizontalGeometry For{};
   int32_t Count = -1;
 };
+
+// Storage for the plan of up to `pixels` output pixels; false (and an empty
+// plan) where the memory is not there.
+bool AllocatePlan(HorizontalPlan& plan, int32_t pixels);
+void FreePlan(HorizontalPlan& plan);
+
+// The fixed-point form of the scaling weights: with M = ExactMultiplier(w),
+// (t * M) >> kMultiplierShift equals t * w / kScaleUnit, rounded down, for
+// every sample difference t from 0 to 255 and every weight w from 0 to the
+// unit. M reaches 2^16 only for the whole unit.
+constexpr int32_t kMultiplierShift = 16;
+uint32_t ExactMultiplier(uint32_t weight);
 
 struct KernelSet {
   const char* Name;

@@ -73,6 +73,21 @@ TEST(Kernels, DescreenAndSharpenLinesMatchTheReference) {
   }
 }
 
+// The fixed-point weights the kernels use in place of dividing by the unit:
+// exact for every weight and every sample difference.
+TEST(Kernels, ExactMultipliersRoundDownLikeTheDivision) {
+  for (uint32_t w = 0; w <= uint32_t{sx::kScaleUnit}; ++w) {
+    const uint64_t m = sx::ExactMultiplier(w);
+    ASSERT_LE(m, w < uint32_t{sx::kScaleUnit} ? 65535u : 65536u) << w;
+    uint64_t quotient = 0, remainder = 0;  // of t * w / unit, kept by adding w
+    for (uint64_t t = 1; t <= 255; ++t) {
+      remainder += w;
+      while (remainder >= uint64_t{sx::kScaleUnit}) remainder -= sx::kScaleUnit, ++quotient;
+      if ((t * m) >> sx::kMultiplierShift != quotient) FAIL() << "weight " << w << ", difference " << t;
+    }
+  }
+}
+
 TEST(Kernels, BlendInvertAndToneMatchTheReference) {
   std::mt19937 rng(11);
   for (int32_t n : Widths(rng)) {
@@ -130,10 +145,9 @@ TEST(Kernels, HorizontalScalingMatchesTheReference) {
   std::mt19937 rng(13);
   // One plan carried across geometries, as the block chain carries it, and
   // one too small to hold any.
-  std::vector<int32_t> offsets(6000), weights(6000);
-  sx::HorizontalPlan shared{offsets.data(), weights.data(), 6000};
-  int32_t tiny[2];
-  sx::HorizontalPlan small{tiny, tiny + 1, 1};
+  sx::HorizontalPlan shared, small;
+  ASSERT_TRUE(sx::AllocatePlan(shared, 6000));
+  ASSERT_TRUE(sx::AllocatePlan(small, 1));
   for (int32_t scanPixels : Widths(rng)) {
     const sx::HorizontalGeometry g = RandomGeometry(rng, scanPixels);
     const int32_t lines = 1 + static_cast<int32_t>(rng() % 3);
@@ -158,6 +172,8 @@ TEST(Kernels, HorizontalScalingMatchesTheReference) {
       }
     });
   }
+  sx::FreePlan(shared);
+  sx::FreePlan(small);
 }
 
 // A page run through the block chain as an acquisition runs it: descreen
