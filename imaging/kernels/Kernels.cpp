@@ -19,14 +19,12 @@ extern const KernelSet kSet;
 
 namespace {
 
-bool ProcessorHasAvx2() {
 #if defined(SX_HAVE_AVX2_KERNELS)
+bool ProcessorHasAvx2() {
   __builtin_cpu_init();
   return __builtin_cpu_supports("avx2");
-#else
-  return false;
-#endif
 }
+#endif
 
 struct Available {
   const KernelSet* Sets[2] = {};
