@@ -3,7 +3,7 @@
 // memcpy and OpenCV's boxFilter 4x4, filter2D 3x3, resize INTER_LINEAR to 2/3
 // and LUT. Every kernel runs once per kernel set this processor can run.
 // Then a descreened and sharpened acquisition from a scanner as slow as the
-// processing, buffered against direct.
+// library is fast, buffered against direct.
 //
 // Goals: descreen /16 >= 2x boxFilter, sharpen >= 2x filter2D, 2/3 scaling
 // >= 1x resize, inversion >= 0.9x memcpy, buffered >= 1.6x direct.
@@ -37,6 +37,7 @@ constexpr int32_t kLineBytes = 3 * kPixels;
 constexpr size_t kPageBytes = size_t{kLineBytes} * kLines;
 constexpr int32_t kBlockLines = 137;  // a 1 MiB block of these lines
 constexpr int32_t kSharpenLevel = 2;
+constexpr int64_t kHostBuffer = 1 << 20;  // the host's transfer buffer, as sxscan's default
 
 using Bytes = std::vector<uint8_t>;
 
@@ -248,6 +249,7 @@ struct Api {
   decltype(&::SxAcquire) Acquire = nullptr;
   decltype(&::SxSysGlobalAlloc) Alloc = nullptr;
   decltype(&::SxSysGlobalLock) Lock = nullptr;
+  decltype(&::SxSysGlobalUnlock) Unlock = nullptr;
   bool Bind() {
     Library = dlopen(SX_BENCH_LIBSXSCAN, RTLD_NOW | RTLD_LOCAL);
     if (!Library) return false;
@@ -257,7 +259,14 @@ struct Api {
     Acquire = Resolve<decltype(Acquire)>(Library, "SxAcquire");
     Alloc = Resolve<decltype(Alloc)>(Library, "SxSysGlobalAlloc");
     Lock = Resolve<decltype(Lock)>(Library, "SxSysGlobalLock");
-    return Load && Free && SetValue && Acquire && Alloc && Lock;
+    Unlock = Resolve<decltype(Unlock)>(Library, "SxSysGlobalUnlock");
+    return Load && Free && SetValue && Acquire && Alloc && Lock && Unlock;
+  }
+  void Unbind() {
+    if (!Library) return;
+    if (Free) Free();
+    dlclose(Library);
+    Library = nullptr;
   }
 } gApi;
 
@@ -266,7 +275,7 @@ int32_t gBlocks = 0;
 
 int32_t SX_API Callback(void* data, int64_t* count, int32_t code) {
   if (code == SX_XFER_IMAGE_INFO) {
-    *count = int64_t{kBlockLines} * kLineBytes;
+    *count = kHostBuffer;
     return 0;
   }
   benchmark::DoNotOptimize(data);
@@ -275,48 +284,79 @@ int32_t SX_API Callback(void* data, int64_t* count, int32_t code) {
 }
 
 // Seconds for the best of three acquisitions in the given mode; 0 on failure.
-double TimeAcquisition(uint8_t buffering, void* buffer) {
-  if (gApi.SetValue(CAP_BUFFERING, TY_UINT8, &buffering) != 0) return 0;
+// The buffer is locked for each acquisition, as a host does: direct
+// descreening may move the block to make room for raw lines.
+double TimeAcquisition(uint8_t buffering, SxHandle buffer) {
+  if (gApi.SetValue(CAP_BUFFERING, TY_UINT8, &buffering) != 0) {
+    std::fprintf(stderr, "acquisition: buffering %d refused\n", buffering);
+    return 0;
+  }
   double best = 1e9;
   for (int i = 0; i < 3; ++i) {
     gDelivered = 0, gBlocks = 0;
     const auto start = std::chrono::steady_clock::now();
-    if (gApi.Acquire(Callback, buffer) != 0 || gDelivered != int64_t{kPageBytes}) return 0;
+    const int32_t result = gApi.Acquire(Callback, gApi.Lock(buffer));
+    gApi.Unlock(buffer);
+    if (result != 0 || gDelivered != int64_t{kPageBytes}) {
+      std::fprintf(stderr, "acquisition: result %d, %lld bytes delivered of %zu\n", result,
+                   static_cast<long long>(gDelivered), kPageBytes);
+      return 0;
+    }
     best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
   }
   return best;
 }
 
-// Loads the library on a scanner that waits `delayMs` per block read.
-void* LoadWithDelay(const sxbench::fs::path& root, int32_t delayMs) {
-  if (gApi.Library) gApi.Free();
-  sxbench::InstallScanner(root, "[Page]\nReadDelayMs=" + std::to_string(delayMs) + "\n",
+// Loads the library on a scanner that moves at `lineUs` per raw line and
+// keeps the page it drew, so that from the second acquisition on only the
+// library's processing competes for the processor, as with a real scanner.
+SxHandle LoadAtPace(const sxbench::fs::path& root, int32_t lineUs) {
+  // The library's workers live from its loading to SxFree, so each set-up
+  // loads the library afresh.
+  gApi.Unbind();
+  sxbench::InstallScanner(root, "[Page]\nKeepLastPage=1\nLineDelayUs=" + std::to_string(lineUs) + "\n",
                           "\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:00000002\n"
                           "\"XRESOLUTION\"=dword:0000012c\n\"YRESOLUTION\"=dword:0000012c\n"
                           "\"IMAGEWIDTH\"=str(2):\"2550\"\n\"IMAGELENGTH\"=str(2):\"3300\"\n"
                           "\"DESCREEN\"=dword:00000001\n\"SHARPEN\"=dword:00000002\n");
-  if (!gApi.Library && !gApi.Bind()) return nullptr;
-  if (gApi.Load(nullptr) != 0) return nullptr;
-  return gApi.Lock(gApi.Alloc(SX_GHND, size_t{kBlockLines + 1} * kLineBytes * 4));
+  if (!gApi.Bind()) {
+    std::fprintf(stderr, "acquisition: %s\n", dlerror());
+    return nullptr;
+  }
+  if (const int32_t loaded = gApi.Load(nullptr); loaded != 0) {
+    std::fprintf(stderr, "acquisition: SxLoad gave %d\n", loaded);
+    return nullptr;
+  }
+  return gApi.Alloc(SX_GHND, kHostBuffer);
 }
 
 struct Overlap {
-  double Direct = 0, Buffered = 0;
-  int32_t DelayMs = 0;
+  double Processing = 0, Direct = 0, Buffered = 0;
+  int32_t LineUs = 0;
 };
 
+// The scanner's pace is set so that it spends as long moving as the library
+// spends processing the page. Two known paces give both unknowns of a direct
+// acquisition (time = raw lines x pace + processing): the raw lines and the
+// processing time. The pace is then processing time over raw lines, where a
+// buffered acquisition can at best halve the direct time.
 Overlap MeasureOverlap() {
+  constexpr int32_t kSlowUs = 200, kSlowerUs = 400;
   Overlap o;
   const auto root = sxbench::fs::temp_directory_path() / ("sximaging-" + std::to_string(::getpid()));
   ::setenv("SX_ROOT", root.c_str(), 1);
-  void* buffer = LoadWithDelay(root, 0);
-  const double processing = buffer ? TimeAcquisition(0, buffer) : 0;
-  if (processing > 0 && gBlocks > 0) {
-    o.DelayMs = std::max(1, static_cast<int32_t>(processing * 1000 / gBlocks + 0.5));
-    buffer = LoadWithDelay(root, o.DelayMs);
+  SxHandle buffer = LoadAtPace(root, kSlowUs);
+  const double slow = buffer ? TimeAcquisition(0, buffer) : 0;
+  buffer = slow > 0 ? LoadAtPace(root, kSlowerUs) : nullptr;
+  const double slower = buffer ? TimeAcquisition(0, buffer) : 0;
+  const double rawLines = (slower - slow) / ((kSlowerUs - kSlowUs) * 1e-6);
+  o.Processing = slow - rawLines * kSlowUs * 1e-6;
+  if (slower > 0 && rawLines > 0 && o.Processing > 0) {
+    o.LineUs = std::max(1, static_cast<int32_t>(o.Processing * 1e6 / rawLines + 0.5));
+    buffer = LoadAtPace(root, o.LineUs);
     if (buffer) o.Direct = TimeAcquisition(0, buffer), o.Buffered = TimeAcquisition(1, buffer);
   }
-  if (gApi.Library) gApi.Free();
+  gApi.Unbind();
   std::error_code ec;
   sxbench::fs::remove_all(root, ec);
   return o;
@@ -343,8 +383,8 @@ int main(int argc, char** argv) {
   if (r["cv_LUT"] > 0) Goal("tone tables vs OpenCV LUT", r["tone"] / r["cv_LUT"], 0);
   const Overlap o = MeasureOverlap();
   if (o.Buffered > 0) {
-    std::printf("  acquisition, scanner %d ms per block: direct %.2f s, buffered %.2f s\n", o.DelayMs,
-                o.Direct, o.Buffered);
+    std::printf("  acquisition: processing %.3f s; scanner at %d us per raw line: direct %.3f s, "
+                "buffered %.3f s\n", o.Processing, o.LineUs, o.Direct, o.Buffered);
     Goal("buffered vs direct", o.Direct / o.Buffered, 1.6);
   } else {
     std::printf("  buffered vs direct: the acquisition failed\n");

@@ -317,6 +317,8 @@ void ApplyIni(Config& c, const std::string& text, const std::string& folder) {
   ReadNumber(ini, "Page", "WarmUpStatus", c.WarmUpStatus);
   ReadNumber(ini, "Page", "WarmUpPolls", c.WarmUpPolls);
   ReadNumber(ini, "Page", "ReadDelayMs", c.ReadDelayMs);
+  ReadNumber(ini, "Page", "LineDelayUs", c.LineDelayUs);
+  ReadNumber(ini, "Page", "KeepLastPage", c.KeepLastPage);
   ApplyFaults(c, ini);
   if (const std::string* s = Find(ini, "Log", "File")) c.LogPath = Resolve(*s, folder);
 }

@@ -52,6 +52,8 @@ struct Config {
   uint32_t WarmUpStatus = kStatusWarmingUp;
   uint32_t WarmUpPolls = 0;  // 0: only the refusals warm the lamp
   uint32_t ReadDelayMs = 0;  // the scanner's speed: a pause in every read
+  uint32_t LineDelayUs = 0;  // and a pause for every line a read delivers
+  uint32_t KeepLastPage = 0;  // 1: a page drawn again is copied from memory
   std::array<Fault, kEntryCount> Faults{};
   uint32_t ShortReadAtLine = 0;
   uint32_t FailReadAtLine = 0;

@@ -6,6 +6,7 @@
 // Nothing here locks by itself.
 #pragma once
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -52,6 +53,17 @@ struct Device {
   ChartRenderer Renderer;
   std::vector<uint8_t> LineBuffer;  // the line a partial read is taken from
   int64_t BufferedLine = -1;
+  // The last page drawn, kept when the configuration asks: a page with the
+  // same key is then copied instead of drawn again.
+  struct PageMemo {
+    std::string Key;
+    std::vector<uint8_t> Bytes;
+    uint64_t Filled = 0;  // bytes of the page drawn so far
+    bool Replay = false;  // the current page is copied from Bytes
+  } Memo;
+  // How far the last paced read overslept; the next read is that much
+  // shorter, so the timer's granularity does not slow the scanner down.
+  std::chrono::steady_clock::duration Overslept{};
 
   int LogFd = -1;
 };

@@ -2,6 +2,7 @@
 // rendered independently from the requested geometry.
 #include <algorithm>
 #include <array>
+#include <chrono>
 
 #include "tests/vscan/VscanHarness.h"
 
@@ -134,6 +135,50 @@ TEST(VscanRead, ShortAndFailingReads) {
     ASSERT_EQ(v.DoCancel(), 1);
     EXPECT_EQ(v.ReadScanEx(&r), 0) << "cancel ends the page";
   }
+}
+
+// The scanner's pace: a read waits its per-read pause plus the per-line one
+// for every whole line it delivers. What one read oversleeps the next gives
+// back, so the promise is the lower bound of the whole run.
+TEST(VscanRead, ReadsTakeTheScannersPace) {
+  ScanParameter p = Colour300(100, 40);
+  const uint32_t bpl = 300;
+  Bytes buffer(40 * bpl);
+  Vscan v("[Page]\nReadDelayMs=5\nLineDelayUs=1000\n");
+  Start(v, p);
+  const auto start = std::chrono::steady_clock::now();
+  for (uint32_t lines : {30u, 10u}) {
+    ReadScanRequest r{buffer.data(), lines * bpl, 0, 0};
+    ASSERT_TRUE(v.ReadScanEx(&r) == 1 && r.BytesReturned == lines * bpl);
+  }
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2 * 5 + 40));
+}
+
+// A kept page is only ever the same page again: a page read halfway, other
+// tone tables or another sheet are drawn afresh.
+TEST(VscanRead, AKeptPageIsTheSamePageAgain) {
+  Vscan v("[Page]\nKeepLastPage=1\n[Feeder]\nSheets=2\n");
+  v.Open();
+  ScanParameter p = Colour300(1200, 80);
+  p.Top = 150, p.Length = 100;
+  std::array<uint8_t, 256> inverse;
+  for (int i = 0; i < 256; ++i) inverse[i] = static_cast<uint8_t>(255 - i);
+  const uint8_t* const inverted[3] = {inverse.data(), inverse.data(), inverse.data()};
+  const Bytes plain = Chart(p, p.LineNum), dark = Chart(p, p.LineNum, 0, inverted);
+  auto page = [&](size_t upTo) {
+    EXPECT_EQ(v.SetScanParameter(&p) + v.StartScan(), 2);
+    Bytes got = ReadAll(v, upTo, {7000, 65536});
+    EXPECT_EQ(v.StopScan(), 1);
+    return got;
+  };
+  EXPECT_TRUE(page(plain.size() / 2) == Bytes(plain.begin(), plain.begin() + plain.size() / 2));
+  EXPECT_TRUE(page(plain.size()) == plain) << "after a page read halfway";
+  EXPECT_TRUE(page(plain.size()) == plain) << "kept";
+  for (int c = 1; c <= 3; ++c) ASSERT_EQ(v.SetGammaTable(inverse.data(), c, 256), 1);
+  EXPECT_TRUE(page(plain.size()) == dark) << "other tables";
+  p.ScanMethod = 1;
+  for (uint32_t sheet = 1; sheet <= 2; ++sheet)
+    EXPECT_TRUE(page(plain.size()) == Chart(p, p.LineNum, sheet, inverted)) << "sheet " << sheet;
 }
 
 }  // namespace
