@@ -362,7 +362,12 @@ Overlap MeasureOverlap() {
   return o;
 }
 
+// A goal of 0 reports the ratio alone.
 void Goal(const char* what, double ratio, double goal) {
+  if (goal <= 0) {
+    std::printf("  %-40s %6.2fx\n", what, ratio);
+    return;
+  }
   std::printf("  %-40s %6.2fx  (goal >= %.1fx: %s)\n", what, ratio, goal, ratio >= goal ? "met" : "MISSED");
 }
 
