@@ -187,9 +187,9 @@ int32_t CreateTrackDialog(void* /*owner*/) {
   plat::SetControlText(gTrack.Dialog, kTrackPercentSignId, "%");
 
   gTrack.Brushes = {true, kColorRed, kColorGreen, kColorBlue, plat::kColorMenu};
-  // Design note: the new window is not painted here; its bars are first
-  // painted by the page's announcement, since the counts held now are those
-  // of the previous acquisition.
+  // Updating the new window paints its bars with the counts held now (those
+  // the previous acquisition left); the page's announcement clears them.
+  plat::SendDialogMessage(gTrack.Dialog, plat::kMsgPaint, 0, 0);
   // The first message the new window receives is dropped unhandled.
   plat::DialogMessage dropped;
   plat::PeekDialogMessage(gTrack.Dialog, dropped);
