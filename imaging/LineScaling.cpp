@@ -111,10 +111,11 @@ bool AllocateLineBuffers(const ScanSettings& s, int32_t unit) {
 int32_t PrepareLineScaling(ScanSettings& s) {
   gScaling.Vertical = false;
   // Design note: a page of a single scan line has no interval to divide, and
-  // 16/48-bit samples give no lines from the vertical pass, which would keep
-  // a direct page from ever ending; both pages go without vertical scaling.
+  // a page of no output lines nothing to divide it into; both go without
+  // vertical scaling. (16/48-bit samples, which the vertical pass gives no
+  // lines for, never reach a raised resolution: the parameter check refuses
+  // them, so that no page outgrows its ImageInfo.)
   if (s.ScanLines == s.OutputLines || s.ScanLines <= 1 || s.OutputLines <= 0) return 0;
-  if (s.BitsPerPixel != 1 && s.BitsPerPixel != 8 && s.BitsPerPixel != 24) return 0;
   const int32_t unit = SampleUnit(s);
   const int32_t entries = s.ScanLines + kSpareEntries;
   if (!(gScaling.Table && gScaling.Current && gScaling.Previous &&
