@@ -32,7 +32,7 @@ kernels="imaging/kernels/Kernels.cpp imaging/kernels/KernelsPortable.cpp"
 core="$core $kernels"
 sources[values]="$core"
 sources[driver]="$core"
-sources[vscan]="modules/vscan/VscanConfig.cpp modules/vscan/TestChart.cpp $kernels"
+sources[vscan]="modules/vscan/VscanConfig.cpp modules/common/ModuleIni.cpp modules/vscan/TestChart.cpp $kernels"
 # The kernels against the tests' reference; on x86-64 the AVX2 set too.
 sources[kernels]="$kernels tests/support/ReferenceKernels.cpp"
 

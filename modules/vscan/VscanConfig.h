@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "modules/common/ModuleIni.h"
 #include "sxdriver.h"
 
 namespace sx::vscan {
@@ -72,8 +73,7 @@ Config DefaultConfig();
 // not parse keeps the value it had.
 void ApplyIni(Config& config, const std::string& text, const std::string& folder);
 
-// Numbers are decimal (optionally signed) or 0x-prefixed hexadecimal; the
-// leading number of the text counts. False when there is none.
-bool ParseIniNumber(const std::string& text, int64_t& value);
+// Numbers are read as modini::ParseIniNumber reads them.
+using modini::ParseIniNumber;
 
 }  // namespace sx::vscan
