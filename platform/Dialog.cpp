@@ -232,16 +232,6 @@ int32_t QueueCommand(Dialog* dialog, int32_t id, bool buttonOnly) {
   return 1;
 }
 
-double TimeScale() {
-  const char* text = std::getenv("SX_TIME_SCALE");
-  if (text == nullptr || *text == '\0') return 1.0;
-  char* end = nullptr;
-  const double scale = std::strtod(text, &end);
-  // A factor that is not a plain non-negative number leaves times unscaled.
-  if (end == text || !std::isfinite(scale) || scale < 0.0) return 1.0;
-  return scale;
-}
-
 }  // namespace
 
 DialogHandle CreateDialogFrom(const DialogTemplate* t, DialogProc proc, intptr_t param) {

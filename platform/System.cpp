@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -101,6 +102,16 @@ uint32_t TickCount() {
   ::clock_gettime(CLOCK_MONOTONIC, &ts);
   uint64_t ms = static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
   return static_cast<uint32_t>(ms);
+}
+
+double TimeScale() {
+  const char* text = std::getenv("SX_TIME_SCALE");
+  if (text == nullptr || *text == '\0') return 1.0;
+  char* end = nullptr;
+  const double scale = std::strtod(text, &end);
+  // A factor that is not a plain non-negative number leaves times unscaled.
+  if (end == text || !std::isfinite(scale) || scale < 0.0) return 1.0;
+  return scale;
 }
 
 bool IsShiftHeld() {

@@ -8,10 +8,11 @@
 
 namespace sx {
 
-// Fills the list's waiting tail with one entry per maker's scanner that
-// answers an inquiry, appending a new tail after each (`tail` follows it).
-// SX_ERR_NO_ASPI when ASPI is not available; SCSI enumeration is not wired
-// on this platform yet, so that is what it reports for now.
+// Loads ASPI ("wnaspi32.dll" in the system folder) and fills the list's
+// waiting tail with one entry per accepted scanner that answers an inquiry,
+// appending a new tail after each (`tail` follows it). SX_ERR_NO_ASPI when the
+// module or one of its two entry points is missing. ASPI stays loaded until
+// ReleaseAspi.
 int32_t AddScsiSources(DataSourceEntry*& tail);
 
 // Unloads ASPI if it is loaded (end of list building, process detach).

@@ -1,0 +1,168 @@
+// wnaspi32.dll for a simulated SCSI bus: answers the two ASPI entry points
+// from aspibus.ini in the module's own folder (re-read by every
+// GetASPI32SupportInfo). A target that is not described answers
+// SS_NO_DEVICE; a described one completes at once, after its DelayMs, or
+// never (Silent).
+//
+// Thread contract: the entry points are called on the caller's thread; a
+// delayed request is completed by a thread of this module, which writes the
+// data and status bytes of the caller's block and stores SRB_Status last
+// with release order. A completion is dropped when a newer request was sent
+// meanwhile (the caller gave up and reuses its block) or when the module is
+// being unloaded, which waits for every such thread.
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "modules/aspisim/AspiBus.h"
+#include "sxaspi.h"
+
+namespace sx::aspisim {
+
+namespace {
+
+constexpr char kBusFile[] = "aspibus.ini";
+constexpr uint8_t kAdapterScsiId = 7;
+constexpr char kManagerId[] = "sxscan SCSI sim";
+
+std::string ModuleFolder() {
+  Dl_info info{};
+  if (!dladdr(reinterpret_cast<void*>(&ModuleFolder), &info) || !info.dli_fname) return ".";
+  std::string path = info.dli_fname;
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+std::string ReadBusFile() {
+  std::ifstream in(ModuleFolder() + "/" + kBusFile, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// The library's own factor for its waits, so that a delay keeps its relation
+// to the library's 6000 ms limit when tests shorten time.
+double TimeScale() {
+  const char* text = std::getenv("SX_TIME_SCALE");
+  if (!text || !*text) return 1.0;
+  char* end = nullptr;
+  const double scale = std::strtod(text, &end);
+  return end == text || !std::isfinite(scale) || scale < 0 ? 1.0 : scale;
+}
+
+void Complete(SRB_ExecSCSICmd& srb, const Target& t) {
+  const size_t n = std::min<size_t>(srb.SRB_BufLen, t.InquiryLength);
+  if (n && srb.SRB_BufPointer) std::memcpy(srb.SRB_BufPointer, t.Inquiry.data(), n);
+  srb.SRB_HaStat = 0;
+  srb.SRB_TargStat = 0;
+  std::atomic_ref<uint8_t>(srb.SRB_Status).store(t.Status, std::memory_order_release);
+}
+
+class Simulator {
+ public:
+  ~Simulator() {
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      stopping_ = true;
+    }
+    wake_.notify_all();
+    for (std::thread& t : completers_) t.join();
+  }
+
+  uint32_t SupportInfo() {
+    std::lock_guard<std::mutex> guard(lock_);
+    bus_ = ParseBus(ReadBusFile());
+    const auto count = static_cast<uint32_t>(std::min<size_t>(bus_.Adapters.size(), kMaxAdapters));
+    const uint32_t status = count ? SS_COMP : SS_NO_ADAPTERS;
+    return (status << 8) | count;
+  }
+
+  uint32_t Send(void* request) {
+    if (!request) return SS_INVALID_CMD;
+    const uint8_t command = *static_cast<uint8_t*>(request);
+    if (command == SC_HA_INQUIRY) return AdapterInquiry(*static_cast<SRB_HAInquiry*>(request));
+    if (command == SC_EXEC_SCSI_CMD) return Execute(*static_cast<SRB_ExecSCSICmd*>(request));
+    static_cast<uint8_t*>(request)[1] = SS_INVALID_CMD;
+    return SS_INVALID_CMD;
+  }
+
+ private:
+  const Adapter* Find(uint8_t id) const {
+    return id < bus_.Adapters.size() && bus_.Adapters[id].Present ? &bus_.Adapters[id] : nullptr;
+  }
+
+  uint32_t AdapterInquiry(SRB_HAInquiry& block) {
+    std::lock_guard<std::mutex> guard(lock_);
+    const Adapter* a = Find(block.SRB_HaId);
+    if (!a) return block.SRB_Status = SS_INVALID_HA;
+    block.HA_Count = static_cast<uint8_t>(kTargetsPerAdapter);
+    block.HA_SCSI_ID = kAdapterScsiId;
+    std::memset(block.HA_ManagerId, 0, sizeof block.HA_ManagerId);
+    std::memcpy(block.HA_ManagerId, kManagerId, std::min(sizeof kManagerId - 1, sizeof block.HA_ManagerId));
+    std::memset(block.HA_Identifier, 0, sizeof block.HA_Identifier);
+    std::memcpy(block.HA_Identifier, a->Identifier.data(), std::min(a->Identifier.size(), sizeof block.HA_Identifier));
+    return block.SRB_Status = a->Status;
+  }
+
+  uint32_t Execute(SRB_ExecSCSICmd& srb) {
+    std::lock_guard<std::mutex> guard(lock_);
+    const uint64_t sequence = ++sequence_;
+    const Adapter* a = Find(srb.SRB_HaId);
+    if (!a) return srb.SRB_Status = SS_INVALID_HA;
+    if (srb.SRB_Target >= kTargetsPerAdapter || srb.SRB_Lun != 0 || !a->Targets[srb.SRB_Target].Present)
+      return srb.SRB_Status = SS_NO_DEVICE;
+    const Target& t = a->Targets[srb.SRB_Target];
+    if (!t.Silent && t.DelayMs == 0) {
+      Complete(srb, t);
+      return t.Status;
+    }
+    srb.SRB_Status = SS_PENDING;
+    if (!t.Silent) {
+      const auto delay = std::chrono::duration<double, std::milli>(t.DelayMs * TimeScale());
+      completers_.emplace_back([this, &srb, t, sequence, delay] { CompleteLater(srb, t, sequence, delay); });
+    }
+    return SS_PENDING;
+  }
+
+  void CompleteLater(SRB_ExecSCSICmd& srb, Target t, uint64_t sequence, std::chrono::duration<double, std::milli> delay) {
+    std::unique_lock<std::mutex> guard(lock_);
+    const auto due = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(delay);
+    wake_.wait_until(guard, due, [this] { return stopping_; });
+    if (!stopping_ && sequence == sequence_) Complete(srb, t);
+  }
+
+  std::mutex lock_;
+  std::condition_variable wake_;
+  bool stopping_ = false;
+  uint64_t sequence_ = 0;
+  Bus bus_;
+  std::vector<std::thread> completers_;
+};
+
+Simulator gSimulator;
+
+}  // namespace
+
+}  // namespace sx::aspisim
+
+extern "C" {
+
+__attribute__((visibility("default"))) uint32_t GetASPI32SupportInfo(void) {
+  return sx::aspisim::gSimulator.SupportInfo();
+}
+
+__attribute__((visibility("default"))) uint32_t SendASPI32Command(void* srb) {
+  return sx::aspisim::gSimulator.Send(srb);
+}
+
+}  // extern "C"
