@@ -44,6 +44,12 @@ install(TARGETS vscan LIBRARY DESTINATION ${SX_INSTALL_SKELETON}/windows/twain_3
   COMPONENT runtime)
 install(FILES cmake/skeleton/vscan.ini cmake/skeleton/cmatch.ini
   DESTINATION ${SX_INSTALL_SKELETON}/windows/twain_32/Corvane/VScan COMPONENT runtime)
+# SCSI: the machine's own bus over SG_IO is the default tree's ASPI; the
+# simulated bus waits in the module folder for whoever wants to describe one.
+install(TARGETS aspisg LIBRARY DESTINATION ${SX_INSTALL_SKELETON}/windows/system32 COMPONENT runtime)
+install(TARGETS aspisim LIBRARY DESTINATION ${SX_INSTALL_MODULEDIR}/scsi-sim COMPONENT runtime)
+install(FILES modules/aspisim/aspibus.ini.example DESTINATION ${SX_INSTALL_MODULEDIR}/scsi-sim
+  COMPONENT runtime)
 install(FILES cmake/skeleton/user.reg DESTINATION ${SX_INSTALL_SKELETON} COMPONENT runtime)
 install(DIRECTORY DESTINATION ${SX_INSTALL_SKELETON}/temp COMPONENT runtime)
 if(TARGET sxprofile)

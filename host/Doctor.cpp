@@ -4,6 +4,7 @@
 // colour-management modules and the trace settings; each problem with the
 // fix in one line. It reads the files itself and asks the library only for
 // its list of data sources, so it explains a set-up without changing it.
+#include <dlfcn.h>
 #include <stdlib.h>  // setenv, unsetenv
 
 #include <cctype>
@@ -430,10 +431,33 @@ void ReportDrivers(const fs::path& root) {
   std::printf("  %zu data source(s) offered\n", listed.size());
 }
 
+// Loads the ASPI module as the library would and asks it for its adapters.
+void ReportAspi(const fs::path& aspi) {
+  if (!fs::exists(aspi)) {
+    std::printf("ASPI         %s: absent (SCSI scanners are not looked for)\n", aspi.c_str());
+    return;
+  }
+  void* module = dlopen(aspi.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!module) {
+    std::printf("ASPI         %s: present\n", aspi.c_str());
+    Problem(std::string("it cannot be loaded: ") + dlerror(), "replace it with the Linux ASPI module of the build");
+    return;
+  }
+  using SupportInfo = uint32_t (*)();
+  auto info = reinterpret_cast<SupportInfo>(dlsym(module, "GetASPI32SupportInfo"));
+  const bool send = dlsym(module, "SendASPI32Command") != nullptr;
+  if (!info || !send) {
+    std::printf("ASPI         %s: present\n", aspi.c_str());
+    Problem("it lacks GetASPI32SupportInfo or SendASPI32Command, so SCSI scanners are not looked for",
+            "replace it with the Linux ASPI module of the build (modules/aspisg/wnaspi32.dll)");
+  } else {
+    std::printf("ASPI         %s: %u host adapter(s)\n", aspi.c_str(), info() & 0xFFu);
+  }
+  dlclose(module);
+}
+
 void ReportSystemModules(const fs::path& root) {
-  const fs::path aspi = root / "windows/system32/wnaspi32.dll";
-  std::printf("ASPI         %s: %s\n", aspi.c_str(),
-              fs::exists(aspi) ? "present" : "absent (SCSI scanners are not looked for)");
+  ReportAspi(root / "windows/system32/wnaspi32.dll");
   const fs::path cmms = root / "windows/system32/sxcmms.dll";
   const fs::path color = root / "windows/system32/SPOOL/DRIVERS/COLOR";
   std::printf("colour       %s\n", fs::exists(cmms) ? cmms.c_str()

@@ -22,7 +22,7 @@ tools/setup.sh >/dev/null
 build_log=$(mktemp)
 echo "demo: building (log: $build_log)"
 if ! { cmake -S . -B "$BUILD" -DSX_WERROR=ON &&
-       cmake --build "$BUILD" -j "$JOBS" --target sxscan_host vscan sxcmms sxprofile; } >"$build_log" 2>&1; then
+       cmake --build "$BUILD" -j "$JOBS" --target sxscan_host vscan sxcmms sxprofile aspisg; } >"$build_log" 2>&1; then
   tail -n 40 "$build_log"
   echo "demo: the build failed" >&2
   exit 1
@@ -44,6 +44,10 @@ Port=USB
 [Feeder]
 Sheets=0
 INI
+
+# SCSI: the machine's own bus is asked for scanners through the Linux ASPI
+# module (a machine without SCSI answers at once).
+install -D -m 0755 "$BUILD/modules/aspisg/wnaspi32.dll" "$SX_ROOT/windows/system32/wnaspi32.dll"
 
 # Colour matching: the colour-management module beside the system's modules,
 # the scanner's input profile and an sRGB output profile in the colour folder,

@@ -3,7 +3,7 @@
 # sanitizers) straight from the platform sources and runs each one for a
 # bounded time on its seed corpus.
 #
-#   tools/fuzz.sh [target...]      targets: registry profile version values driver vscan kernels
+#   tools/fuzz.sh [target...]      targets: registry profile version values driver vscan kernels aspibus
 #                                  (default: all)
 #
 # Environment: FUZZ_SECONDS (default 20) per target; FUZZ_BUILD_DIR (default
@@ -33,11 +33,12 @@ core="$core $kernels"
 sources[values]="$core"
 sources[driver]="$core"
 sources[vscan]="modules/vscan/VscanConfig.cpp modules/common/ModuleIni.cpp modules/vscan/TestChart.cpp $kernels"
+sources[aspibus]="modules/aspisim/AspiBus.cpp modules/common/ModuleIni.cpp"
 # The kernels against the tests' reference; on x86-64 the AVX2 set too.
 sources[kernels]="$kernels tests/support/ReferenceKernels.cpp"
 
 targets=("$@")
-[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version values driver vscan kernels)
+[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version values driver vscan kernels aspibus)
 mkdir -p "$out"
 
 status=0

@@ -15,7 +15,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 JOBS=${JOBS:-2}
 BUILD_ROOT=${BUILD_ROOT:-build}
 FUZZ_SECONDS=${FUZZ_SECONDS:-5}
-TSAN_SUITES=${TSAN_SUITES:-"platform lifecycle acquire buffered reliability"}
+TSAN_SUITES=${TSAN_SUITES:-"platform lifecycle acquire buffered reliability scsi"}
 SKIP_STAGES=${SKIP_STAGES:-}
 
 summary=()

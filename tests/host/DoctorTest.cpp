@@ -36,6 +36,7 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
   EXPECT_TRUE(sound.Says("from the environment variable SX_ROOT")) << sound.text;
   EXPECT_TRUE(sound.Says("Corvane/QM7110/vscan.dll: offered as \"USB - QM7110V")) << sound.text;
   EXPECT_TRUE(sound.Says("no problem found")) << sound.text;
+  EXPECT_TRUE(sound.Says("wnaspi32.dll: absent (SCSI scanners are not looked for)")) << sound.text;
 
   // A module without a version record, one refused at initialisation (no
   // model), another maker's, and a damaged registry store.
@@ -44,6 +45,9 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
   root.InstallVscan("Other/Scanner", "[Scanner]\nModel=QM9\n",
                     sxtest::DefaultVersionText("1, 0, 0, 0", "Other Devices Ltd."), "other.dll");
   root.WriteRegistry("[Software\\Quillmark]\n\"DEBUGLEVEL\"=dword:00000002\n\"SOURCENAME\"=str(2):\"US");
+  // A module in ASPI's place that is no ASPI module.
+  fs::create_directories(root.Path() / "windows/system32");
+  fs::copy_file(SX_TEST_VSCAN, root.Path() / "windows/system32/wnaspi32.dll");
   // Run from the tree's folder: the traced discovery writes its log there.
   Report faults = Doctor(root, "cd '" + root.Path().string() + "' &&");
   EXPECT_EQ(faults.exitCode, 1);
@@ -55,10 +59,11 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
   EXPECT_TRUE(faults.Says("Other/Scanner/other.dll: not offered (maker \"Other Devices Ltd.\")"))
       << faults.text;
   EXPECT_TRUE(faults.Says("1 damaged line(s)")) << faults.text;
+  EXPECT_TRUE(faults.Says("problem: it lacks GetASPI32SupportInfo or SendASPI32Command")) << faults.text;
   // Without "SAVEPATH" the log lands in the host program's current folder.
   EXPECT_TRUE(faults.Says("trace level 2, log " + (root.Path() / "scandiag.txt").string()))
       << faults.text;
-  EXPECT_TRUE(faults.Says("4 problem(s) found")) << faults.text;
+  EXPECT_TRUE(faults.Says("5 problem(s) found")) << faults.text;
 }
 
 TEST(HostDoctor, ExplainsTheTraceLogTheRootAndUnofferedCopies) {
