@@ -214,7 +214,13 @@ void Consume(Consumer& c) {
     ReleaseNode(c.Cursor);
     c.Cursor = c.Cursor->Next;
     if (IsEndMark(c.Cursor)) return;
-    if (!PageLimitAllows(PagesDeliveredRef().load(std::memory_order_relaxed))) return;
+    // Design note: the page limit is checked after a page's last block only.
+    // A limit of 0 or below (other than -1) would otherwise end the transfer
+    // after the first block while the read thread, which counts pages,
+    // still reads the first page into a ring nobody frees; such a limit
+    // gives one whole page, as in direct mode.
+    const int32_t delivered = PagesDeliveredRef().load(std::memory_order_relaxed);
+    if (d.Code == kBlockPageEnd && !PageLimitAllows(delivered)) return;
   }
 }
 

@@ -208,6 +208,8 @@ TEST_F(BufferedAcquire, PagesUpToTheLimit) {
   const Row rows[] = {
       {"dword:00000001", "1", {1}, {2}},       {"dword:00000001", "2", {1, 2}, {3}},
       {"dword:00000001", "-1", {1, 2, 3}, {}}, {"dword:00000002", "1", {0}, {0}},
+      // No limit a host means: one whole page, as direct mode gives.
+      {"dword:00000001", "0", {1}, {2}},       {"dword:00000001", "-1221288373", {1}, {2}},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(std::string(r.ScanType) + " " + r.XferCount);
