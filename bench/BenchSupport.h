@@ -8,6 +8,9 @@
 #include <fstream>
 #include <string>
 
+#include "sxscan.h"
+#include "sxsys.h"
+
 namespace sxbench {
 
 namespace fs = std::filesystem;
@@ -20,6 +23,64 @@ inline void WriteText(const fs::path& path, const std::string& text) {
 template <typename T>
 T Resolve(void* module, const char* name) {
   return reinterpret_cast<T>(dlsym(module, name));
+}
+
+// The library as a host loads it: dlopen'ed from the build and its entry
+// points looked up by name. Unbind frees the library (SxFree) and unloads it.
+struct HostApi {
+  void* Library = nullptr;
+  decltype(&::SxLoad) Load = nullptr;
+  decltype(&::SxFree) Free = nullptr;
+  decltype(&::SxSetValue) SetValue = nullptr;
+  decltype(&::SxQueryData) QueryData = nullptr;
+  decltype(&::SxAcquire) Acquire = nullptr;
+  decltype(&::SxSysGlobalAlloc) Alloc = nullptr;
+  decltype(&::SxSysGlobalLock) Lock = nullptr;
+  decltype(&::SxSysGlobalUnlock) Unlock = nullptr;
+  decltype(&::SxSysGlobalBlockCount) Blocks = nullptr;
+
+  // False when the library does not load or lacks an entry point.
+  bool Bind() {
+    Library = dlopen(SX_BENCH_LIBSXSCAN, RTLD_NOW | RTLD_LOCAL);
+    if (!Library) return false;
+    Load = Resolve<decltype(Load)>(Library, "SxLoad");
+    Free = Resolve<decltype(Free)>(Library, "SxFree");
+    SetValue = Resolve<decltype(SetValue)>(Library, "SxSetValue");
+    QueryData = Resolve<decltype(QueryData)>(Library, "SxQueryData");
+    Acquire = Resolve<decltype(Acquire)>(Library, "SxAcquire");
+    Alloc = Resolve<decltype(Alloc)>(Library, "SxSysGlobalAlloc");
+    Lock = Resolve<decltype(Lock)>(Library, "SxSysGlobalLock");
+    Unlock = Resolve<decltype(Unlock)>(Library, "SxSysGlobalUnlock");
+    Blocks = Resolve<decltype(Blocks)>(Library, "SxSysGlobalBlockCount");
+    return Load && Free && SetValue && QueryData && Acquire && Alloc && Lock && Unlock && Blocks;
+  }
+  // Bind, then SxLoad; false unless the library loaded its data source.
+  bool BindAndLoad() { return Bind() && Load(nullptr) == 0; }
+  void Unbind() {
+    if (!Library) return;
+    if (Free) Free();
+    dlclose(Library);
+    Library = nullptr;
+  }
+};
+
+// The host buffer the benchmarks offer for every block: 1 MiB, the size
+// buffered transfers are made for.
+constexpr int64_t kHostBuffer = 1 << 20;
+
+// Bytes delivered with data, page-end and short-page codes since the counter was last
+// cleared. Thread contract: the library calls back on the host's thread.
+inline int64_t gDelivered = 0;
+
+// A host that answers each page's announcement with kHostBuffer and counts
+// what it is given.
+inline int32_t SX_API CountingCallback(void*, int64_t* count, int32_t code) {
+  if (code == SX_XFER_IMAGE_INFO) {
+    *count = kHostBuffer;
+    return 0;
+  }
+  if (code == SX_XFER_DATA || code == SX_XFER_PAGE_END || code == SX_XFER_SHORT_PAGE) gDelivered += *count;
+  return 0;
 }
 
 // The virtual scanner (model QM7110V) installed under `root` with the extra

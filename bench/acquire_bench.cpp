@@ -24,16 +24,17 @@
 namespace {
 
 namespace fs = std::filesystem;
+using sxbench::CountingCallback;
+using sxbench::gDelivered;
+using sxbench::kHostBuffer;
 
 constexpr int32_t kPixels = 2544;
 constexpr int32_t kLines = 3508;
 constexpr int64_t kLineBytes = 3 * kPixels;
 constexpr int64_t kPageBytes = kLineBytes * kLines;
-constexpr int64_t kHostBuffer = 1 << 20;
 constexpr int64_t kBlockLines = kHostBuffer / kLineBytes;  // 137
 
 using sxbench::Resolve;
-using sxbench::WriteText;
 
 // A temporary root with one virtual scanner for the library and a second
 // copy of the module for the raw reads (a separate file, so a separate
@@ -41,9 +42,7 @@ using sxbench::WriteText;
 struct Setup {
   fs::path Root;
   fs::path RawModule;
-  void* Library = nullptr;
-  decltype(&::SxAcquire) Acquire = nullptr;
-  decltype(&::SxFree) Free = nullptr;
+  sxbench::HostApi Api;
   void* Buffer = nullptr;
   bool Ready = false;
 
@@ -57,23 +56,12 @@ struct Setup {
     fs::create_directories(RawModule.parent_path());
     fs::copy_file(SX_BENCH_VSCAN, RawModule, fs::copy_options::overwrite_existing);
     ::setenv("SX_ROOT", Root.c_str(), 1);
-
-    Library = dlopen(SX_BENCH_LIBSXSCAN, RTLD_NOW | RTLD_LOCAL);
-    if (!Library) return;
-    auto load = Resolve<decltype(&::SxLoad)>(Library, "SxLoad");
-    auto alloc = Resolve<decltype(&::SxSysGlobalAlloc)>(Library, "SxSysGlobalAlloc");
-    auto lock = Resolve<decltype(&::SxSysGlobalLock)>(Library, "SxSysGlobalLock");
-    Acquire = Resolve<decltype(&::SxAcquire)>(Library, "SxAcquire");
-    Free = Resolve<decltype(&::SxFree)>(Library, "SxFree");
-    if (!load || !alloc || !lock || !Acquire || !Free || load(nullptr) != 0) return;
-    Buffer = lock(alloc(SX_GHND, kHostBuffer));
+    if (!Api.BindAndLoad()) return;
+    Buffer = Api.Lock(Api.Alloc(SX_GHND, kHostBuffer));
     Ready = Buffer != nullptr;
   }
   ~Setup() {
-    if (Library) {
-      if (Free) Free();
-      dlclose(Library);
-    }
+    Api.Unbind();
     std::error_code ec;
     fs::remove_all(Root, ec);
   }
@@ -84,17 +72,6 @@ Setup& Bench() {
   return setup;
 }
 
-int64_t gDelivered = 0;
-
-int32_t SX_API HostCallback(void* data, int64_t* count, int32_t code) {
-  if (code == SX_XFER_IMAGE_INFO) {
-    *count = kHostBuffer;
-    return 0;
-  }
-  benchmark::DoNotOptimize(data);
-  gDelivered += *count;
-  return 0;
-}
 
 void BM_DirectAcquisition(benchmark::State& state) {
   Setup& s = Bench();
@@ -104,7 +81,7 @@ void BM_DirectAcquisition(benchmark::State& state) {
   }
   for (auto _ : state) {
     gDelivered = 0;
-    if (s.Acquire(HostCallback, s.Buffer) != 0 || gDelivered != kPageBytes) {
+    if (s.Api.Acquire(CountingCallback, s.Buffer) != 0 || gDelivered != kPageBytes) {
       state.SkipWithError("the acquisition failed");
       return;
     }

@@ -22,21 +22,19 @@
 namespace {
 
 namespace fs = std::filesystem;
+using sxbench::CountingCallback;
+using sxbench::gDelivered;
+using sxbench::kHostBuffer;
 
 constexpr int32_t kPixels = 2544;
 constexpr int32_t kLines = 3508;
 constexpr int64_t kPageBytes = int64_t{3} * kPixels * kLines;
-constexpr int64_t kHostBuffer = 1 << 20;
 
-using sxbench::Resolve;
 using sxbench::WriteText;
 
 struct Setup {
   fs::path Root;
-  void* Library = nullptr;
-  decltype(&::SxAcquire) Acquire = nullptr;
-  decltype(&::SxSetValue) SetValue = nullptr;
-  decltype(&::SxFree) Free = nullptr;
+  sxbench::HostApi Api;
   void* Buffer = nullptr;
   bool Ready = false;
 
@@ -52,27 +50,15 @@ struct Setup {
     WriteText(folder / "cmatch.ini", "[Model]\nQM7110V=scanner.icc\n");
     sx::cmms::SaveProfile(sx::cmms::CreateScannerProfile(), (color / "scanner.icc").string());
     ::setenv("SX_ROOT", Root.c_str(), 1);
-    Library = dlopen(SX_BENCH_LIBSXSCAN, RTLD_NOW | RTLD_LOCAL);
-    if (!Library) return;
-    auto load = Resolve<decltype(&::SxLoad)>(Library, "SxLoad");
-    auto query = Resolve<decltype(&::SxQueryData)>(Library, "SxQueryData");
-    auto alloc = Resolve<decltype(&::SxSysGlobalAlloc)>(Library, "SxSysGlobalAlloc");
-    auto lock = Resolve<decltype(&::SxSysGlobalLock)>(Library, "SxSysGlobalLock");
-    Acquire = Resolve<decltype(&::SxAcquire)>(Library, "SxAcquire");
-    SetValue = Resolve<decltype(&::SxSetValue)>(Library, "SxSetValue");
-    Free = Resolve<decltype(&::SxFree)>(Library, "SxFree");
-    if (!load || !query || !alloc || !lock || !Acquire || !SetValue || !Free || load(nullptr) != 0) return;
+    if (!Api.BindAndLoad()) return;
     SxValueList* list = nullptr;
-    query(CAP_COLORMATCH, TY_INT32, &list);  // loads the module and takes the profile
+    Api.QueryData(CAP_COLORMATCH, TY_INT32, &list);  // loads the module and takes the profile
     if (!list || list->Count != 2) return;
-    Buffer = lock(alloc(SX_GHND, kHostBuffer));
+    Buffer = Api.Lock(Api.Alloc(SX_GHND, kHostBuffer));
     Ready = Buffer != nullptr;
   }
   ~Setup() {
-    if (Library) {
-      if (Free) Free();
-      dlclose(Library);
-    }
+    Api.Unbind();
     std::error_code ec;
     fs::remove_all(Root, ec);
   }
@@ -83,17 +69,6 @@ Setup& Bench() {
   return setup;
 }
 
-int64_t gDelivered = 0;
-
-int32_t SX_API HostCallback(void* data, int64_t* count, int32_t code) {
-  if (code == SX_XFER_IMAGE_INFO) {
-    *count = kHostBuffer;
-    return 0;
-  }
-  benchmark::DoNotOptimize(data);
-  gDelivered += *count;
-  return 0;
-}
 
 void Acquisition(benchmark::State& state, uint8_t colorMatch) {
   Setup& s = Bench();
@@ -101,10 +76,10 @@ void Acquisition(benchmark::State& state, uint8_t colorMatch) {
     state.SkipWithError("the library did not load the scanner with colour matching");
     return;
   }
-  s.SetValue(CAP_COLORMATCH, TY_UINT8, &colorMatch);
+  s.Api.SetValue(CAP_COLORMATCH, TY_UINT8, &colorMatch);
   for (auto _ : state) {
     gDelivered = 0;
-    if (s.Acquire(HostCallback, s.Buffer) != 0 || gDelivered != kPageBytes) {
+    if (s.Api.Acquire(CountingCallback, s.Buffer) != 0 || gDelivered != kPageBytes) {
       state.SkipWithError("the acquisition failed");
       return;
     }
@@ -134,9 +109,9 @@ int32_t SX_API KeepPage(void* data, int64_t* count, int32_t code) {
 void BM_BareTransform(benchmark::State& state) {
   Setup& s = Bench();
   uint8_t off = 0;
-  s.SetValue(CAP_COLORMATCH, TY_UINT8, &off);
+  s.Api.SetValue(CAP_COLORMATCH, TY_UINT8, &off);
   gPage.clear();
-  if (!s.Ready || s.Acquire(KeepPage, s.Buffer) != 0 || gPage.size() != kPageBytes) {
+  if (!s.Ready || s.Api.Acquire(KeepPage, s.Buffer) != 0 || gPage.size() != kPageBytes) {
     state.SkipWithError("the plain page could not be acquired");
     return;
   }

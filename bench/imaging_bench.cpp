@@ -37,7 +37,7 @@ constexpr int32_t kLineBytes = 3 * kPixels;
 constexpr size_t kPageBytes = size_t{kLineBytes} * kLines;
 constexpr int32_t kBlockLines = 137;  // a 1 MiB block of these lines
 constexpr int32_t kSharpenLevel = 2;
-constexpr int64_t kHostBuffer = 1 << 20;  // the host's transfer buffer, as sxscan's default
+using sxbench::kHostBuffer;  // the host's transfer buffer, as sxscan's default
 
 using Bytes = std::vector<uint8_t>;
 
@@ -239,49 +239,10 @@ void Register() {
 
 // --- Buffered against direct, with the scanner as slow as the processing.
 
-using sxbench::Resolve;
+sxbench::HostApi gApi;
 
-struct Api {
-  void* Library = nullptr;
-  decltype(&::SxLoad) Load = nullptr;
-  decltype(&::SxFree) Free = nullptr;
-  decltype(&::SxSetValue) SetValue = nullptr;
-  decltype(&::SxAcquire) Acquire = nullptr;
-  decltype(&::SxSysGlobalAlloc) Alloc = nullptr;
-  decltype(&::SxSysGlobalLock) Lock = nullptr;
-  decltype(&::SxSysGlobalUnlock) Unlock = nullptr;
-  bool Bind() {
-    Library = dlopen(SX_BENCH_LIBSXSCAN, RTLD_NOW | RTLD_LOCAL);
-    if (!Library) return false;
-    Load = Resolve<decltype(Load)>(Library, "SxLoad");
-    Free = Resolve<decltype(Free)>(Library, "SxFree");
-    SetValue = Resolve<decltype(SetValue)>(Library, "SxSetValue");
-    Acquire = Resolve<decltype(Acquire)>(Library, "SxAcquire");
-    Alloc = Resolve<decltype(Alloc)>(Library, "SxSysGlobalAlloc");
-    Lock = Resolve<decltype(Lock)>(Library, "SxSysGlobalLock");
-    Unlock = Resolve<decltype(Unlock)>(Library, "SxSysGlobalUnlock");
-    return Load && Free && SetValue && Acquire && Alloc && Lock && Unlock;
-  }
-  void Unbind() {
-    if (!Library) return;
-    if (Free) Free();
-    dlclose(Library);
-    Library = nullptr;
-  }
-} gApi;
-
-int64_t gDelivered = 0;
-int32_t gBlocks = 0;
-
-int32_t SX_API Callback(void* data, int64_t* count, int32_t code) {
-  if (code == SX_XFER_IMAGE_INFO) {
-    *count = kHostBuffer;
-    return 0;
-  }
-  benchmark::DoNotOptimize(data);
-  if (code == SX_XFER_DATA || code == SX_XFER_PAGE_END) gDelivered += *count, ++gBlocks;
-  return 0;
-}
+using sxbench::CountingCallback;
+using sxbench::gDelivered;
 
 // Seconds for the best of three acquisitions in the given mode; 0 on failure.
 // The buffer is locked for each acquisition, as a host does: direct
@@ -293,9 +254,9 @@ double TimeAcquisition(uint8_t buffering, SxHandle buffer) {
   }
   double best = 1e9;
   for (int i = 0; i < 3; ++i) {
-    gDelivered = 0, gBlocks = 0;
+    gDelivered = 0;
     const auto start = std::chrono::steady_clock::now();
-    const int32_t result = gApi.Acquire(Callback, gApi.Lock(buffer));
+    const int32_t result = gApi.Acquire(CountingCallback, gApi.Lock(buffer));
     gApi.Unlock(buffer);
     if (result != 0 || gDelivered != int64_t{kPageBytes}) {
       std::fprintf(stderr, "acquisition: result %d, %lld bytes delivered of %zu\n", result,

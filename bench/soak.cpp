@@ -32,7 +32,7 @@ namespace fs = std::filesystem;
 constexpr int kDefaultAcquisitions = 10000;
 constexpr int kWarmUp = 72;  // every combination once before the baseline
 constexpr long kRssSlackKiB = 2048;
-constexpr size_t kHostBuffer = 1 << 20;
+using sxbench::kHostBuffer;
 constexpr int32_t kResolutions[] = {75, 150, 300};
 constexpr int32_t kPixelTypes[] = {0, 1, 2};  // line art, grey, colour
 constexpr int32_t kBitsOfType[] = {1, 8, 24};
@@ -61,45 +61,15 @@ int OpenDescriptors() {
   return count;
 }
 
-using sxbench::Resolve;
-
-struct Api {
-  decltype(&::SxLoad) Load = nullptr;
-  decltype(&::SxFree) Free = nullptr;
-  decltype(&::SxSetValue) SetValue = nullptr;
-  decltype(&::SxAcquire) Acquire = nullptr;
-  decltype(&::SxSysGlobalAlloc) Alloc = nullptr;
-  decltype(&::SxSysGlobalLock) Lock = nullptr;
-  decltype(&::SxSysGlobalUnlock) Unlock = nullptr;
-  decltype(&::SxSysGlobalBlockCount) Blocks = nullptr;
-  bool Bind(void* library) {
-    Load = Resolve<decltype(Load)>(library, "SxLoad");
-    Free = Resolve<decltype(Free)>(library, "SxFree");
-    SetValue = Resolve<decltype(SetValue)>(library, "SxSetValue");
-    Acquire = Resolve<decltype(Acquire)>(library, "SxAcquire");
-    Alloc = Resolve<decltype(Alloc)>(library, "SxSysGlobalAlloc");
-    Lock = Resolve<decltype(Lock)>(library, "SxSysGlobalLock");
-    Unlock = Resolve<decltype(Unlock)>(library, "SxSysGlobalUnlock");
-    Blocks = Resolve<decltype(Blocks)>(library, "SxSysGlobalBlockCount");
-    return Load && Free && SetValue && Acquire && Alloc && Lock && Unlock && Blocks;
-  }
-} gApi;
+sxbench::HostApi gApi;
 
 Figures Measure() {
   return {StatusField("VmRSS:"), OpenDescriptors(), static_cast<int>(StatusField("Threads:")),
           gApi.Blocks()};
 }
 
-int64_t gDelivered = 0;
-
-int32_t SX_API Callback(void*, int64_t* count, int32_t code) {
-  if (code == SX_XFER_IMAGE_INFO) {
-    *count = kHostBuffer;
-    return 0;
-  }
-  if (code >= SX_XFER_DATA) gDelivered += *count;
-  return 0;
-}
+using sxbench::CountingCallback;
+using sxbench::gDelivered;
 
 // The settings of acquisition `i`: each choice cycles at its own period, so
 // the run meets every combination.
@@ -139,8 +109,7 @@ int main(int argc, char** argv) {
   const int total = argc > 1 ? std::atoi(argv[1]) : kDefaultAcquisitions;
   const fs::path root = MakeRoot();
   ::setenv("SX_ROOT", root.c_str(), 1);
-  void* library = dlopen(SX_BENCH_LIBSXSCAN, RTLD_NOW | RTLD_LOCAL);
-  if (!library || !gApi.Bind(library) || gApi.Load(nullptr) != 0) {
+  if (!gApi.BindAndLoad()) {
     std::fprintf(stderr, "soak: the library did not load the virtual scanner\n");
     return 1;
   }
@@ -158,7 +127,7 @@ int main(int argc, char** argv) {
     gDelivered = 0;
     void* buffer = gApi.Lock(handle);
     gApi.Unlock(handle);
-    if (!Configure(i) || gApi.Acquire(Callback, buffer) != 0 || gDelivered == 0) {
+    if (!Configure(i) || gApi.Acquire(CountingCallback, buffer) != 0 || gDelivered == 0) {
       if (++failures <= 5) std::fprintf(stderr, "soak: acquisition %d failed\n", i);
     }
   }
@@ -176,8 +145,7 @@ int main(int argc, char** argv) {
          "");
   const bool grew = after.RssKiB - before.RssKiB > kRssSlackKiB || after.Fds != before.Fds ||
                     after.Threads != before.Threads || after.Blocks != before.Blocks;
-  gApi.Free();
-  dlclose(library);
+  gApi.Unbind();
   std::error_code ec;
   fs::remove_all(root, ec);
   if (grew) std::printf("soak: LEAK: a figure grew\n");
