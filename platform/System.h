@@ -8,8 +8,8 @@ namespace sx::plat {
 
 // Milliseconds of a monotonic clock (wraps like a 32-bit tick count).
 uint32_t TickCount();
-// The factor SX_TIME_SCALE sets for the library's waits (dialog timers and
-// pauses, the SCSI inquiry's limit): a non-negative number, default 1.
+// The factor SX_TIME_SCALE sets for the dialogs' timers and pauses: a
+// non-negative number, default 1.
 double TimeScale();
 // The Shift key stand-in: SX_SHIFT_HELD is "1" at the moment of the query.
 bool IsShiftHeld();

@@ -112,13 +112,11 @@ void SendInquiry(uint8_t adapter, uint8_t target) {
 }
 
 // Waits, busily, until the request leaves SS_PENDING or the limit passes; a
-// request still pending then is left as it is. The limit follows
-// SX_TIME_SCALE like the library's other waits.
+// request still pending then is left as it is.
 uint8_t AwaitCompletion() {
   const uint32_t start = plat::TickCount();
-  const auto limit = static_cast<uint32_t>(kPollLimitMs * plat::TimeScale());
   uint8_t status = StatusOf(gRequest.Srb.SRB_Status);
-  while (status == SS_PENDING && plat::TickCount() - start <= limit) {
+  while (status == SS_PENDING && plat::TickCount() - start <= kPollLimitMs) {
     std::this_thread::yield();
     status = StatusOf(gRequest.Srb.SRB_Status);
   }

@@ -18,7 +18,7 @@ struct Target {
   std::array<uint8_t, kInquiryBytes> Inquiry{};
   size_t InquiryLength = 0;  // bytes of Inquiry a request gets at most
   uint8_t Status = 1;        // SS_COMP
-  uint32_t DelayMs = 0;      // pending this long (scaled by SX_TIME_SCALE)
+  uint32_t DelayMs = 0;      // pending this long, in milliseconds
   bool Silent = false;       // pending for ever
 };
 

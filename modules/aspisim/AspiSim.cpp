@@ -15,9 +15,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <condition_variable>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -48,16 +46,6 @@ std::string ModuleFolder() {
 std::string ReadBusFile() {
   std::ifstream in(ModuleFolder() + "/" + kBusFile, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// The library's own factor for its waits, so that a delay keeps its relation
-// to the library's 6000 ms limit when tests shorten time.
-double TimeScale() {
-  const char* text = std::getenv("SX_TIME_SCALE");
-  if (!text || !*text) return 1.0;
-  char* end = nullptr;
-  const double scale = std::strtod(text, &end);
-  return end == text || !std::isfinite(scale) || scale < 0 ? 1.0 : scale;
 }
 
 void Complete(SRB_ExecSCSICmd& srb, const Target& t) {
@@ -128,7 +116,7 @@ class Simulator {
     }
     srb.SRB_Status = SS_PENDING;
     if (!t.Silent) {
-      const auto delay = std::chrono::duration<double, std::milli>(t.DelayMs * TimeScale());
+      const auto delay = std::chrono::duration<double, std::milli>(t.DelayMs);
       completers_.emplace_back([this, &srb, t, sequence, delay] { CompleteLater(srb, t, sequence, delay); });
     }
     return SS_PENDING;
