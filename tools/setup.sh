@@ -5,7 +5,7 @@ set -euo pipefail
 
 PACKAGES=(cmake g++ g++-multilib make binutils googletest libgtest-dev libbenchmark-dev
           libpng-dev libtiff-dev clang libclang-rt-14-dev pkg-config liblcms2-dev
-          libjpeg-dev libhpdf-dev libsane-dev sane-utils libopencv-dev)
+          libjpeg-dev libhpdf-dev libsane-dev sane-utils libopencv-dev qemu-user)
 
 missing=()
 for package in "${PACKAGES[@]}"; do

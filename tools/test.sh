@@ -61,7 +61,10 @@ runs_i386() {
 }
 
 # The i386 configuration: built (the records' static size and offset checks
-# run at compile time) and tested where the kernel can run it.
+# run at compile time) and tested, natively where the kernel runs i386
+# programs, else each test program under qemu's user-mode emulation. The
+# emulated run leaves out the install check, whose example program the
+# kernel would have to run itself.
 build_and_test_i386() {
   local dir=$1
   shift
@@ -69,8 +72,19 @@ build_and_test_i386() {
     build_and_test "$dir" "$@"
     return
   fi
-  echo "x86: this kernel cannot run i386 programs; building without running the tests"
-  cmake -S . -B "$dir" -DSX_WERROR=ON "$@" && cmake --build "$dir" -j "$JOBS"
+  cmake -S . -B "$dir" -DSX_WERROR=ON "$@" && cmake --build "$dir" -j "$JOBS" || return 1
+  if ! command -v qemu-i386 >/dev/null; then
+    echo "x86: this kernel cannot run i386 programs and qemu-i386 is absent; built without running the tests"
+    return 0
+  fi
+  echo "x86: this kernel cannot run i386 programs; running the tests under qemu-i386"
+  local program status=0
+  for program in "$dir"/tests/sx_tests_*; do
+    [[ -x $program ]] || continue
+    echo "== ${program##*/}"
+    (cd "$dir/tests" && timeout 1200 qemu-i386 -L / "./${program##*/}" --gtest_brief=1) || status=1
+  done
+  return $status
 }
 
 fuzz() {

@@ -8,6 +8,8 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,12 +36,27 @@ std::string RunShell(const std::string& command, int* status) {
   return out;
 }
 
-bool HaveScanimage() { return std::system("command -v scanimage >/dev/null 2>&1") == 0; }
+// The ELF class and machine bytes of a program: scanimage can load the
+// backend only when they are this test's own (an i386 build on an x86-64
+// machine has an x86-64 scanimage).
+std::string ElfAbi(const std::string& path) {
+  char header[20] = {};
+  std::ifstream(path, std::ios::binary).read(header, sizeof header);
+  if (std::memcmp(header, "\177ELF", 4) != 0) return {};
+  return {header[4], header[18], header[19]};
+}
+
+bool HaveScanimage() {
+  int status = 0;
+  std::string path = RunShell("command -v scanimage 2>/dev/null", &status);
+  while (!path.empty() && path.back() == '\n') path.pop_back();
+  return status == 0 && !path.empty() && ElfAbi(path) == ElfAbi("/proc/self/exe");
+}
 
 class Scanimage : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (kBackendDir.empty() || !HaveScanimage()) GTEST_SKIP() << "scanimage or the SANE headers are absent";
+    if (kBackendDir.empty() || !HaveScanimage()) GTEST_SKIP() << "scanimage of this ABI or the SANE headers are absent";
     root_.InstallVscan("Corvane/VScan", "[Feeder]\nSheets=3\n");
     fs::create_directories(root_.Path() / "conf");
     WriteFile(root_.Path() / "conf/dll.conf", "sxscan\n");
