@@ -62,9 +62,8 @@ runs_i386() {
 
 # The i386 configuration: built (the records' static size and offset checks
 # run at compile time) and tested, natively where the kernel runs i386
-# programs, else each test program under qemu's user-mode emulation. The
-# emulated run leaves out the install check, whose example program the
-# kernel would have to run itself.
+# programs, else each test program and the install check's examples under
+# qemu's user-mode emulation.
 build_and_test_i386() {
   local dir=$1
   shift
@@ -84,6 +83,8 @@ build_and_test_i386() {
     echo "== ${program##*/}"
     (cd "$dir/tests" && timeout 1200 qemu-i386 -L / "./${program##*/}" --gtest_brief=1) || status=1
   done
+  echo "== install"
+  SX_TEST_RUNNER="qemu-i386 -L /" bash tests/install/install_test.sh "$dir" cc -m32 || status=1
   return $status
 }
 

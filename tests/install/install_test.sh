@@ -5,6 +5,9 @@
 # installed package twice: through pkg-config and through find_package.
 #
 #   install_test.sh BUILD_DIR C_COMPILER [C_FLAGS]
+#
+# SX_TEST_RUNNER, when set, is the command the example programs run under
+# (e.g. "qemu-i386 -L /" for an i386 build on a kernel that cannot run it).
 set -euo pipefail
 build=$1
 cc=$2
@@ -54,7 +57,8 @@ run_example() {
   local program=$1
   local root="$work/root-$(basename "$program")"
   cp -r "$prefix/$libdir/sxscan/root" "$root"
-  (cd "$work/example" && SX_ROOT=$root "$program" 2>/dev/null) || fail "$program failed"
+  # shellcheck disable=SC2086 # the runner is a command with its options
+  (cd "$work/example" && SX_ROOT=$root ${SX_TEST_RUNNER:-} "$program" 2>/dev/null) || fail "$program failed"
   [[ -s "$work/example/page.raw" ]] || fail "$program wrote no page"
   rm -f "$work/example/page.raw"
 }
@@ -72,8 +76,11 @@ find_package(sxscan 0.1 REQUIRED)
 add_executable(by-find-package example.c)
 target_link_libraries(by-find-package PRIVATE sxscan::sxscan)
 CMAKE
+# The multiarch name is what a compiler of that ABI reports; a multilib
+# compiler given -m32 reports none, so it is named as a toolchain file would.
 cmake -S "$work/example" -B "$work/example/build" -DCMAKE_PREFIX_PATH="$prefix" \
-  -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$cflags" -DCMAKE_BUILD_RPATH="$prefix/$libdir" >/dev/null
+  -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$cflags" -DCMAKE_BUILD_RPATH="$prefix/$libdir" \
+  -DCMAKE_LIBRARY_ARCHITECTURE="${libdir#lib/}" >/dev/null
 cmake --build "$work/example/build" >/dev/null
 run_example "$work/example/build/by-find-package"
 
