@@ -438,22 +438,20 @@ void ReportAspi(const fs::path& aspi) {
     return;
   }
   void* module = dlopen(aspi.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!module) {
-    std::printf("ASPI         %s: present\n", aspi.c_str());
-    Problem(std::string("it cannot be loaded: ") + dlerror(), "replace it with the Linux ASPI module of the build");
-    return;
-  }
   using SupportInfo = uint32_t (*)();
-  auto info = reinterpret_cast<SupportInfo>(dlsym(module, "GetASPI32SupportInfo"));
-  const bool send = dlsym(module, "SendASPI32Command") != nullptr;
-  if (!info || !send) {
-    std::printf("ASPI         %s: present\n", aspi.c_str());
-    Problem("it lacks GetASPI32SupportInfo or SendASPI32Command, so SCSI scanners are not looked for",
-            "replace it with the Linux ASPI module of the build (modules/aspisg/wnaspi32.dll)");
-  } else {
+  const auto info = module ? reinterpret_cast<SupportInfo>(dlsym(module, "GetASPI32SupportInfo")) : nullptr;
+  const bool send = module && dlsym(module, "SendASPI32Command") != nullptr;
+  if (info && send) {
     std::printf("ASPI         %s: %u host adapter(s)\n", aspi.c_str(), info() & 0xFFu);
+  } else {
+    std::printf("ASPI         %s: present\n", aspi.c_str());
+    if (!module)
+      Problem(std::string("it cannot be loaded: ") + dlerror(), "replace it with the Linux ASPI module of the build");
+    else
+      Problem("it lacks GetASPI32SupportInfo or SendASPI32Command, so SCSI scanners are not looked for",
+              "replace it with the Linux ASPI module of the build (modules/aspisg/wnaspi32.dll)");
   }
-  dlclose(module);
+  if (module) dlclose(module);
 }
 
 void ReportSystemModules(const fs::path& root) {

@@ -39,16 +39,10 @@ bool ParseSectionName(std::string_view name, size_t& adapter, size_t& target, bo
   return !isTarget || (number(name, "Target", kTargetsPerAdapter, target) && name.empty());
 }
 
-const std::string* Value(const IniSection& s, std::string_view key) {
-  for (const auto& kv : s.Values)
-    if (modini::SameName(kv.first, key)) return &kv.second;
-  return nullptr;
-}
-
 template <class T>
 void ReadNumber(const IniSection& s, std::string_view key, T& out) {
   int64_t v = 0;
-  if (const std::string* text = Value(s, key); text && modini::ParseIniNumber(*text, v))
+  if (const std::string* text = modini::FindIn(s, key); text && modini::ParseIniNumber(*text, v))
     out = static_cast<T>(std::clamp<int64_t>(v, 0, static_cast<int64_t>(static_cast<T>(~T{}))));
 }
 
@@ -62,7 +56,7 @@ size_t ParseHex(const std::string& text, std::array<uint8_t, kInquiryBytes>& dat
   size_t n = 0;
   int high = -1;
   for (char c : text) {
-    int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+    const int d = modini::HexDigit(c);
     if (d < 0) {
       high = -1;
       continue;
@@ -81,7 +75,7 @@ size_t ParseHex(const std::string& text, std::array<uint8_t, kInquiryBytes>& dat
 Target ParseTarget(const IniSection& s) {
   Target t;
   t.Present = true;
-  if (const std::string* hex = Value(s, "Inquiry")) {
+  if (const std::string* hex = modini::FindIn(s, "Inquiry")) {
     t.InquiryLength = ParseHex(*hex, t.Inquiry);
   } else {
     uint8_t type = kDefaultType, flags = 0;
@@ -91,9 +85,9 @@ Target ParseTarget(const IniSection& s) {
     t.Inquiry[2] = kAnsiVersion;
     t.Inquiry[3] = kResponseFormat;
     t.Inquiry[4] = kStandardAdditionalLength;
-    PutText(t.Inquiry, kVendorAt, kVendorBytes, Value(s, "Vendor"));
-    PutText(t.Inquiry, kProductAt, kProductBytes, Value(s, "Product"));
-    PutText(t.Inquiry, kRevisionAt, kRevisionBytes, Value(s, "Revision"));
+    PutText(t.Inquiry, kVendorAt, kVendorBytes, modini::FindIn(s, "Vendor"));
+    PutText(t.Inquiry, kProductAt, kProductBytes, modini::FindIn(s, "Product"));
+    PutText(t.Inquiry, kRevisionAt, kRevisionBytes, modini::FindIn(s, "Revision"));
     t.Inquiry[kOwnCommandSetByte] = flags;
     t.InquiryLength = kInquiryBytes;
   }
@@ -120,7 +114,7 @@ Bus ParseBus(const std::string& text) {
       continue;
     }
     adapter.Present = true;
-    if (const std::string* id = Value(s, "Identifier")) adapter.Identifier = id->substr(0, 16);
+    if (const std::string* id = modini::FindIn(s, "Identifier")) adapter.Identifier = id->substr(0, 16);
     ReadNumber(s, "Status", adapter.Status);
   }
   return bus;

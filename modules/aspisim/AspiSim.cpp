@@ -10,8 +10,6 @@
 // with release order. A completion is dropped when a newer request was sent
 // meanwhile (the caller gave up and reuses its block) or when the module is
 // being unloaded, which waits for every such thread.
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -25,6 +23,7 @@
 #include <vector>
 
 #include "modules/aspisim/AspiBus.h"
+#include "modules/common/ModuleIni.h"
 #include "sxaspi.h"
 
 namespace sx::aspisim {
@@ -35,16 +34,8 @@ constexpr char kBusFile[] = "aspibus.ini";
 constexpr uint8_t kAdapterScsiId = 7;
 constexpr char kManagerId[] = "sxscan SCSI sim";
 
-std::string ModuleFolder() {
-  Dl_info info{};
-  if (!dladdr(reinterpret_cast<void*>(&ModuleFolder), &info) || !info.dli_fname) return ".";
-  std::string path = info.dli_fname;
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash);
-}
-
 std::string ReadBusFile() {
-  std::ifstream in(ModuleFolder() + "/" + kBusFile, std::ios::binary);
+  std::ifstream in(modini::ModuleFolder() + "/" + kBusFile, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 

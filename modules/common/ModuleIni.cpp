@@ -1,5 +1,7 @@
 #include "modules/common/ModuleIni.h"
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <cctype>
 
@@ -41,15 +43,26 @@ std::vector<IniSection> ParseIni(const std::string& text) {
   return sections;
 }
 
+const std::string* FindIn(const IniSection& section, std::string_view key) {
+  for (const auto& kv : section.Values)
+    if (SameName(kv.first, key)) return &kv.second;
+  return nullptr;
+}
+
 const std::string* Find(const std::vector<IniSection>& ini, std::string_view section, std::string_view key) {
   for (const IniSection& s : ini) {
     if (!SameName(s.Name, section)) continue;
-    for (const auto& kv : s.Values)
-      if (SameName(kv.first, key)) return &kv.second;
+    if (const std::string* value = FindIn(s, key)) return value;
   }
   return nullptr;
 }
 
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
 
 bool ParseIniNumber(const std::string& text, int64_t& value) {
   std::string_view s = Trim(text);
@@ -66,11 +79,8 @@ bool ParseIniNumber(const std::string& text, int64_t& value) {
   uint64_t v = 0;
   size_t digits = 0;
   for (char ch : s) {
-    int d = ch >= '0' && ch <= '9' ? ch - '0'
-            : base == 16 && ch >= 'a' && ch <= 'f' ? ch - 'a' + 10
-            : base == 16 && ch >= 'A' && ch <= 'F' ? ch - 'A' + 10
-                                                     : -1;
-    if (d < 0) break;
+    const int d = HexDigit(ch);
+    if (d < 0 || d >= base) break;
     // Saturate rather than wrap: an absurd number stays absurd.
     v = v > (uint64_t{1} << 40) ? v : v * base + d;
     ++digits;
@@ -78,6 +88,15 @@ bool ParseIniNumber(const std::string& text, int64_t& value) {
   if (digits == 0) return false;
   value = negative ? -static_cast<int64_t>(v) : static_cast<int64_t>(v);
   return true;
+}
+
+std::string ModuleFolder() {
+  Dl_info info{};
+  if (!dladdr(reinterpret_cast<void*>(&ModuleFolder), &info) || !info.dli_fname) return ".";
+  const std::string path = info.dli_fname;
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 }  // namespace sx::modini

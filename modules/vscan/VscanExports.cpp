@@ -2,11 +2,10 @@
 // lock, checks the session and the injected faults, runs its body in
 // VscanDevice.cpp, keeps the status of the call and writes its log line.
 // Nothing thrown inside may leave an entry point: a failure is result 0.
-#include <dlfcn.h>
-
 #include <mutex>
 #include <string>
 
+#include "modules/common/ModuleIni.h"
 #include "modules/vscan/VscanDevice.h"
 #include "sxdriver.h"
 
@@ -33,16 +32,6 @@ bool NeedsSession(Entry e) {
   return e != Entry::InitializeDriver && e != Entry::TerminateDriver && !IsStatusQuery(e);
 }
 
-// The folder of this module file, where its vscan.ini lies.
-std::string ModuleFolder() {
-  Dl_info info{};
-  if (!dladdr(reinterpret_cast<void*>(&ModuleFolder), &info) || !info.dli_fname) return ".";
-  std::string path = info.dli_fname;
-  size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 std::string NoArgs() { return {}; }
 
 template <class Args, class Body>
@@ -50,7 +39,7 @@ int32_t Call(Entry e, Args&& args, Body&& body) noexcept {
   try {
     std::lock_guard<std::mutex> lock(gLock);
     Device& d = gDevice;
-    if (d.Folder.empty()) d.Folder = ModuleFolder();
+    if (d.Folder.empty()) d.Folder = sx::modini::ModuleFolder();
     std::string extra;
     int32_t result = 0;
     if (NeedsSession(e) && !d.Initialized) {
