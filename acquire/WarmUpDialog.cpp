@@ -18,7 +18,7 @@ WarmUpDialogState gWarmUp;
 namespace {
 
 constexpr char kNumbersSection[] = "DS";
-constexpr char kLocalisationName[] = "/langpack.loc";
+constexpr char kLocalisationName[] = SX_PATH_SEP "langpack.loc";
 constexpr int32_t kDefaultWarmUpTime = 60;
 constexpr uint32_t kTextSize = 250;
 constexpr uint8_t kLampWarming = 2;

@@ -1,6 +1,9 @@
 # Driver modules keep their Windows names ("vscan.dll") and carry a version
-# record in the ELF section .sxversion.
-find_program(SX_OBJCOPY NAMES objcopy REQUIRED)
+# record: on Linux in the ELF section .sxversion, on Windows as the module's
+# VERSIONINFO resource made from the same text.
+if(NOT WIN32)
+  find_program(SX_OBJCOPY NAMES objcopy REQUIRED)
+endif()
 
 # sx_add_module(<target> SOURCES ...): a loadable module named <target>.dll.
 function(sx_add_module target)
@@ -13,10 +16,47 @@ endfunction()
 # sx_attach_version_record(<target> <file>): attaches <file> as the module's
 # version record after every link.
 function(sx_attach_version_record target file)
+  if(WIN32)
+    sx_add_version_resource(${target} ${file})
+    return()
+  endif()
   add_custom_command(TARGET ${target} POST_BUILD
     COMMAND ${SX_OBJCOPY} --remove-section .sxversion $<TARGET_FILE:${target}>
     COMMAND ${SX_OBJCOPY} --add-section .sxversion=${file}
             --set-section-flags .sxversion=noload,readonly $<TARGET_FILE:${target}>
     VERBATIM)
   set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${file})
+endfunction()
+
+# sx_add_version_resource(<target> <file>): the version record's text as a
+# VERSIONINFO resource. Each "\StringFileInfo\<block>\<name>=<text>" line
+# becomes a string of that block, "\VarFileInfo\Translation=hex:..." the
+# translation pairs, and FileVersion ("1, 0, 1, 0") the fixed file version.
+function(sx_add_version_resource target file)
+  file(STRINGS ${file} lines)
+  set(block "040904B0")
+  set(strings "")
+  set(translation "0x0409, 0x04B0")
+  set(fixed "0,0,0,0")
+  foreach(line IN LISTS lines)
+    if(line MATCHES "^\\\\StringFileInfo\\\\([0-9A-Fa-f]+)\\\\([^=]+)=(.*)$")
+      set(block ${CMAKE_MATCH_1})
+      set(name ${CMAKE_MATCH_2})
+      set(value ${CMAKE_MATCH_3})
+      string(REPLACE "\"" "\"\"" value "${value}")
+      string(APPEND strings "      VALUE \"${name}\", \"${value}\"\n")
+      if(name STREQUAL "FileVersion")
+        string(REGEX REPLACE "[ \t]" "" fixed "${CMAKE_MATCH_3}")
+      endif()
+    elseif(line MATCHES "^\\\\VarFileInfo\\\\Translation=hex:[ ]*([0-9A-Fa-f][0-9A-Fa-f])[ ,]*([0-9A-Fa-f][0-9A-Fa-f])[ ,]*([0-9A-Fa-f][0-9A-Fa-f])[ ,]*([0-9A-Fa-f][0-9A-Fa-f])")
+      set(translation "0x${CMAKE_MATCH_2}${CMAKE_MATCH_1}, 0x${CMAKE_MATCH_4}${CMAKE_MATCH_3}")
+    endif()
+  endforeach()
+  set(rc ${CMAKE_CURRENT_BINARY_DIR}/${target}_version.rc)
+  file(WRITE ${rc} "1 VERSIONINFO\nFILEVERSION ${fixed}\nPRODUCTVERSION ${fixed}\n"
+    "FILEOS 0x4\nFILETYPE 0x2\nBEGIN\n  BLOCK \"StringFileInfo\"\n  BEGIN\n"
+    "    BLOCK \"${block}\"\n    BEGIN\n${strings}    END\n  END\n"
+    "  BLOCK \"VarFileInfo\"\n  BEGIN\n    VALUE \"Translation\", ${translation}\n  END\nEND\n")
+  target_sources(${target} PRIVATE ${rc})
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
 endfunction()

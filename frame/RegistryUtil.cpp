@@ -18,7 +18,7 @@ std::atomic<uint32_t> gTraceLevel{0};
 namespace {
 
 constexpr char kFallbackSection[] = "Options";
-constexpr char kFallbackFileName[] = "/scandiag.ini";
+constexpr char kFallbackFileName[] = SX_PATH_SEP "scandiag.ini";
 constexpr char kDebugLevelName[] = "DEBUGLEVEL";
 constexpr char kLanguageName[] = "LANGUAGE";
 // The fall-back path and a text read from the fall-back file both live in

@@ -45,8 +45,8 @@ constexpr char kIniName[] = "cmatch.ini";
 constexpr char kModelSection[] = "Model";
 constexpr uint32_t kProfileNameSize = 64;
 constexpr size_t kProfilePathSize = 144;
-constexpr char kColorFolderNt[] = "/system32/SPOOL/DRIVERS/COLOR/";
-constexpr char kColorFolderOther[] = "/system/color/";
+constexpr char kColorFolderNt[] = SX_PATH_SEP "system32" SX_PATH_SEP "SPOOL" SX_PATH_SEP "DRIVERS" SX_PATH_SEP "COLOR" SX_PATH_SEP;
+constexpr char kColorFolderOther[] = SX_PATH_SEP "system" SX_PATH_SEP "color" SX_PATH_SEP;
 
 // What the module's SetProfile answers when it cannot take the profile; the
 // library uses the same answer when it cannot even ask.

@@ -10,7 +10,9 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#if defined(__i386__)
+#if defined(_WIN32)
+#define SX_DRIVERAPI __stdcall
+#elif defined(__i386__)
 #define SX_DRIVERAPI __attribute__((stdcall))
 #else
 #define SX_DRIVERAPI

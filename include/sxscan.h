@@ -13,7 +13,11 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#if defined(__i386__)
+/* The standard calling convention of the 32-bit system: __stdcall on
+ * Windows (any compiler; x86-64 ignores it) and on i386. */
+#if defined(_WIN32)
+#define SX_API __stdcall
+#elif defined(__i386__)
 #define SX_API __attribute__((stdcall))
 #else
 #define SX_API
@@ -25,7 +29,13 @@
 #define SX_EXTERN_C
 #endif
 
+/* On Windows the DLL's exports are named by its .def file (undecorated, as
+ * hosts look them up); a host sees plain declarations. */
+#if defined(_WIN32)
+#define SX_EXPORT SX_EXTERN_C
+#else
 #define SX_EXPORT SX_EXTERN_C __attribute__((visibility("default")))
+#endif
 
 /* Result codes produced by the library itself. Driver status codes are mapped
  * onto -4, -6, -8, -9, -12, -17, -20, -22, -23, -27, -28 and -30; 131 and

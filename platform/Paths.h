@@ -5,6 +5,15 @@
 #include <string>
 #include <vector>
 
+// The separator of the paths the library composes: the system's own, so a
+// data source's folder reads as the system writes folders. A macro, so that
+// fixed path pieces stay string literals.
+#if defined(_WIN32)
+#define SX_PATH_SEP "\\"
+#else
+#define SX_PATH_SEP "/"
+#endif
+
 namespace sx::plat {
 
 // SX_ROOT, or ${XDG_DATA_HOME:-$HOME/.local/share}/sxscan; no trailing '/'.

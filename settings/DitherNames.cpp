@@ -14,7 +14,7 @@ namespace sx {
 
 namespace {
 
-constexpr char kLocalisationFile[] = "/langpack.loc";
+constexpr char kLocalisationFile[] = SX_PATH_SEP "langpack.loc";
 // The current directory's room, terminator included, before the file name.
 constexpr size_t kCurrentDirectoryRoom = 124;
 

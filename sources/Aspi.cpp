@@ -25,8 +25,8 @@ namespace sx {
 
 namespace {
 
-constexpr char kAspiNt[] = "/system32/wnaspi32.dll";
-constexpr char kAspiOther[] = "/system/wnaspi32.dll";
+constexpr char kAspiNt[] = SX_PATH_SEP "system32" SX_PATH_SEP "wnaspi32.dll";
+constexpr char kAspiOther[] = SX_PATH_SEP "system" SX_PATH_SEP "wnaspi32.dll";
 constexpr char kSupportInfoName[] = "GetASPI32SupportInfo";
 constexpr char kSendCommandName[] = "SendASPI32Command";
 

@@ -58,7 +58,7 @@ void WalkMakerFolder(Walk& walk, const std::string& maker) {
       // A driver lying directly in the maker folder serves the whole folder.
       if (TryCandidate(walk, maker, "", name)) return;
     } else {
-      WalkModelFolder(walk, maker, name + "/");
+      WalkModelFolder(walk, maker, name + SX_PATH_SEP);
     }
   }
 }
@@ -68,7 +68,7 @@ void WalkTwainFolder(Walk& walk) {
     if (HasDot(name)) {
       TryCandidate(walk, "", "", name);
     } else {
-      WalkMakerFolder(walk, name + "/");
+      WalkMakerFolder(walk, name + SX_PATH_SEP);
     }
   }
 }
@@ -118,7 +118,7 @@ DataSourceEntry* CreateSampleEntry() {
   SxDataSource& s = entry->Host;
   std::strcpy(s.FileVersion, "0.00");
   // The root folder: the built-in source has no module file of its own.
-  std::strcpy(s.Directory, "/");
+  std::strcpy(s.Directory, SX_PATH_SEP);
   std::strcpy(s.FileName, kSampleFileName);
   std::strcpy(s.DisplayName, kSampleDisplayName);
   std::strcpy(s.Vendor, "Corvane Inc.");

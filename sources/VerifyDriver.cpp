@@ -14,7 +14,7 @@ namespace sx {
 namespace {
 
 constexpr char kTraceLabel[] = "VerifyDriver";
-constexpr char kTwainFolder[] = "/twain_32/";
+constexpr char kTwainFolder[] = SX_PATH_SEP "twain_32" SX_PATH_SEP;
 constexpr char kDriverSuffix[] = "dll";
 constexpr size_t kDriverSuffixLength = sizeof(kDriverSuffix) - 1;
 // Modules of the source manager itself lie in the same tree but are never

@@ -104,16 +104,6 @@ uint32_t TickCount() {
   return static_cast<uint32_t>(ms);
 }
 
-double TimeScale() {
-  const char* text = std::getenv("SX_TIME_SCALE");
-  if (text == nullptr || *text == '\0') return 1.0;
-  char* end = nullptr;
-  const double scale = std::strtod(text, &end);
-  // A factor that is not a plain non-negative number leaves times unscaled.
-  if (end == text || !std::isfinite(scale) || scale < 0.0) return 1.0;
-  return scale;
-}
-
 bool IsShiftHeld() {
   const char* v = std::getenv("SX_SHIFT_HELD");
   return v && std::strcmp(v, "1") == 0;

@@ -1,0 +1,43 @@
+# The Windows build (MinGW-w64): the platform's own libraries, programs and
+# DLLs that need no MinGW runtime DLL beside them, and sxscan.dll with its
+# .def exports and import library.
+enable_language(RC)
+
+# What platform/win32 calls: the registry and version resources, dialogs,
+# drawing and the colour API.
+set(SX_SYSTEM_LIBS advapi32 version user32 gdi32)
+
+# The C++ and thread runtimes are linked in, so a DLL or program copied to
+# another machine (or prefix) loads with only the system's DLLs.
+add_link_options(-static -static-libgcc -static-libstdc++)
+
+set(SX_IS_WIN32_X86 OFF)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  set(SX_IS_WIN32_X86 ON)
+endif()
+
+# sxscan.dll: the exports of cmake/sxscan.def. On i686 the list keeps the
+# __stdcall decoration for the import library and --kill-at exports the
+# plain names; on x86-64 the decoration does not exist and is dropped.
+function(sx_add_windows_library)
+  file(READ ${CMAKE_SOURCE_DIR}/cmake/sxscan.def def)
+  if(NOT SX_IS_WIN32_X86)
+    string(REGEX REPLACE "@[0-9]+" "" def "${def}")
+  endif()
+  set(SX_DEF_FILE ${CMAKE_BINARY_DIR}/sxscan.def)
+  file(GENERATE OUTPUT ${SX_DEF_FILE} CONTENT "${def}")
+  set(SX_DEF_FILE ${SX_DEF_FILE} PARENT_SCOPE)
+  add_library(sxscan SHARED frame/AttachWindows.cpp ${SX_DEF_FILE}
+              $<TARGET_OBJECTS:sxcore_obj> $<TARGET_OBJECTS:sxkernels_obj>
+              $<TARGET_OBJECTS:sxplatform_obj>)
+  target_include_directories(sxscan PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include>
+                                           $<INSTALL_INTERFACE:include/sxscan>
+                                    PRIVATE ${CMAKE_SOURCE_DIR})
+  target_link_libraries(sxscan PRIVATE Threads::Threads ${SX_SYSTEM_LIBS})
+  target_link_options(sxscan PRIVATE -Wl,--no-undefined)
+  if(SX_IS_WIN32_X86)
+    target_link_options(sxscan PRIVATE -Wl,--kill-at)
+  endif()
+  set_target_properties(sxscan PROPERTIES PREFIX "" IMPORT_PREFIX "" IMPORT_SUFFIX ".lib"
+                                          LINK_DEPENDS ${CMAKE_SOURCE_DIR}/cmake/sxscan.def)
+endfunction()
