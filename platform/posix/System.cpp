@@ -1,4 +1,5 @@
 #include "platform/Text.h"
+#include "platform/GuardedCopy.h"
 #include "platform/System.h"
 
 #include <fcntl.h>
@@ -80,7 +81,8 @@ bool CopyThroughPipe(void* dst, const void* src, size_t size) {
   return ok;
 }
 
-// Copies `size` bytes; false when any byte could not be read or written.
+}  // namespace
+
 bool GuardedCopy(void* dst, const void* src, size_t size) {
   if (size == 0) return true;
   if (g_useVmCalls.load(std::memory_order_relaxed)) {
@@ -95,7 +97,10 @@ bool GuardedCopy(void* dst, const void* src, size_t size) {
   return CopyThroughPipe(dst, src, size);
 }
 
-}  // namespace
+size_t PageSize() {
+  const long page = ::sysconf(_SC_PAGESIZE);
+  return page > 0 ? static_cast<size_t>(page) : 4096;
+}
 
 uint32_t TickCount() {
   struct timespec ts {};
@@ -162,32 +167,6 @@ bool SafeWrite(void* dst, const void* src, size_t size) {
   // The same copy: the kernel checks both ends of it.
   if (size && (!dst || !src)) return false;
   return GuardedCopy(dst, src, size);
-}
-
-int32_t SafeReadText(char* out, const void* src, size_t max) {
-  if (!out || max == 0) return -1;
-  out[0] = '\0';
-  if (max == 1) return 0;
-  if (!src) return -1;
-  const long page = ::sysconf(_SC_PAGESIZE) > 0 ? ::sysconf(_SC_PAGESIZE) : 4096;
-  const size_t limit = max - 1;  // characters, the terminator aside
-  auto addr = reinterpret_cast<uintptr_t>(src);
-  size_t got = 0;
-  while (got < limit) {
-    // Never ask past the end of the page the text is in: the next page may
-    // be unmapped although the text ends before it.
-    size_t toPageEnd = static_cast<size_t>(page) - ((addr + got) % static_cast<size_t>(page));
-    size_t chunk = limit - got < toPageEnd ? limit - got : toPageEnd;
-    if (!GuardedCopy(out + got, reinterpret_cast<const void*>(addr + got), chunk)) {
-      out[got] = '\0';
-      return got == 0 ? -1 : static_cast<int32_t>(got);
-    }
-    if (const void* nul = std::memchr(out + got, '\0', chunk))
-      return static_cast<int32_t>(static_cast<const char*>(nul) - out);
-    got += chunk;
-  }
-  out[limit] = '\0';
-  return static_cast<int32_t>(limit);
 }
 
 int32_t MulDiv(int32_t a, int32_t b, int32_t c) {

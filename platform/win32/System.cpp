@@ -5,12 +5,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/GuardedCopy.h"
 #include "platform/System.h"
 #include "platform/win32/Win32.h"
 
 namespace sx::plat {
-
-namespace {
 
 bool GuardedCopy(void* dst, const void* src, size_t size) {
   if (size == 0) return true;
@@ -25,8 +24,6 @@ size_t PageSize() {
   ::GetSystemInfo(&info);
   return info.dwPageSize ? info.dwPageSize : 4096;
 }
-
-}  // namespace
 
 uint32_t TickCount() { return ::GetTickCount(); }
 
@@ -55,37 +52,34 @@ bool SafeRead(void* dst, const void* src, size_t size) {
   return GuardedCopy(dst, src, size);
 }
 
+namespace {
+
+// WriteProcessMemory would change a read-only page's protection to write it;
+// a host's read-only memory must be refused instead, as a fault would be.
+bool Writable(void* dst, size_t size) {
+  constexpr DWORD kWritable =
+      PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+  auto at = reinterpret_cast<uintptr_t>(dst);
+  const uintptr_t end = at + size;
+  if (end < at) return false;
+  while (at < end) {
+    MEMORY_BASIC_INFORMATION region{};
+    if (!::VirtualQuery(reinterpret_cast<void*>(at), &region, sizeof region)) return false;
+    if (region.State != MEM_COMMIT || !(region.Protect & kWritable) || (region.Protect & PAGE_GUARD))
+      return false;
+    at = reinterpret_cast<uintptr_t>(region.BaseAddress) + region.RegionSize;
+  }
+  return true;
+}
+
+}  // namespace
+
 bool SafeWrite(void* dst, const void* src, size_t size) {
   if (size && (!dst || !src)) return false;
+  if (size && !Writable(dst, size)) return false;
   SIZE_T copied = 0;
   return size == 0 ||
          (::WriteProcessMemory(::GetCurrentProcess(), dst, src, size, &copied) && copied == size);
-}
-
-int32_t SafeReadText(char* out, const void* src, size_t max) {
-  if (!out || max == 0) return -1;
-  out[0] = '\0';
-  if (max == 1) return 0;
-  if (!src) return -1;
-  const size_t page = PageSize();
-  const size_t limit = max - 1;
-  const auto addr = reinterpret_cast<uintptr_t>(src);
-  size_t got = 0;
-  while (got < limit) {
-    // Never ask past the end of the text's page: the next one may be
-    // unmapped although the text ends before it.
-    const size_t toPageEnd = page - ((addr + got) % page);
-    const size_t chunk = limit - got < toPageEnd ? limit - got : toPageEnd;
-    if (!GuardedCopy(out + got, reinterpret_cast<const void*>(addr + got), chunk)) {
-      out[got] = '\0';
-      return got == 0 ? -1 : static_cast<int32_t>(got);
-    }
-    if (const void* nul = std::memchr(out + got, '\0', chunk))
-      return static_cast<int32_t>(static_cast<const char*>(nul) - out);
-    got += chunk;
-  }
-  out[limit] = '\0';
-  return static_cast<int32_t>(limit);
 }
 
 int32_t MulDiv(int32_t a, int32_t b, int32_t c) { return ::MulDiv(a, b, c); }
