@@ -1,0 +1,128 @@
+// Fonts and screen metrics of the Windows dialogs: GDI fonts made from the
+// library's font descriptions, and the screen's resolution from a device
+// context, unless a host has declared a screen of its own.
+#include "platform/win32/UiNative.h"
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <type_traits>
+#include <unordered_set>
+
+namespace sx::plat {
+
+struct Font {
+  FontSpec Description;
+  HFONT Native = nullptr;
+};
+
+namespace {
+
+// Thread contract: Live is guarded by Lock. Trivially destructible because
+// the library's detach code may delete its font after the process has begun
+// running exit handlers.
+struct FontTable {
+  TableLock Lock;
+  std::unordered_set<Font*>* Live = nullptr;
+};
+static_assert(std::is_trivially_destructible_v<FontTable>);
+constinit FontTable g_fonts;
+
+std::atomic<int32_t> g_declaredWidth{0};
+std::atomic<int32_t> g_declaredDpi{0};
+
+__attribute__((destructor(101))) void ReleaseFontTable() {
+  std::lock_guard<TableLock> guard(g_fonts.Lock);
+  if (g_fonts.Live && g_fonts.Live->empty()) {
+    delete g_fonts.Live;
+    g_fonts.Live = nullptr;
+  }
+}
+
+LOGFONTA ToLogFont(const FontSpec& spec) {
+  LOGFONTA font{};
+  font.lfHeight = spec.Height;
+  font.lfWidth = spec.Width;
+  font.lfEscapement = spec.Escapement;
+  font.lfOrientation = spec.Orientation;
+  font.lfWeight = spec.Weight;
+  font.lfItalic = spec.Italic;
+  font.lfUnderline = spec.Underline;
+  font.lfStrikeOut = spec.StrikeOut;
+  font.lfCharSet = spec.CharSet;
+  font.lfOutPrecision = spec.OutPrecision;
+  font.lfClipPrecision = spec.ClipPrecision;
+  font.lfQuality = spec.Quality;
+  font.lfPitchAndFamily = spec.PitchAndFamily;
+  static_assert(sizeof font.lfFaceName <= sizeof spec.FaceName);
+  std::memcpy(font.lfFaceName, spec.FaceName, sizeof font.lfFaceName - 1);
+  return font;
+}
+
+}  // namespace
+
+FontHandle CreateFont(const FontSpec& description) {
+  Font* font = nullptr;
+  try {
+    font = new Font{description, nullptr};
+    font->Description.FaceName[sizeof font->Description.FaceName - 1] = '\0';
+    const LOGFONTA logFont = ToLogFont(font->Description);
+    font->Native = CreateFontIndirectA(&logFont);
+    if (!font->Native) {
+      delete font;
+      return nullptr;
+    }
+    std::lock_guard<TableLock> guard(g_fonts.Lock);
+    if (!g_fonts.Live) g_fonts.Live = new std::unordered_set<Font*>;
+    g_fonts.Live->insert(font);
+    return font;
+  } catch (...) {
+    if (font && font->Native) DeleteObject(font->Native);
+    delete font;
+    return nullptr;
+  }
+}
+
+void DeleteFont(FontHandle font) {
+  {
+    std::lock_guard<TableLock> guard(g_fonts.Lock);
+    if (!font || !g_fonts.Live || g_fonts.Live->erase(font) == 0) return;
+  }
+  DeleteObject(font->Native);
+  delete font;
+}
+
+bool DescribeFont(FontHandle font, FontSpec& out) {
+  std::lock_guard<TableLock> guard(g_fonts.Lock);
+  if (!font || !g_fonts.Live || !g_fonts.Live->count(font)) return false;
+  out = font->Description;
+  return true;
+}
+
+HFONT NativeFont(FontHandle font) {
+  std::lock_guard<TableLock> guard(g_fonts.Lock);
+  if (!font || !g_fonts.Live || !g_fonts.Live->count(font)) return nullptr;
+  return font->Native;
+}
+
+int32_t LogPixelsY(void* window) {
+  if (const int32_t declared = DeclaredScreenDpi()) return declared;
+  // A window that is not one (or none) stands for the screen.
+  HWND owner = IsWindow(static_cast<HWND>(window)) ? static_cast<HWND>(window) : nullptr;
+  HDC dc = GetDC(owner);
+  if (!dc) return kScreenDpi;
+  const int32_t dpi = GetDeviceCaps(dc, LOGPIXELSY);
+  ReleaseDC(owner, dc);
+  return dpi > 0 ? dpi : kScreenDpi;
+}
+
+void DeclareScreen(int32_t width, int32_t dotsPerInch) {
+  g_declaredWidth.store(width > 0 ? width : 0);
+  g_declaredDpi.store(dotsPerInch > 0 ? dotsPerInch : 0);
+}
+
+int32_t DeclaredScreenWidth() { return g_declaredWidth.load(); }
+
+int32_t DeclaredScreenDpi() { return g_declaredDpi.load(); }
+
+}  // namespace sx::plat
