@@ -1,6 +1,8 @@
-// The terminal side of the program: whether stderr is a terminal, and the
-// one progress line redrawn in place there.
+// The terminal side of the program: whether stderr is a terminal, the one
+// progress line redrawn in place there, and the user's interrupt. One
+// implementation per system (ConsolePosix.cpp, ConsoleWin32.cpp).
 #pragma once
+#include <atomic>
 #include <string>
 
 namespace sx::host {
@@ -13,5 +15,13 @@ int TerminalWidth();
 void DrawProgressLine(const std::string& text);
 // Ends a drawn progress line so that later messages start on a fresh line.
 void EndProgressLine();
+
+// Until StopWatchingInterrupts, an interrupt (Ctrl-C; SIGTERM on POSIX,
+// Ctrl-Break and closing the console on Windows) sets *flag instead of ending
+// the program. A second interrupt ends it at once, should the library not
+// call back again; files still being written are only ever the hidden
+// partial ones, never the output's name.
+void WatchInterrupts(std::atomic<bool>* flag);
+void StopWatchingInterrupts();
 
 }  // namespace sx::host

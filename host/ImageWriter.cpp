@@ -1,13 +1,8 @@
 #include "ImageWriter.h"
 
-#include <png.h>
-#include <tiffio.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <cmath>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -15,82 +10,12 @@
 namespace sx::host {
 namespace {
 
-constexpr double kMetresPerInch = 0.0254;
-
 uint32_t BitsPerPixel(PixelKind kind) {
   switch (kind) {
     case PixelKind::Lineart: return 1;
     case PixelKind::Gray: return 8;
     default: return 24;
   }
-}
-
-struct PngErrorState {
-  char message[256] = "";
-};
-
-void OnPngError(png_structp png, png_const_charp message) {
-  auto* state = static_cast<PngErrorState*>(png_get_error_ptr(png));
-  std::snprintf(state->message, sizeof state->message, "%s", message);
-  png_longjmp(png, 1);
-}
-
-void OnPngWarning(png_structp, png_const_charp) {}
-
-// Only plain data lives in this frame: libpng reports errors by a long jump
-// back to setjmp, which must not skip destructors.
-bool WritePngStream(std::FILE* file, const PageImage& page, PngErrorState* state) {
-  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, state, OnPngError, OnPngWarning);
-  if (!png) return false;
-  png_infop info = png_create_info_struct(png);
-  if (!info) {
-    png_destroy_write_struct(&png, nullptr);
-    return false;
-  }
-  if (setjmp(png_jmpbuf(png))) {
-    png_destroy_write_struct(&png, &info);
-    return false;
-  }
-  const PageFormat& f = page.format;
-  png_init_io(png, file);
-  int depth = f.kind == PixelKind::Lineart ? 1 : 8;
-  int colour = f.kind == PixelKind::Rgb ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_GRAY;
-  png_set_IHDR(png, info, f.width, page.Lines(), depth, colour, PNG_INTERLACE_NONE,
-               PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-  if (f.xdpi && f.ydpi) {
-    png_set_pHYs(png, info, static_cast<png_uint_32>(std::lround(f.xdpi / kMetresPerInch)),
-                 static_cast<png_uint_32>(std::lround(f.ydpi / kMetresPerInch)), PNG_RESOLUTION_METER);
-  }
-  png_write_info(png, info);
-  const uint8_t* row = page.raster.data();
-  for (uint32_t y = page.Lines(); y > 0; --y, row += f.bytesPerLine)
-    png_write_row(png, const_cast<png_bytep>(row));
-  png_write_end(png, nullptr);
-  png_destroy_write_struct(&png, &info);
-  return true;
-}
-
-// libtiff reports through process-wide handlers. Thread contract: the writers
-// run on one thread (the host's), so one message slot serves.
-char g_tiffMessage[256];
-
-void OnTiffError(const char* module, const char* format, va_list args) {
-  char text[200];
-  std::vsnprintf(text, sizeof text, format, args);
-  std::snprintf(g_tiffMessage, sizeof g_tiffMessage, "%s%s%s", module ? module : "", module ? ": " : "",
-                text);
-}
-
-void InstallTiffHandlers() {
-  TIFFSetErrorHandler(OnTiffError);
-  TIFFSetWarningHandler(nullptr);
-  g_tiffMessage[0] = '\0';
-}
-
-std::string TiffFailure(const char* what) {
-  std::string out = what;
-  if (g_tiffMessage[0]) out += std::string(": ") + g_tiffMessage;
-  return out;
 }
 
 bool HasTiffExtension(const std::string& path) {
@@ -119,14 +44,20 @@ bool CheckPageFormat(const PageFormat& f, std::string* error) {
 }
 
 std::string PartialName(const std::string& path) {
-  const size_t slash = path.find_last_of('/');
+  // Windows also separates folders with a backslash; elsewhere it is part of a name.
+  constexpr char kSeparators[] = {'/', static_cast<char>(std::filesystem::path::preferred_separator), '\0'};
+  const size_t slash = path.find_last_of(kSeparators);
   const size_t name = slash == std::string::npos ? 0 : slash + 1;
   return path.substr(0, name) + "." + path.substr(name) + ".part";
 }
 
 bool PublishPartial(const std::string& partial, const std::string& path, std::string* error) {
-  if (std::rename(partial.c_str(), path.c_str()) == 0) return true;
-  *error = "cannot write " + path + ": " + std::strerror(errno);
+  // The filesystem library replaces an existing output on every system
+  // (std::rename does not on Windows).
+  std::error_code ec;
+  std::filesystem::rename(partial, path, ec);
+  if (!ec) return true;
+  *error = "cannot write " + path + ": " + ec.message();
   std::remove(partial.c_str());
   return false;
 }
@@ -151,99 +82,6 @@ bool WriteThroughPartial(const std::string& path, std::string* error,
     return false;
   }
   return PublishPartial(partial, path, error);
-}
-
-bool WritePng(const std::string& path, const PageImage& page, std::string* error) {
-  if (!CheckPageFormat(page.format, error)) return false;
-  if (page.Lines() == 0) {
-    *error = "the page has no complete line";
-    return false;
-  }
-  return WriteThroughPartial(path, error, [&](std::FILE* file, std::string* why) {
-    PngErrorState state;
-    if (WritePngStream(file, page, &state)) return true;
-    *why = state.message[0] ? state.message : "out of memory";
-    return false;
-  });
-}
-
-TiffWriter::~TiffWriter() {
-  std::string ignored;
-  Close(&ignored);
-}
-
-bool TiffWriter::Open(const std::string& path, std::string* error) {
-  if (!Close(error)) return false;
-  InstallTiffHandlers();
-  path_ = path;
-  file_ = TIFFOpen(PartialName(path).c_str(), "w");
-  if (!file_) {
-    *error = TiffFailure(("cannot create " + path).c_str());
-    return false;
-  }
-  pages_ = 0;
-  return true;
-}
-
-bool TiffWriter::AppendPage(const PageImage& page, std::string* error) {
-  if (!file_) {
-    *error = "no TIFF file is open";
-    return false;
-  }
-  if (!CheckPageFormat(page.format, error)) return false;
-  const PageFormat& f = page.format;
-  TIFF* tif = static_cast<TIFF*>(file_);
-  g_tiffMessage[0] = '\0';
-  bool rgb = f.kind == PixelKind::Rgb;
-  TIFFSetField(tif, TIFFTAG_SUBFILETYPE, FILETYPE_PAGE);
-  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, f.width);
-  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, page.Lines());
-  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, f.kind == PixelKind::Lineart ? 1 : 8);
-  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, rgb ? 3 : 1);
-  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, rgb ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
-  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-  TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
-  TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(tif, 0));
-  TIFFSetField(tif, TIFFTAG_PAGENUMBER, pages_, 0);
-  if (f.xdpi && f.ydpi) {
-    TIFFSetField(tif, TIFFTAG_XRESOLUTION, static_cast<float>(f.xdpi));
-    TIFFSetField(tif, TIFFTAG_YRESOLUTION, static_cast<float>(f.ydpi));
-    TIFFSetField(tif, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH);
-  }
-  // TIFFWriteScanline may change the row it is given (encoders work in
-  // place), so each row goes through a scratch copy.
-  std::vector<uint8_t> row(f.bytesPerLine);
-  for (uint32_t y = 0; y < page.Lines(); ++y) {
-    std::memcpy(row.data(), page.raster.data() + size_t{y} * f.bytesPerLine, f.bytesPerLine);
-    if (TIFFWriteScanline(tif, row.data(), y, 0) < 0) {
-      *error = TiffFailure("cannot write a TIFF line");
-      return false;
-    }
-  }
-  if (!TIFFWriteDirectory(tif)) {
-    *error = TiffFailure("cannot finish a TIFF page");
-    return false;
-  }
-  ++pages_;
-  return true;
-}
-
-bool TiffWriter::Close(std::string* error) {
-  if (!file_) return true;
-  g_tiffMessage[0] = '\0';
-  TIFFClose(static_cast<TIFF*>(file_));
-  file_ = nullptr;
-  if (g_tiffMessage[0]) {
-    *error = TiffFailure("cannot close the TIFF file");
-    std::remove(PartialName(path_).c_str());
-    return false;
-  }
-  // Only a document with pages takes the output's name.
-  if (pages_ == 0) {
-    std::remove(PartialName(path_).c_str());
-    return true;
-  }
-  return PublishPartial(PartialName(path_), path_, error);
 }
 
 OutputDocument::OutputDocument(std::string path, int jpegQuality)

@@ -48,6 +48,10 @@ bool PublishPartial(const std::string& partial, const std::string& path, std::st
 bool WriteThroughPartial(const std::string& path, std::string* error,
                          const std::function<bool(std::FILE*, std::string*)>& encode);
 
+// Whether this build can write the format the output's name asks for; the
+// reason when not. Asked before a scan, so that no page is scanned in vain.
+bool OutputFormatAvailable(const std::string& path, std::string* error);
+
 bool WritePng(const std::string& path, const PageImage& page, std::string* error);
 // A baseline JPEG of the page (line art becomes gray), at quality 1..100.
 bool WriteJpeg(const std::string& path, const PageImage& page, int quality, std::string* error);

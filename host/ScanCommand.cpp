@@ -3,7 +3,6 @@
 // as the transfer callback receives them.
 #include <algorithm>
 #include <atomic>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -29,18 +28,8 @@ namespace {
 // library code, so the reason is told from HostStop.
 constexpr int32_t kHostStop = -1;
 
-// Set by the SIGINT handler, read by the transfer callback. Thread contract:
-// written from a signal handler, so only a lock-free atomic will do.
+// Set by the interrupt handler (Console.h), read by the transfer callback.
 std::atomic<bool> g_interrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free);
-
-extern "C" void OnInterrupt(int signal) {
-  g_interrupted.store(true);
-  // A second Ctrl-C ends the program at once, should the library not call
-  // back again; files still being written are only ever the hidden partial
-  // ones, never the output's name.
-  std::signal(signal, SIG_DFL);
-}
 
 // Everything the transfer callback works on. Thread contract: the library
 // calls the callback on the host's thread inside SxAcquire in both transfer
@@ -227,7 +216,7 @@ bool PrepareOutputFolder(const std::string& output) {
   std::error_code ec;
   if (std::filesystem::is_directory(parent, ec)) return true;
   std::fprintf(stderr, "sxscan: the folder %s does not exist; create it first (mkdir -p %s)\n",
-               parent.c_str(), parent.c_str());
+               parent.string().c_str(), parent.string().c_str());
   return false;
 }
 
@@ -297,6 +286,10 @@ int RunScan(const ScanOptions& options) {
     std::fprintf(stderr, "sxscan: %s\n", error.c_str());
     return kExitUsage;
   }
+  if (!OutputFormatAvailable(options.output, &error)) {
+    std::fprintf(stderr, "sxscan: %s\n", error.c_str());
+    return kExitUsage;
+  }
   if (!PrepareOutputFolder(options.output)) return kExitUsage;
   if (!OpenStoredSource()) {
     SxFree();
@@ -331,17 +324,15 @@ int RunScan(const ScanOptions& options) {
   ReadAskedSize(transfer);
   g_transfer = &transfer;
   g_interrupted.store(false);
-  // Ctrl-C and SIGTERM stop the scan through its Cancel; the pages already
-  // complete are still written, so the handlers stay until they are.
-  auto previousInt = std::signal(SIGINT, OnInterrupt);
-  auto previousTerm = std::signal(SIGTERM, OnInterrupt);
+  // An interrupt stops the scan through its Cancel; the pages already
+  // complete are still written, so the handler stays until they are.
+  WatchInterrupts(&g_interrupted);
 
   int32_t result = SxAcquire(OnTransfer, buffer.address);
 
   g_transfer = nullptr;
   bool finished = document.Finish();
-  std::signal(SIGINT, previousInt == SIG_ERR ? SIG_DFL : previousInt);
-  std::signal(SIGTERM, previousTerm == SIG_ERR ? SIG_DFL : previousTerm);
+  StopWatchingInterrupts();
   buffer.Release(transfer.lastData);
   SxFree();
   return Report(result, transfer, document, finished);

@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 
 namespace sx::host {
@@ -12,6 +13,18 @@ namespace {
 // (serialised by the dialog observer's lock; SxAcquire returns only after the
 // read thread has closed the dialog).
 bool g_lineDrawn = false;
+
+// Thread contract: written before the handlers are installed and read by
+// them, so the flag itself must be lock-free.
+std::atomic<bool>* g_interruptFlag = nullptr;
+static_assert(std::atomic<bool>::is_always_lock_free);
+void (*g_previousInt)(int) = SIG_DFL;
+void (*g_previousTerm)(int) = SIG_DFL;
+
+extern "C" void OnInterrupt(int signal) {
+  if (g_interruptFlag) g_interruptFlag->store(true);
+  std::signal(signal, SIG_DFL);
+}
 }  // namespace
 
 bool StderrIsTerminal() { return isatty(STDERR_FILENO) == 1; }
@@ -37,6 +50,18 @@ void EndProgressLine() {
   if (!g_lineDrawn) return;
   std::fputc('\n', stderr);
   g_lineDrawn = false;
+}
+
+void WatchInterrupts(std::atomic<bool>* flag) {
+  g_interruptFlag = flag;
+  g_previousInt = std::signal(SIGINT, OnInterrupt);
+  g_previousTerm = std::signal(SIGTERM, OnInterrupt);
+}
+
+void StopWatchingInterrupts() {
+  std::signal(SIGINT, g_previousInt == SIG_ERR ? SIG_DFL : g_previousInt);
+  std::signal(SIGTERM, g_previousTerm == SIG_ERR ? SIG_DFL : g_previousTerm);
+  g_interruptFlag = nullptr;
 }
 
 }  // namespace sx::host
