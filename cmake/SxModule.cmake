@@ -11,6 +11,11 @@ function(sx_add_module target)
   add_library(${target} MODULE ${ARG_SOURCES})
   set_target_properties(${target} PROPERTIES PREFIX "" SUFFIX ".dll")
   target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR}/include)
+  # The library looks entry points up by their plain names, as a maker's
+  # 32-bit module exports its __stdcall functions.
+  if(WIN32 AND CMAKE_SIZEOF_VOID_P EQUAL 4)
+    target_link_options(${target} PRIVATE -Wl,--kill-at)
+  endif()
 endfunction()
 
 # sx_attach_version_record(<target> <file>): attaches <file> as the module's

@@ -5,24 +5,22 @@
 // never (Silent).
 //
 // Thread contract: the entry points are called on the caller's thread; a
-// delayed request is completed by a thread of this module, which writes the
-// data and status bytes of the caller's block and stores SRB_Status last
-// with release order. A completion is dropped when a newer request was sent
-// meanwhile (the caller gave up and reuses its block) or when the module is
-// being unloaded, which waits for every such thread.
+// delayed request is completed by a thread of this module (AspiLater.h),
+// which writes the data and status bytes of the caller's block and stores
+// SRB_Status last with release order. A completion is dropped when a newer
+// request was sent meanwhile (the caller gave up and reuses its block) or
+// when the module is being unloaded, which waits for completions under way.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "modules/aspisim/AspiBus.h"
+#include "modules/aspisim/AspiLater.h"
 #include "modules/common/ModuleIni.h"
 #include "sxaspi.h"
 
@@ -49,15 +47,6 @@ void Complete(SRB_ExecSCSICmd& srb, const Target& t) {
 
 class Simulator {
  public:
-  ~Simulator() {
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      stopping_ = true;
-    }
-    wake_.notify_all();
-    for (std::thread& t : completers_) t.join();
-  }
-
   uint32_t SupportInfo() {
     std::lock_guard<std::mutex> guard(lock_);
     bus_ = ParseBus(ReadBusFile());
@@ -108,24 +97,22 @@ class Simulator {
     srb.SRB_Status = SS_PENDING;
     if (!t.Silent) {
       const auto delay = std::chrono::duration<double, std::milli>(t.DelayMs);
-      completers_.emplace_back([this, &srb, t, sequence, delay] { CompleteLater(srb, t, sequence, delay); });
+      later_.After(delay, [this, &srb, t, sequence] { CompleteLater(srb, t, sequence); });
     }
     return SS_PENDING;
   }
 
-  void CompleteLater(SRB_ExecSCSICmd& srb, Target t, uint64_t sequence, std::chrono::duration<double, std::milli> delay) {
-    std::unique_lock<std::mutex> guard(lock_);
-    const auto due = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(delay);
-    wake_.wait_until(guard, due, [this] { return stopping_; });
-    if (!stopping_ && sequence == sequence_) Complete(srb, t);
+  void CompleteLater(SRB_ExecSCSICmd& srb, const Target& t, uint64_t sequence) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (sequence == sequence_) Complete(srb, t);
   }
 
   std::mutex lock_;
-  std::condition_variable wake_;
-  bool stopping_ = false;
   uint64_t sequence_ = 0;
   Bus bus_;
-  std::vector<std::thread> completers_;
+  // Last, so that it is destroyed first: no completion runs once the rest
+  // of the simulator is gone.
+  Later later_;
 };
 
 Simulator gSimulator;
@@ -134,6 +121,8 @@ Simulator gSimulator;
 
 }  // namespace sx::aspisim
 
+// The caller-cleans convention on every system, as the library calls them;
+// aspi.map names the exports.
 extern "C" {
 
 __attribute__((visibility("default"))) uint32_t GetASPI32SupportInfo(void) {

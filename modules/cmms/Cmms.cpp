@@ -28,6 +28,8 @@
 #include <string>
 #include <vector>
 
+#include "modules/cmms/ToneStage.h"
+
 #if defined(__i386__)
 #define CMMS_API __attribute__((cdecl))
 #else
@@ -41,7 +43,6 @@ constexpr int32_t kRefused = 14;
 constexpr int32_t kAccepted = 0;
 constexpr int32_t kDone = 1;
 constexpr int32_t kDeepSamples = 1;
-constexpr int32_t kToneEntries = 256;
 constexpr char kOutputProfileName[] = "sRGB.icc";
 
 struct Module {
@@ -49,8 +50,7 @@ struct Module {
   cmsHPROFILE Output = nullptr;
   cmsHTRANSFORM Transform = nullptr;
   bool Deep = false;
-  bool HaveTone = false;
-  uint8_t Tone[3][kToneEntries] = {};
+  sx::cmms::ToneStage Tone;
   std::vector<uint8_t> Scratch;  // one toned line, the transform's input
 };
 Module gModule;
@@ -114,13 +114,7 @@ CMMS_EXPORT int32_t CMMS_API SX_Icc_SetIntent(int32_t, int32_t depth, int32_t) {
 CMMS_EXPORT int32_t CMMS_API SX_Icc_Adjust(int32_t, int32_t, int32_t, int32_t, int32_t, int32_t,
                                            uint8_t* red, uint8_t* green, uint8_t* blue,
                                            int32_t entries) {
-  const uint8_t* tables[3] = {red, green, blue};
-  gModule.HaveTone = false;
-  if (entries != kToneEntries || !red || !green || !blue) return kDone;
-  for (int c = 0; c < 3; ++c) {
-    std::memcpy(gModule.Tone[c], tables[c], kToneEntries);
-    for (int i = 0; i < kToneEntries; ++i) gModule.HaveTone |= tables[c][i] != i;
-  }
+  gModule.Tone.Set(red, green, blue, entries);
   return kDone;
 }
 
@@ -134,26 +128,6 @@ CMMS_EXPORT int32_t CMMS_API SX_Icc_Initial(int32_t pixels) {
   return kDone;
 }
 
-// The tone tables map 8-bit samples; a 16-bit sample goes through the entry
-// of its high byte, spread back over 16 bits.
-void ApplyTone(const uint8_t* source, uint8_t* out, size_t pixels) {
-  const uint8_t(&tone)[3][kToneEntries] = gModule.Tone;
-  if (!gModule.Deep) {
-    for (size_t p = 0; p < pixels; ++p, source += 3, out += 3) {
-      out[0] = tone[0][source[0]];
-      out[1] = tone[1][source[1]];
-      out[2] = tone[2][source[2]];
-    }
-    return;
-  }
-  for (size_t i = 0; i < pixels * 3; ++i) {
-    uint16_t sample;
-    std::memcpy(&sample, source + 2 * i, 2);
-    const uint16_t toned = static_cast<uint16_t>(tone[i % 3][sample >> 8] * 257);
-    std::memcpy(out + 2 * i, &toned, 2);
-  }
-}
-
 CMMS_EXPORT int32_t CMMS_API SX_Icc_Convert2(uint8_t* source, uint8_t* dest, int32_t pixels) {
   if (!gModule.Transform || !source || !dest || pixels <= 0) return kDone;
   const size_t bytesPerPixel = gModule.Deep ? 6 : 3;
@@ -162,8 +136,8 @@ CMMS_EXPORT int32_t CMMS_API SX_Icc_Convert2(uint8_t* source, uint8_t* dest, int
   // Input and output have the same layout, which Little CMS converts in
   // place; only toned samples need the scratch line.
   const uint8_t* input = source;
-  if (gModule.HaveTone) {
-    ApplyTone(source, gModule.Scratch.data(), count);
+  if (gModule.Tone.Active) {
+    gModule.Tone.Apply(source, gModule.Scratch.data(), count, gModule.Deep);
     input = gModule.Scratch.data();
   }
   cmsDoTransform(gModule.Transform, input, dest, static_cast<cmsUInt32Number>(count));

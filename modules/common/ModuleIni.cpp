@@ -1,7 +1,5 @@
 #include "modules/common/ModuleIni.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <cctype>
 
@@ -88,15 +86,6 @@ bool ParseIniNumber(const std::string& text, int64_t& value) {
   if (digits == 0) return false;
   value = negative ? -static_cast<int64_t>(v) : static_cast<int64_t>(v);
   return true;
-}
-
-std::string ModuleFolder() {
-  Dl_info info{};
-  if (!dladdr(reinterpret_cast<void*>(&ModuleFolder), &info) || !info.dli_fname) return ".";
-  const std::string path = info.dli_fname;
-  const size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 }  // namespace sx::modini

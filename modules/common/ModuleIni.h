@@ -35,7 +35,11 @@ bool ParseIniNumber(const std::string& text, int64_t& value);
 int HexDigit(char c);
 
 // The folder of the module file this code is linked into, where the module's
-// ini lies ("." when the system cannot tell).
+// ini lies ("." when the system cannot tell). Each system has its own way of
+// asking (ModuleIniPosix.cpp, ModuleIniWin32.cpp).
 std::string ModuleFolder();
+// Whether a path from an ini names its file on its own, rather than relative
+// to the module's folder.
+bool IsAbsolutePath(std::string_view path);
 
 }  // namespace sx::modini

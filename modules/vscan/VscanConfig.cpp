@@ -213,7 +213,7 @@ void ApplyFaults(Config& c, const std::vector<IniSection>& ini) {
 }
 
 std::string Resolve(const std::string& path, const std::string& folder) {
-  if (path.empty() || path.front() == '/' || folder.empty()) return path;
+  if (path.empty() || sx::modini::IsAbsolutePath(path) || folder.empty()) return path;
   return folder + "/" + path;
 }
 

@@ -65,7 +65,8 @@ struct Device {
   // shorter, so the timer's granularity does not slow the scanner down.
   std::chrono::steady_clock::duration Overslept{};
 
-  int LogFd = -1;
+  // The open call log: a descriptor or a system handle (VscanLogFile.h).
+  intptr_t LogFile = -1;
 };
 
 // Entry-point bodies. Each returns the entry point's result: non-zero on
@@ -107,6 +108,7 @@ bool InjectFault(Device& d, Entry e);
 // Call log: one line per call, appended with a single write.
 void OpenLog(Device& d);
 void CloseLog(Device& d);
+bool IsLogOpen(const Device& d);
 void LogLine(Device& d, const std::string& line);
 // Diagnostic lines start with "# ".
 void LogNote(Device& d, const std::string& note);

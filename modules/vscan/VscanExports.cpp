@@ -51,7 +51,7 @@ int32_t Call(Entry e, Args&& args, Body&& body) noexcept {
       result = body(d, extra);
     }
     if (!IsStatusQuery(e) && result) d.Status = 0;
-    if (d.LogFd >= 0) {
+    if (sx::vscan::IsLogOpen(d)) {
       std::string line = std::string(sx::vscan::EntryName(e)) + "(" + args() + ") -> " + std::to_string(result);
       if (!extra.empty()) line += " " + extra;
       if (!result && !IsStatusQuery(e)) line += " status=" + std::to_string(d.Status);

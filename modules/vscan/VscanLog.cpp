@@ -1,13 +1,11 @@
 // The call log: one line per call, `Name(args) -> result[ key=value...]`,
-// appended with O_APPEND and one write per line so that several processes
-// (or copies of the module) can share a file without tearing lines.
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
+// appended with one write per line to a file opened for appending only, so
+// that several processes (or copies of the module) can share a file without
+// tearing lines.
 #include <cstring>
 
 #include "modules/vscan/VscanDevice.h"
+#include "modules/vscan/VscanLogFile.h"
 
 namespace sx::vscan {
 
@@ -61,26 +59,19 @@ std::string FieldText(const char* text, size_t size) {
 
 void OpenLog(Device& d) {
   if (d.Cfg.LogPath.empty()) return;
-  d.LogFd = ::open(d.Cfg.LogPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  d.LogFile = OpenAppending(d.Cfg.LogPath);
 }
 
 void CloseLog(Device& d) {
-  if (d.LogFd >= 0) ::close(d.LogFd);
-  d.LogFd = -1;
+  if (d.LogFile != kNoFile) CloseFile(d.LogFile);
+  d.LogFile = kNoFile;
 }
 
+bool IsLogOpen(const Device& d) { return d.LogFile != kNoFile; }
+
 void LogLine(Device& d, const std::string& line) {
-  if (d.LogFd < 0) return;
-  std::string text = line + "\n";
-  const char* p = text.data();
-  size_t left = text.size();
-  while (left > 0) {
-    ssize_t n = ::write(d.LogFd, p, left);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;  // a full disk loses log lines, never the scan
-    p += n;
-    left -= static_cast<size_t>(n);
-  }
+  // A full disk loses log lines, never the scan.
+  if (d.LogFile != kNoFile) AppendAll(d.LogFile, line + "\n");
 }
 
 void LogNote(Device& d, const std::string& note) { LogLine(d, "# " + note); }

@@ -7,12 +7,14 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "ModuleExport.h"
+
 #if defined(__i386__)
 #define CMMS_API __attribute__((cdecl))
 #else
 #define CMMS_API
 #endif
-#define CMMS_EXPORT extern "C" __attribute__((visibility("default")))
+#define CMMS_EXPORT SX_TEST_EXPORT
 
 namespace {
 

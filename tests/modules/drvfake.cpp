@@ -5,8 +5,9 @@
 #include <cstring>
 
 #include "FakeDriver.h"
+#include "ModuleExport.h"
 
-#define FAKE_EXPORT extern "C" __attribute__((visibility("default")))
+#define FAKE_EXPORT SX_TEST_EXPORT
 
 namespace {
 

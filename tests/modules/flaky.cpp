@@ -6,9 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ModuleExport.h"
 #include "sxdriver.h"
 
-#define FLAKY_EXPORT extern "C" __attribute__((visibility("default")))
+#define FLAKY_EXPORT SX_TEST_EXPORT
 
 namespace {
 constexpr char kCounter[] = "SXTEST_FLAKY_INITS";
@@ -18,7 +19,11 @@ int NextInitialisation() {
   const int n = (v ? std::atoi(v) : 0) + 1;
   char text[16];
   std::snprintf(text, sizeof text, "%d", n);
+#if defined(_WIN32)
+  _putenv_s(kCounter, text);  // the C runtime's copy and the process's
+#else
   setenv(kCounter, text, 1);
+#endif
   return n;
 }
 }  // namespace
