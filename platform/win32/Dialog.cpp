@@ -558,7 +558,10 @@ void FillControlRect(DialogHandle dialog, int32_t control, const Rect& area, uin
   const int32_t left = std::clamp(area.Left, client.Left, right);
   const int32_t bottom = std::clamp(area.Bottom, client.Top, client.Bottom);
   const int32_t top = std::clamp(area.Top, client.Top, bottom);
-  const Fill fill{{left, top, right, bottom}, static_cast<COLORREF>(color)};
+  // The library's background colour stands for the system's menu colour,
+  // which the user's colour scheme sets.
+  const COLORREF painted = color == kColorMenu ? GetSysColor(COLOR_MENU) : static_cast<COLORREF>(color);
+  const Fill fill{{left, top, right, bottom}, painted};
   HWND window = ControlWindow(dialog, control);
   RecordFill(dialog, control, fill);
   KeepPaintingFills(window);
