@@ -44,6 +44,11 @@ SX_EXPORT size_t SX_API SxSysGlobalBlockCount(void);
  * to show them installs an observer, which is told of every dialog opened,
  * changed and closed, and may press a dialog's buttons.
  *
+ * On Windows the dialogs are real windows made from the library's dialog
+ * resources; the observer is told of the same changes, and a press reaches
+ * the dialog as a click does. While an observer is installed a message box
+ * is not shown: the observer is told of it and it is answered with OK.
+ *
  * Threads: every notification about a dialog arrives on the thread that owns
  * it, synchronously, while that thread waits:
  *   - the warm-up dialog: the host's thread inside SxAcquire when the scan
@@ -109,9 +114,10 @@ SX_EXPORT int32_t SX_API SxSysUiEscape(SxDialog dialog);
  * characters and a NUL. Its length, or -1 for no such dialog or control. */
 SX_EXPORT int32_t SX_API SxSysUiGetText(SxDialog dialog, int32_t control, char* text, uint32_t size);
 /* Declares the screen the dialogs are shown on (default 1920 x 1080 at 96
- * dots per inch); a value of 0 or less restores that default. The width and
- * the resolution choose the progress dialog's template; the height is not
- * used. */
+ * dots per inch; on Windows, the real screen); a value of 0 or less restores
+ * that default. The width and the resolution choose the progress dialog's
+ * template; the height is not used. On Windows the dialogs' own size still
+ * follows the system's font. */
 SX_EXPORT void SX_API SxSysUiSetScreen(int32_t width, int32_t height, int32_t dotsPerInch);
 
 #ifdef __cplusplus
