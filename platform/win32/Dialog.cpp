@@ -252,10 +252,12 @@ INT_PTR CALLBACK DialogWindowProc(HWND window, UINT message, WPARAM wParam, LPAR
     case WM_DESTROY:
       dialog->Proc(dialog, kMsgDestroy, 0, 0);
       return FALSE;  // the system's own clean-up still runs
-    case WM_NCDESTROY:
+    case WM_NCDESTROY: {
       SetWindowLongPtrA(window, DWLP_USER, 0);
+      std::lock_guard<TableLock> guard(g_dialogs.Lock);
       dialog->Window = nullptr;
       return FALSE;
+    }
     default:
       return FALSE;
   }
@@ -435,7 +437,11 @@ void EndModalDialog(DialogHandle dialog, intptr_t result) {
 
 void DestroyDialog(DialogHandle dialog) {
   if (!IsDialogOpen(dialog)) return;
-  if (dialog->Window) DestroyWindow(dialog->Window);
+  // Only the owner thread can destroy the window; from any other the window
+  // is cut off from the dialog before the dialog is freed.
+  if (HWND window = dialog->Window; window && !DestroyWindow(window)) {
+    SetWindowLongPtrA(window, DWLP_USER, 0);
+  }
   Retire(dialog);
 }
 
