@@ -2,18 +2,25 @@
 //
 //   sxprofile scanner FILE     the virtual scanner's input profile
 //   sxprofile srgb FILE        the sRGB output profile
+//   sxprofile gray FILE        a grey profile, which the colour module refuses
 #include <cstdio>
 #include <cstring>
 
 #include "modules/cmms/Profiles.h"
 
 int main(int argc, char** argv) {
-  if (argc != 3 || (std::strcmp(argv[1], "scanner") != 0 && std::strcmp(argv[1], "srgb") != 0)) {
-    std::fprintf(stderr, "usage: sxprofile scanner|srgb FILE\n");
+  const char* kind = argc == 3 ? argv[1] : "";
+  cmsHPROFILE profile = nullptr;
+  if (std::strcmp(kind, "scanner") == 0) {
+    profile = sx::cmms::CreateScannerProfile();
+  } else if (std::strcmp(kind, "srgb") == 0) {
+    profile = cmsCreate_sRGBProfile();
+  } else if (std::strcmp(kind, "gray") == 0) {
+    profile = sx::cmms::CreateGrayProfile();
+  } else {
+    std::fprintf(stderr, "usage: sxprofile scanner|srgb|gray FILE\n");
     return 2;
   }
-  const bool scanner = std::strcmp(argv[1], "scanner") == 0;
-  cmsHPROFILE profile = scanner ? sx::cmms::CreateScannerProfile() : cmsCreate_sRGBProfile();
   if (!sx::cmms::SaveProfile(profile, argv[2])) {
     std::fprintf(stderr, "sxprofile: cannot write %s\n", argv[2]);
     return 1;

@@ -1,6 +1,7 @@
 // The ICC profiles of a system tree's colour folder, made with Little CMS:
 // a scanner input profile and an sRGB output profile. Used by the sxprofile
-// tool and by tests, which make their own profiles rather than carry files.
+// tool and by tests, which make their own profiles rather than carry files
+// (the Windows tests carry the files this tool made: tests/data/colour).
 #pragma once
 #include <lcms2.h>
 
@@ -17,6 +18,15 @@ inline cmsHPROFILE CreateScannerProfile() {
   cmsToneCurve* curve = cmsBuildGamma(nullptr, 1.8);
   cmsToneCurve* curves[3] = {curve, curve, curve};
   cmsHPROFILE profile = cmsCreateRGBProfile(&white, &primaries, curves);
+  cmsFreeToneCurve(curve);
+  return profile;
+}
+
+// A grey profile (D50 white, 2.2 tone curve): a valid profile that cannot
+// convert colour lines.
+inline cmsHPROFILE CreateGrayProfile() {
+  cmsToneCurve* curve = cmsBuildGamma(nullptr, 2.2);
+  cmsHPROFILE profile = cmsCreateGrayProfile(cmsD50_xyY(), curve);
   cmsFreeToneCurve(curve);
   return profile;
 }
