@@ -8,6 +8,7 @@
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -66,9 +67,11 @@ struct RegistryValue {
   DWORD Type = REG_NONE;
   std::vector<char> Data;
   std::string Text() const { return std::string(Data.data(), strnlen(Data.data(), Data.size())); }
+  // As the library reads a number: the first four bytes, zeros after
+  // whatever fewer were stored.
   DWORD Number() const {
     DWORD n = 0;
-    if (Data.size() >= sizeof n) std::memcpy(&n, Data.data(), sizeof n);
+    std::memcpy(&n, Data.data(), std::min(sizeof n, Data.size() - 1));
     return n;
   }
 };
@@ -85,11 +88,17 @@ RegistryValue ReadValue(HKEY key, const char* name) {
   return value;
 }
 
-void ExpectType(const char* name, const RegistryValue& value, DWORD type, const char* typeName) {
-  if (!value.Present || value.Type == type) return;
-  Problem(std::string("\"") + name + "\" is of registry type " + std::to_string(value.Type) + ", not " + typeName +
-              ", so the library ignores it",
-          std::string("reg delete \"") + kShownKey + "\" /v " + name + " /f");
+// The library reads a value's bytes whatever its registry type: a number
+// stored as text, or a text stored as a number, means something else to it.
+void ExpectType(const char* name, const RegistryValue& value, bool text) {
+  if (!value.Present) return;
+  const bool fits = text ? value.Type == REG_SZ || value.Type == REG_EXPAND_SZ : value.Type == REG_DWORD;
+  if (fits) return;
+  Problem(std::string("\"") + name + "\" is of registry type " + std::to_string(value.Type) + ", not " +
+              (text ? "a text (REG_SZ or REG_EXPAND_SZ)" : "a number (REG_DWORD)") +
+              ", and the library reads its bytes as they are",
+          std::string("reg delete \"") + kShownKey + "\" /v " + name + " /f" +
+              (text ? ", then choose again with 'sxscan select NAME'" : ""));
 }
 
 // Trace lines go to "SAVEPATH" with the file name glued to it, so a folder
@@ -141,14 +150,14 @@ void ReportRegistry() {
   const RegistryValue level = ReadValue(key, "DEBUGLEVEL");
   const RegistryValue savePath = ReadValue(key, "SAVEPATH");
   RegCloseKey(key);
-  ExpectType("SOURCENAME", source, REG_SZ, "REG_SZ");
-  ExpectType("DEBUGLEVEL", level, REG_DWORD, "REG_DWORD");
-  const bool sourceUsable = source.Present && source.Type == REG_SZ && !source.Text().empty();
+  ExpectType("SOURCENAME", source, true);
+  ExpectType("DEBUGLEVEL", level, false);
+  ExpectType("SAVEPATH", savePath, true);
   std::printf("  chosen source: %s\n",
-              sourceUsable ? source.Text().c_str() : "none ('sxscan select NAME' chooses one)");
+              source.Present && !source.Text().empty() ? source.Text().c_str()
+                                                       : "none ('sxscan select NAME' chooses one)");
   if (std::string problem; RegistryStoreProblem(&problem)) Problem(problem, "give the user write access to the key");
-  const bool textPath = savePath.Present && (savePath.Type == REG_SZ || savePath.Type == REG_EXPAND_SZ);
-  ReportTrace(level.Present && level.Type == REG_DWORD ? level.Number() : 0, textPath ? savePath.Text() : "");
+  ReportTrace(level.Present ? level.Number() : 0, savePath.Present ? savePath.Text() : "");
 }
 
 // ------------------------------------------------------------------------
