@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
-# Installs what building and testing sxscan needs on Debian bookworm. Safe to
-# run again: when every package is installed already, apt is not touched.
+# Installs what building and testing sxscan needs on Debian bookworm, the
+# Windows builds included (the MinGW-w64 cross compilers, wine64 to run the
+# x86-64 tests, Xvfb for screenshots of the real dialogs). Safe to run again:
+# when every package is installed already, apt is not touched.
 set -euo pipefail
 
 PACKAGES=(cmake g++ g++-multilib make binutils googletest libgtest-dev libbenchmark-dev
           libpng-dev libtiff-dev clang libclang-rt-14-dev pkg-config liblcms2-dev
-          libjpeg-dev libhpdf-dev libsane-dev sane-utils libopencv-dev qemu-user)
+          libjpeg-dev libhpdf-dev libsane-dev sane-utils libopencv-dev qemu-user
+          g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix binutils-mingw-w64 wine64 xvfb)
 
 missing=()
 for package in "${PACKAGES[@]}"; do

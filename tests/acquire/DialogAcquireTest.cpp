@@ -3,7 +3,6 @@
 // notification in order, on the thread the dialog belongs to, and Cancel
 // pressed at chosen moments in both transfer modes.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -147,9 +146,9 @@ class DialogAcquire : public ::testing::Test {
     gHost.PageCodes.clear();
     gHost.Pages.clear();
     ui_->Clear();
-    alarm(kHungSeconds);
+    sxtest::HangWatchdog(kHungSeconds);
     const int32_t result = lib_->Acquire(Callback, lib_->GlobalLock(handle_));
-    alarm(0);
+    sxtest::HangWatchdog(0);
     lib_->GlobalUnlock(handle_);
     return result;
   }

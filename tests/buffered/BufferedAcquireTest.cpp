@@ -3,7 +3,6 @@
 // hands the blocks over. Every delivered byte is compared with the test chart
 // rendered here, independently of the module under test.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -119,9 +118,9 @@ class BufferedAcquire : public ::testing::Test {
     gHost.CallCounts.clear();
     gHost.Pages.clear();
     logged_ = ReadLines(log_).size();
-    alarm(kHungSeconds);
+    sxtest::HangWatchdog(kHungSeconds);
     const int32_t result = lib_->Acquire(Callback, buffer_);
-    alarm(0);
+    sxtest::HangWatchdog(0);
     return result;
   }
 

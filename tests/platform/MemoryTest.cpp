@@ -49,6 +49,7 @@ TEST(Memory, FixedBlocksGrowOnlyByMovingAndBadHandlesAreRefused) {
   void* p = SxSysGlobalLock(h);
   EXPECT_EQ(SxSysGlobalFree(h), nullptr);  // a locked block is still freed
   int local = 0;
+#ifndef _WIN32  // the system's blocks: a freed or foreign handle is the caller's fault there
   for (SxHandle bad : {h, static_cast<SxHandle>(&local), reinterpret_cast<SxHandle>(0x13)}) {
     EXPECT_EQ(SxSysGlobalLock(bad), nullptr);
     EXPECT_EQ(SxSysGlobalUnlock(bad) + SxSysGlobalSize(bad) + SxSysGlobalLockCount(bad), 0u);
@@ -56,6 +57,9 @@ TEST(Memory, FixedBlocksGrowOnlyByMovingAndBadHandlesAreRefused) {
     EXPECT_EQ(SxSysGlobalFree(bad), bad);
   }
   EXPECT_EQ(SxSysGlobalHandle(p), nullptr);
+#else
+  (void)p;
+#endif
   GlobalUnlockAndFree(nullptr);
   GlobalUnlockAndFreeAddress(&local);
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <vector>
 
 #include "platform/Module.h"
 #include "support/TestEnv.h"
@@ -8,6 +9,11 @@
 namespace sx::plat {
 namespace {
 
+namespace fs = std::filesystem;
+
+// The version block and the ELF section are Linux's own forms of a version
+// record; on Windows the system reads VS_VERSIONINFO resources.
+#ifndef _WIN32
 void Put(std::string& b, size_t at, uint64_t v, size_t width) {
   for (size_t i = 0; i < width; ++i) b[at + i] = static_cast<char>((v >> (8 * i)) & 0xFF);
 }
@@ -105,6 +111,8 @@ TEST(VersionRecord, SectionOfBothElfClassesAndNothingFromTruncatedOrHostileImage
   }
 }
 
+#endif  // _WIN32
+
 TEST(VersionRecord, ReadsTheRecordOfABuiltModuleWithoutLoadingIt) {
   sxtest::TempRoot root;
   const auto withRecord = root.InstallVscan("a"), without = root.InstallVscan("b", "", "");
@@ -118,6 +126,29 @@ TEST(VersionRecord, ReadsTheRecordOfABuiltModuleWithoutLoadingIt) {
   EXPECT_STREQ(static_cast<const char*>(v), "1, 0, 1, 0");
   for (const auto& none : {without, root.Path() / "nothing.dll", root.Path()})
     EXPECT_EQ(FileVersionInfoSize(none.string()), 0u) << none;  // the last is a folder
+}
+
+// A module cut short by a failed copy (its headers kept, its sections gone),
+// or a file that only has a module's name: no record, and no load.
+TEST(VersionRecord, DamagedModuleFilesHaveNoRecordAndDoNotLoad) {
+  constexpr size_t kHeadersOnly = 4096;
+  sxtest::TempRoot root;
+  const std::string module = sxtest::ReadFile(root.InstallVscan("a"));
+  const fs::path cut = root.Path() / "cut.dll", text = root.Path() / "text.dll";
+  sxtest::WriteFile(cut, module.substr(0, kHeadersOnly));
+  sxtest::WriteFile(text, "MZ not really a module\n");
+  std::vector<fs::path> damaged = {text};
+#ifdef _WIN32
+  // Linux's own loader faults (SIGBUS) on an ELF file cut short before the
+  // library could refuse it: the library does not check the file's extent yet.
+  damaged.push_back(cut);
+#endif
+  for (const fs::path& bad : damaged) {
+    EXPECT_EQ(FileVersionInfoSize(bad.string()), 0u) << bad;
+    ModuleHandle handle = LoadModule(bad.string());
+    EXPECT_EQ(handle, nullptr) << bad;
+    FreeModule(handle);
+  }
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 // scanner was stopped again, and that the next acquisition on the same loaded
 // library runs normally (every fault fires once only).
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -112,9 +111,9 @@ class FaultMatrix : public ::testing::Test {
   Seen Acquire() {
     gHost = Host{};
     logged_ = ReadLines(log_).size();
-    alarm(kHungSeconds);
+    sxtest::HangWatchdog(kHungSeconds);
     gHost.See.Result = lib_->Acquire(Callback, buffer_);
-    alarm(0);
+    sxtest::HangWatchdog(0);
     return gHost.See;
   }
 

@@ -4,7 +4,6 @@
 // while an acquisition runs. Each gets a result code, never a crash, and the
 // library stays usable afterwards.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -84,9 +83,9 @@ class HostAbuse : public ::testing::Test {
   }
   int32_t Acquire(void* buffer, Script script = {}) {
     gScript = std::move(script);
-    alarm(kHungSeconds);
+    sxtest::HangWatchdog(kHungSeconds);
     const int32_t result = lib_->Acquire(Callback, buffer);
-    alarm(0);
+    sxtest::HangWatchdog(0);
     return result;
   }
   // A host buffer that is a locked global block, as the library expects.

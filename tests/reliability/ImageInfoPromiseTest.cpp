@@ -7,7 +7,6 @@
 // from the least to the most, odd areas and offsets, flatbed and feeder,
 // both transfer modes, small and large host buffers.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <memory>
 #include <random>
@@ -154,9 +153,9 @@ class ImageInfoPromise : public ::testing::Test {
     // The buffer's current address: line scaling may have moved it.
     void* buffer = lib_->GlobalLock(handle_);
     lib_->GlobalUnlock(handle_);
-    alarm(60);
+    sxtest::HangWatchdog(60);
     result_ = lib_->Acquire(Callback, buffer);
-    alarm(0);
+    sxtest::HangWatchdog(0);
   }
 
   TempRoot root_;

@@ -1,5 +1,6 @@
 // Colour matching with a stand-in colour module that logs its calls.
 #include "imaging/ColorMatch.h"
+#include "platform/Paths.h"
 #include "sources/DataSourceList.h"
 #include "tests/settings/SettingsTestSupport.h"
 
@@ -9,12 +10,12 @@ using Lines = std::vector<std::string>;
 
 TEST(ColorMatching, OfferedWithTheModuleProfileFromTheModelsEntryBlocksConvertedInPlace) {
   sxtest::SettingsEnv env;
-  const sxtest::fs::path root = env.Root.Path(), color = root / "windows/system32/SPOOL/DRIVERS/COLOR";
-  sxtest::ScopedEnv log("SX_CMMS_LOG", (root / "cmms.log").c_str());
+  const sxtest::fs::path root = env.Root.Path(), color = env.Root.System() / "SPOOL" / "DRIVERS" / "COLOR";
+  sxtest::ScopedEnv log("SX_CMMS_LOG", (root / "cmms.log").string().c_str());
   sxtest::WriteFile(env.Root.Twain() / "QM7110/cmatch.ini", "[Model]\nQM7110V = qm.icc\n");
   sxtest::WriteFile(color / "qm.icc", "profile");
   sx::DataSourceEntry source{};
-  std::strcpy(source.Host.Directory, (env.Root.Twain() / "QM7110/").c_str());
+  std::strcpy(source.Host.Directory, (env.Root.Twain() / "QM7110" / "").string().c_str());
   const std::shared_ptr<void> unload(nullptr, [](void*) { sx::CloseCMatch(), sx::gSourceCursor = nullptr; });
   const auto calls = [&] {  // the module's calls since the last look
     const Lines lines = sxtest::ReadLines(root / "cmms.log");
@@ -24,7 +25,7 @@ TEST(ColorMatching, OfferedWithTheModuleProfileFromTheModelsEntryBlocksConverted
 
   sx::gSourceCursor = &source;
   EXPECT_EQ(sxtest::Query(CAP_COLORMATCH, TY_INT32).Count, 1) << "offered only with the colour module";
-  sxtest::fs::copy_file(SX_TEST_CMMS_FAKE, root / "windows/system32/sxcmms.dll");
+  sxtest::fs::copy_file(SX_TEST_CMMS_FAKE, env.Root.System() / "sxcmms.dll");
   EXPECT_EQ(sxtest::Query(CAP_COLORMATCH, TY_INT32).Count, 2);
   sx::CloseCMatch();
   sx::gSourceCursor = nullptr;
@@ -33,7 +34,7 @@ TEST(ColorMatching, OfferedWithTheModuleProfileFromTheModelsEntryBlocksConverted
   calls();  // forget the calls the list made
   EXPECT_EQ(sx::OpenCMatch("QMB4"), SX_ERR_UNSUPPORTED);  // no entry: the folder itself
   ASSERT_EQ(sx::OpenCMatch("QM7110V"), 0);
-  EXPECT_EQ(calls(), (Lines{"SX_Icc_SetProfile(" + color.string() + "/,0,0,0,10)",
+  EXPECT_EQ(calls(), (Lines{"SX_Icc_SetProfile(" + color.string() + SX_PATH_SEP ",0,0,0,10)",
                             "SX_Icc_SetProfile(" + (color / "qm.icc").string() + ",0,0,0,10)"}));
 
   uint8_t tables[4][256];

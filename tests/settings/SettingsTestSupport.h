@@ -1,9 +1,7 @@
-// Shared pieces of the settings tests: a recording stand-in for the driver, an address that
-// faults, a reader for SxQueryData lists, a clean environment with the virtual scanner's abilities.
+// Shared pieces of the settings tests: a recording stand-in for the driver, a reader for
+// SxQueryData lists, a clean environment with the virtual scanner's abilities.
 #pragma once
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <memory>
@@ -49,17 +47,6 @@ struct ScriptedDriver {
     };
   }
   ~ScriptedDriver() { sx::gDriver = sx::DriverTable{}; }
-};
-
-// One readable page followed by one that faults.
-struct FaultingPage {
-  size_t Size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  uint8_t* Base = static_cast<uint8_t*>(
-      mmap(nullptr, 2 * Size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-  FaultingPage() { munmap(Base + Size, Size); }
-  ~FaultingPage() { munmap(Base, Size); }
-  void* Bad() const { return Base + Size; }
-  uint8_t* LastBytes(size_t n) const { return Base + Size - n; }
 };
 
 // A list from SxQueryData, released as a host does.

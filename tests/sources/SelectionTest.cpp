@@ -35,7 +35,7 @@ TEST(Selection, ChoiceIsStoredAndOpenedOnlyWhileNothingIsBound) {
 
   ASSERT_EQ(Enumerate(lib).size(), 2u);
   ASSERT_EQ(lib.SetDriverById(&ds, 0), 0);
-  EXPECT_EQ(Text(ds.Directory), root.Twain().string() + "/Corvane/A/");  // whole entry back
+  EXPECT_EQ(Text(ds.Directory), NativePath(root.Twain().string() + "/Corvane/A/"));  // whole entry back
   EXPECT_EQ(StoredName(), Field42(nameA));
   EXPECT_EQ(TakeCalls(logA, "ReadNVMData"), 1);
 

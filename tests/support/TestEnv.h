@@ -1,6 +1,12 @@
-// Test environment: a temporary SX_ROOT with its own registry store and module
-// tree, copies of the virtual scanner with chosen version records and
-// behaviour, and libsxscan.so loaded as a host loads it.
+// Test environment: a fresh module tree and registry, copies of the virtual
+// scanner with chosen version records and behaviour, and the library loaded
+// as a host loads it.
+//
+// On Linux all of it lives under a temporary SX_ROOT (user.reg, the
+// .sxversion section, dlopen). On Windows it is the system's own: the real
+// <windows>\twain_32 folder, HKEY_CURRENT_USER\Software\Quillmark, version
+// resources and LoadLibrary; Path() is then a temporary folder for the test's
+// own files.
 #pragma once
 #include <cstdint>
 #include <filesystem>
@@ -21,7 +27,9 @@ std::string DefaultVersionText(const std::string& fileVersion = "1, 0, 1, 0",
 
 // A fresh temporary root, set as SX_ROOT for the life of the object (and the
 // previous SX_ROOT restored afterwards). Also clears SX_SHIFT_HELD and
-// SX_AVAILABLE_MEMORY.
+// SX_AVAILABLE_MEMORY. On Windows: an empty <windows>\twain_32 and no
+// Software\Quillmark key for the life of the object (what was there before
+// is put back afterwards).
 class TempRoot {
  public:
   TempRoot();
@@ -30,12 +38,21 @@ class TempRoot {
   TempRoot& operator=(const TempRoot&) = delete;
 
   const fs::path& Path() const { return root_; }
-  fs::path Twain() const { return root_ / "windows" / "twain_32"; }
-  // Writes <root>/user.reg with the given text.
+  // What the library calls the Windows and system directories, and its
+  // driver tree. On Windows, what a test adds to the system directory (or
+  // its colour profile folder) is removed with the object.
+  const fs::path& Windows() const { return windows_; }
+  const fs::path& System() const { return system_; }
+  fs::path Twain() const { return windows_ / "twain_32"; }
+  // Replaces the registry with the given text in the store's text form
+  // (Linux: <root>/user.reg; Windows: the values under Software\Quillmark).
   void WriteRegistry(const std::string& text) const;
+  // The registry in the store's text form ("" when there is none).
   std::string ReadRegistry() const;
   // Installs a copy of vscan.dll as <twain_32>/<relDir>/<fileName> with the
   // given version record (empty: none) and vscan.ini (empty: none) beside it.
+  // A record is text lines "<path>=<text>" or "<path>=hex:<bytes>"; on
+  // Windows it becomes the copy's VS_VERSIONINFO resource.
   fs::path InstallVscan(const std::string& relDir, const std::string& iniText = "",
                         const std::string& versionText = DefaultVersionText(),
                         const std::string& fileName = "vscan.dll") const;
@@ -44,7 +61,8 @@ class TempRoot {
                          const std::string& fileName, const std::string& versionText) const;
 
  private:
-  fs::path root_;
+  fs::path root_, windows_, system_;
+  std::vector<fs::path> systemFiles_;  // Windows: what the system folders held before
   std::string oldRoot_;
   bool hadRoot_ = false;
 };
@@ -60,8 +78,8 @@ class ScopedEnv {
   bool had_ = false;
 };
 
-// libsxscan.so loaded with dlopen (attach) and closed again (detach), with its
-// exported functions resolved.
+// The library (libsxscan.so with dlopen, sxscan.dll with LoadLibrary) loaded
+// (attach) and freed again (detach), with its exported functions resolved.
 class Library {
  public:
   Library();
@@ -88,8 +106,34 @@ class Library {
   decltype(&::SxSysGlobalSize) GlobalSize = nullptr;
 
  private:
+  void ResolveExports();
   void* handle_ = nullptr;
 };
+
+// One readable page followed by one that faults on any access.
+class FaultingPage {
+ public:
+  FaultingPage();
+  ~FaultingPage();
+  FaultingPage(const FaultingPage&) = delete;
+  FaultingPage& operator=(const FaultingPage&) = delete;
+
+  size_t Size = 0;  // of one page
+  uint8_t* Base = nullptr;
+  void* Bad() const { return Base + Size; }
+  uint8_t* LastBytes(size_t n) const { return Base + Size - n; }
+};
+
+// Ends the test program when a call under test hangs: armed for `seconds`
+// from now (0 disarms), as alarm() does.
+void HangWatchdog(unsigned seconds);
+
+// A new empty folder in the system's temporary folder, named <prefix>...;
+// the caller removes it.
+fs::path MakeTempFolder(const std::string& prefix);
+
+// A path written with '/' in the system's own form (Windows: '\\').
+std::string NativePath(std::string path);
 
 std::string ReadFile(const fs::path& path);
 void WriteFile(const fs::path& path, const std::string& text);

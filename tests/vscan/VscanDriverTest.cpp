@@ -182,7 +182,7 @@ TEST(VscanBuild, VersionRecordAndExports) {
   EXPECT_TRUE(full.ReadScanEx && full.WriteNVMData && basic.ReadScan && minimal.GetScannerAbilityEx);
   EXPECT_FALSE(basic.ReadScanEx || minimal.GetScannerAbility || minimal.StartScan);
   // Nothing but the entry points leaves the module.
-  EXPECT_EQ(dlsym(full.Handle, "_ZN2sx5vscan15RenderChartLineERKNS0_13ChartGeometryEiPh"), nullptr);
+  EXPECT_EQ(sx::plat::ModuleSymbol(full.Handle, "_ZN2sx5vscan15RenderChartLineERKNS0_13ChartGeometryEiPh"), nullptr);
 }
 
 }  // namespace

@@ -1,15 +1,14 @@
-// A private copy of a virtual scanner module loaded with dlopen, as the library loads a driver:
-// its own folder, its own vscan.ini, its own state.
+// A private copy of a virtual scanner module loaded as the library loads a driver: its own
+// folder, its own vscan.ini, its own state.
 #pragma once
-#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "modules/vscan/TestChart.h"
+#include "platform/Module.h"
 #include "support/TestEnv.h"
 #include "sxdriver.h"
 
@@ -26,19 +25,17 @@ namespace fs = std::filesystem;
 
 struct Vscan {
   explicit Vscan(const std::string& ini = "", const char* module = SX_TEST_VSCAN) {
-    char tmpl[] = "/tmp/vscan-XXXXXX";
-    if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
-    Dir = tmpl;
+    Dir = sxtest::MakeTempFolder("vscan-");
     fs::copy_file(module, Dir / "vscan.dll");
     if (!ini.empty()) sxtest::WriteFile(Dir / "vscan.ini", ini);
-    Handle = dlopen((Dir / "vscan.dll").c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!Handle) throw std::runtime_error(std::string("dlopen: ") + dlerror());
-#define VSCAN_BIND(name) name = reinterpret_cast<PFN_##name>(dlsym(Handle, #name));
+    Handle = sx::plat::LoadModule((Dir / "vscan.dll").string());
+    if (!Handle) throw std::runtime_error("cannot load " + (Dir / "vscan.dll").string());
+#define VSCAN_BIND(name) name = reinterpret_cast<PFN_##name>(sx::plat::ModuleSymbol(Handle, #name));
     VSCAN_ENTRY_POINTS(VSCAN_BIND)
 #undef VSCAN_BIND
   }
   ~Vscan() {
-    if (Handle) dlclose(Handle);
+    sx::plat::FreeModule(Handle);
     std::error_code ec;
     fs::remove_all(Dir, ec);
   }

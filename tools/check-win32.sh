@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Static checks of the 32-bit Windows build, which cannot run here: the DLL
+# exports exactly the names of cmake/sxscan.def, undecorated, and its import
+# library carries each name's __stdcall decoration as the .def gives it
+# (_Name@N, N the bytes of arguments). The record layouts are checked while
+# the build compiles (the static_asserts of include/).
+#
+#   tools/check-win32.sh build/win32
+set -euo pipefail
+
+build=${1:?usage: tools/check-win32.sh <build folder>}
+source_dir=$(cd "$(dirname "$0")/.." && pwd)
+def="$source_dir/cmake/sxscan.def"
+dll="$build/sxscan.dll"
+lib="$build/sxscan.lib"
+objdump=${SX_OBJDUMP:-i686-w64-mingw32-objdump}
+nm=${SX_NM:-i686-w64-mingw32-nm}
+status=0
+fail() { echo "check-win32: $*" >&2; status=1; }
+
+for f in "$dll" "$lib"; do [ -f "$f" ] || { echo "check-win32: $f missing" >&2; exit 1; }; done
+"$objdump" -f "$dll" | grep -q 'file format pei-i386' || fail "$dll is not a 32-bit DLL"
+
+# "Name@N" lines of the EXPORTS section.
+decorated=$(sed -n '/^EXPORTS/,$p' "$def" | sed -n 's/^[[:space:]]*\([A-Za-z_][A-Za-z0-9_]*@[0-9][0-9]*\).*/\1/p' | sort)
+[ -n "$decorated" ] || { echo "check-win32: no exports in $def" >&2; exit 1; }
+plain=$(printf '%s\n' "$decorated" | sed 's/@.*//' | sort)
+
+# The export name table: "[ ordinal] Name" lines after "[Ordinal/Name Pointer] Table".
+exported=$("$objdump" -p "$dll" | sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' |
+  sed -n 's/^[[:space:]]*\[[[:space:]]*[0-9]*\][[:space:]]*\([^[:space:]]*\).*/\1/p' | sort)
+if [ "$exported" != "$plain" ]; then
+  fail "the DLL's exports differ from $def:"
+  diff <(printf '%s\n' "$plain") <(printf '%s\n' "$exported") | sed 's/^/    /' >&2 || true
+fi
+
+# Each decorated name as the import library's thunk (_Name@N) and import
+# pointer (__imp__Name@N); no other Sx symbol.
+symbols=$("$nm" "$lib" 2>/dev/null | awk 'NF >= 2 { print $NF }' | sort -u)
+thunks=$(printf '%s\n' "$symbols" | sed -n 's/^_\(Sx[A-Za-z0-9_]*@[0-9]*\)$/\1/p' | sort)
+pointers=$(printf '%s\n' "$symbols" | sed -n 's/^__imp__\(Sx[A-Za-z0-9_]*@[0-9]*\)$/\1/p' | sort)
+for kind in thunks pointers; do
+  if [ "${!kind}" != "$decorated" ]; then
+    fail "the import library's $kind differ from $def:"
+    diff <(printf '%s\n' "$decorated") <(printf '%s\n' "${!kind}") | sed 's/^/    /' >&2 || true
+  fi
+done
+
+count=$(printf '%s\n' "$decorated" | wc -l)
+[ $status -eq 0 ] && echo "win32: sxscan.dll exports the $count names of sxscan.def; sxscan.lib has their @N decorations"
+exit $status
