@@ -37,6 +37,14 @@ function(sx_add_windows_library)
   target_link_options(sxscan PRIVATE -Wl,--no-undefined)
   if(SX_IS_WIN32_X86)
     target_link_options(sxscan PRIVATE -Wl,--kill-at)
+    # --kill-at strips the decoration from the import library the linker
+    # writes as well, and a caller compiled with __stdcall asks for _Name@N:
+    # the import library is written again from the decorated list, its
+    # entries naming the plain exports.
+    add_custom_command(TARGET sxscan POST_BUILD
+      COMMAND ${CMAKE_DLLTOOL} --input-def ${SX_DEF_FILE} --dllname sxscan.dll --kill-at
+              --output-lib $<TARGET_LINKER_FILE:sxscan>
+      VERBATIM)
   endif()
   set_target_properties(sxscan PROPERTIES PREFIX "" IMPORT_PREFIX "" IMPORT_SUFFIX ".lib"
                                           LINK_DEPENDS ${CMAKE_SOURCE_DIR}/cmake/sxscan.def)
