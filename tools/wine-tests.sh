@@ -22,9 +22,11 @@ wineserver=$(find_wine_tool wineserver) || { echo "wine-tests: wineserver not fo
 
 export WINEPREFIX="$build/wineprefix"
 export WINEDEBUG=-all
-# No Mono or Gecko installer at prefix creation, and a crash ends the program
-# at once instead of waiting in the debugger.
-export WINEDLLOVERRIDES="mscoree,mshtml=;winedbg.exe=d"
+# No Mono or Gecko installer at prefix creation; a crash ends the program at
+# once instead of waiting in the debugger; no ASPI layer but the one a test
+# installs (Wine's own would answer every list building, and would be loaded
+# in place of the file a test puts in the system folder).
+export WINEDLLOVERRIDES="mscoree,mshtml=;winedbg.exe=d;wnaspi32=n"
 timeout_s=${SX_WINE_TIMEOUT:-600}
 logs="$build/wine-logs"
 
@@ -37,6 +39,7 @@ rm -rf "$WINEPREFIX" "$logs"
 mkdir -p "$WINEPREFIX" "$logs"
 start=$(date +%s)
 "$wine" wineboot -i >/dev/null 2>&1 </dev/null
+rm -f "$WINEPREFIX/drive_c/windows/system32/wnaspi32.dll"
 # Dialogs run headless: the null graphics driver. The desktop process reads
 # the driver when it starts, so the session that made the prefix ends and a
 # persistent one begins.

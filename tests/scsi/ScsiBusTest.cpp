@@ -25,7 +25,7 @@ class ScsiBus : public ::testing::Test {
  protected:
   // The simulated ASPI module in the system folder, with its bus.
   void InstallBus(const std::string& bus) {
-    const fs::path system = root_.Path() / "windows" / "system32";
+    const fs::path system = root_.System();
     fs::create_directories(system);
     fs::copy_file(SX_TEST_ASPISIM, system / "wnaspi32.dll", fs::copy_options::overwrite_existing);
     WriteFile(system / "aspibus.ini", bus);
@@ -52,7 +52,7 @@ TEST_F(ScsiBus, TheMakersScannerIsClaimedByItsScsiDriver) {
   const SxDataSource& ds = list[0];
   EXPECT_EQ(Text(ds.DisplayName), ScsiName(3, "QM7110"));
   EXPECT_EQ(Text(ds.FileName), "vscan.dll");
-  EXPECT_EQ(Text(ds.Directory), root_.Twain().string() + "/Corvane/QM7110/");
+  EXPECT_EQ(Text(ds.Directory), NativePath(root_.Twain().string() + "/Corvane/QM7110/"));
   EXPECT_EQ(Text(ds.FileVersion), "1,0,1,0");
   EXPECT_EQ(Text(ds.PortName), "SCSI-SIMBUS0");
   EXPECT_EQ(Text(ds.Vendor), "CORVANE ");
@@ -124,7 +124,7 @@ TEST_F(ScsiBus, WithoutAUsableAspiModuleOnlyDriversAreListed) {
     return out;
   };
   EXPECT_EQ(names(), std::vector<std::string>{own}) << "no module";
-  const fs::path system = root_.Path() / "windows" / "system32";
+  const fs::path system = root_.System();
   fs::create_directories(system);
   fs::copy_file(SX_TEST_VSCAN, system / "wnaspi32.dll");
   EXPECT_EQ(names(), std::vector<std::string>{own}) << "no entry points";
