@@ -232,7 +232,10 @@ int32_t ReadPage(Device& d, uint8_t* buffer, uint32_t want, uint32_t& got, std::
   const int32_t result = ReadPaced(d, buffer, want, n, extra);
   d.Overslept = {};
   if (waitUs && std::chrono::steady_clock::now() < due) {
-    std::this_thread::sleep_until(due);
+    // A sleep may end a fraction of a millisecond early (seen with the
+    // MinGW runtime under Wine): the pace is a lower bound, so sleep again.
+    do std::this_thread::sleep_until(due);
+    while (std::chrono::steady_clock::now() < due);
     d.Overslept = std::chrono::steady_clock::now() - due;
   }
   got = result ? static_cast<uint32_t>(n) : 0;

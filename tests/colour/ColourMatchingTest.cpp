@@ -1,21 +1,24 @@
-// Colour matching with the real colour-management module on Little CMS. The
-// golden check: a page scanned with colour matching equals the same page
-// scanned without it, converted by Little CMS in the test from the scanner's
-// profile to sRGB. That holds only if the scanner received identity tables
-// and the module applied the tone tables itself, once, before converting.
+// Colour matching with the real colour-management module (on Little CMS, or
+// on the system's colour management on Windows). The golden check: a page
+// scanned with colour matching equals the same page scanned without it,
+// converted in the test from the scanner's profile to sRGB by the engine the
+// module uses (ReferenceCms.h). That holds only if the scanner received
+// identity tables and the module applied the tone tables itself, once,
+// before converting.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "modules/cmms/Profiles.h"
+#include "ReferenceCms.h"
 #include "support/TestEnv.h"
 
 namespace {
 
 using namespace sxtest;
+using colour::ProfileKind;
+using colour::WriteProfile;
 
 constexpr size_t kHostBuffer = 1 << 20;
 constexpr int32_t kLines = 90;
@@ -41,12 +44,22 @@ class ColourMatching : public ::testing::Test {
     log_ = root_.Twain() / "Corvane/QM7110/calls.log";
     root_.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n"
                                          "[Feeder]\nSheets=100\n[Log]\nFile=" + log_.string() + "\n");
-    color_ = root_.Path() / "windows/system32/SPOOL/DRIVERS/COLOR";
+    color_ = root_.Windows() / "system32" / "SPOOL" / "DRIVERS" / "COLOR";
+    module_ = root_.Windows() / "system32" / "sxcmms.dll";
     fs::create_directories(color_);
-    fs::copy_file(SX_TEST_CMMS, root_.Path() / "windows/system32/sxcmms.dll");
+    fs::copy_file(SX_TEST_CMMS, module_, fs::copy_options::overwrite_existing);
     WriteFile(root_.Twain() / "Corvane/QM7110/cmatch.ini", "[Model]\nQM7110V=scanner.icc\n");
   }
+  // On Windows the system folders are the real ones: nothing is left there.
   void TearDown() override {
+    Unload();
+    std::error_code ec;
+    fs::remove(module_, ec);
+    fs::remove(color_ / "scanner.icc", ec);
+  }
+  // Unmapped, so that the next mapping has its worker threads again and the
+  // colour module is no longer in use.
+  void Unload() {
     if (lib_) {
       lib_->Free();
       lib_.reset();
@@ -56,10 +69,7 @@ class ColourMatching : public ::testing::Test {
   // and asks for the colour-matching values as a host does (which loads the
   // module).
   void Load(const std::string& gammas) {
-    if (lib_) {
-      lib_->Free();
-      lib_.reset();  // unmapped, so the next mapping has its worker threads again
-    }
+    Unload();
     root_.WriteRegistry("[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" +
                         std::string(13, ' ') +
                         "1.00\"\n[Software\\Quillmark\\ScanData]\n\"PIXELTYPE\"=dword:00000002\n"
@@ -87,9 +97,9 @@ class ColourMatching : public ::testing::Test {
     EXPECT_EQ(lib_->SetValue(CAP_BUFFERING, TY_UINT8, &buffering), 0);
     SxHandle handle = lib_->GlobalAlloc(SX_GHND, kHostBuffer);
     gPage.clear();
-    alarm(60);
+    HangWatchdog(60);
     EXPECT_EQ(lib_->Acquire(Collect, lib_->GlobalLock(handle)), 0);
-    alarm(0);
+    HangWatchdog(0);
     lib_->GlobalUnlock(handle);
     lib_->GlobalFree(handle);
     return gPage;
@@ -111,20 +121,9 @@ class ColourMatching : public ::testing::Test {
   TempRoot root_;
   fs::path log_;
   fs::path color_;
+  fs::path module_;
   std::unique_ptr<Library> lib_;
 };
-
-// The scanner's profile converted to sRGB by Little CMS, as the module should.
-std::vector<uint8_t> ToSrgb(const std::vector<uint8_t>& raster) {
-  cmsHPROFILE in = sx::cmms::CreateScannerProfile(), out = cmsCreate_sRGBProfile();
-  cmsHTRANSFORM t = cmsCreateTransform(in, TYPE_RGB_8, out, TYPE_RGB_8, INTENT_PERCEPTUAL, 0);
-  std::vector<uint8_t> converted(raster.size());
-  cmsDoTransform(t, raster.data(), converted.data(), static_cast<cmsUInt32Number>(raster.size() / 3));
-  cmsDeleteTransform(t);
-  cmsCloseProfile(in);
-  cmsCloseProfile(out);
-  return converted;
-}
 
 std::string Gammas(const char* master, const char* red = "1.0", const char* blue = "1.0") {
   return std::string("\"GAMMA\"=str(2):\"") + master + "\"\n\"GAMMA_R\"=str(2):\"" + red +
@@ -136,20 +135,20 @@ TEST_F(ColourMatching, OfferedOnlyWithAModuleAndAUsableProfile) {
   EXPECT_EQ(Offered(), 1) << "the profile file is missing";
   WriteFile(color_ / "scanner.icc", "not a profile");
   EXPECT_EQ(Offered(), 1) << "the profile is unreadable";
-  cmsToneCurve* curve = cmsBuildGamma(nullptr, 2.2);
-  cmsHPROFILE gray = cmsCreateGrayProfile(cmsD50_xyY(), curve);
-  cmsFreeToneCurve(curve);
-  ASSERT_TRUE(sx::cmms::SaveProfile(gray, (color_ / "scanner.icc").string()));
+  ASSERT_TRUE(WriteProfile(ProfileKind::Gray, color_ / "scanner.icc"));
   EXPECT_EQ(Offered(), 1) << "a grey profile cannot convert colour lines";
-  ASSERT_TRUE(sx::cmms::SaveProfile(sx::cmms::CreateScannerProfile(), (color_ / "scanner.icc").string()));
+  ASSERT_TRUE(WriteProfile(ProfileKind::Scanner, color_ / "scanner.icc"));
   EXPECT_EQ(Offered(), 2);
-  // A module without the entry points: as if there were none.
-  // (A new file, not the loaded one written over: that would change a mapped module.)
-  fs::remove(root_.Path() / "windows/system32/sxcmms.dll");
-  fs::copy_file(SX_TEST_EMPTY_DLL, root_.Path() / "windows/system32/sxcmms.dll");
+  // A module without the entry points: as if there were none. (A new file,
+  // not the loaded one written over: that would change a mapped module, and
+  // Windows keeps a loaded module's file from being replaced.)
+  Unload();
+  fs::remove(module_);
+  fs::copy_file(SX_TEST_EMPTY_DLL, module_);
   Load(Gammas("1.0"));
   EXPECT_EQ(Offered(), 1) << "a module without SX_Icc_SetProfile";
-  fs::remove(root_.Path() / "windows/system32/sxcmms.dll");
+  Unload();
+  fs::remove(module_);
   Load(Gammas("1.0"));
   EXPECT_EQ(Offered(), 1) << "no module";
   // Colour matching asked for without a module: the page comes plain.
@@ -167,13 +166,14 @@ std::string Identity() {
 // Per-channel tables: the scanner applies them to a plain scan; with colour
 // matching the scanner gets identity tables and the module applies them.
 // The master table applies to a plain scan only.
-TEST_F(ColourMatching, PagesEqualLittleCmsAppliedToThePlainScanInBothModes) {
-  ASSERT_TRUE(sx::cmms::SaveProfile(sx::cmms::CreateScannerProfile(), (color_ / "scanner.icc").string()));
+TEST_F(ColourMatching, PagesEqualTheEngineAppliedToThePlainScanInBothModes) {
+  ASSERT_TRUE(WriteProfile(ProfileKind::Scanner, color_ / "scanner.icc"));
   const auto expectConverted = [](const std::vector<uint8_t>& matched, const std::vector<uint8_t>& plain) {
     ASSERT_EQ(plain.size(), static_cast<size_t>(gPixels) * 3 * kLines);  // length in 1/300 inch
     ASSERT_EQ(matched.size(), plain.size());
     EXPECT_NE(matched, plain) << "the conversion changed nothing";
-    const std::vector<uint8_t> expected = ToSrgb(plain);
+    const std::vector<uint8_t> expected = colour::ToSrgb(plain);
+    ASSERT_EQ(expected.size(), plain.size()) << "no reference conversion";
     size_t differing = 0;
     for (size_t i = 0; i < expected.size(); ++i) differing += expected[i] != matched[i];
     EXPECT_EQ(differing, 0u);
@@ -214,7 +214,7 @@ TEST_F(ColourMatching, PagesEqualLittleCmsAppliedToThePlainScanInBothModes) {
 
 // sRGB in, sRGB out: the page comes through unchanged.
 TEST_F(ColourMatching, IdentityProfilesLeaveThePageAlone) {
-  ASSERT_TRUE(sx::cmms::SaveProfile(cmsCreate_sRGBProfile(), (color_ / "scanner.icc").string()));
+  ASSERT_TRUE(WriteProfile(ProfileKind::Srgb, color_ / "scanner.icc"));
   Load(Gammas("1.0"));
   ASSERT_EQ(Offered(), 2);
   const std::vector<uint8_t> plain = Scan(0, 0);

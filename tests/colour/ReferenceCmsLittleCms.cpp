@@ -1,0 +1,27 @@
+// The reference on Little CMS, which also makes the profiles.
+#if !defined(_WIN32)
+#include "modules/cmms/Profiles.h"
+#include "ReferenceCms.h"
+
+namespace sxtest::colour {
+
+bool WriteProfile(ProfileKind kind, const std::filesystem::path& path) {
+  cmsHPROFILE profile = kind == ProfileKind::Scanner ? sx::cmms::CreateScannerProfile()
+                        : kind == ProfileKind::Gray  ? sx::cmms::CreateGrayProfile()
+                                                     : cmsCreate_sRGBProfile();
+  return sx::cmms::SaveProfile(profile, path.string());
+}
+
+std::vector<uint8_t> ToSrgb(const std::vector<uint8_t>& raster) {
+  cmsHPROFILE in = sx::cmms::CreateScannerProfile(), out = cmsCreate_sRGBProfile();
+  cmsHTRANSFORM t = cmsCreateTransform(in, TYPE_RGB_8, out, TYPE_RGB_8, INTENT_PERCEPTUAL, 0);
+  std::vector<uint8_t> converted(raster.size());
+  cmsDoTransform(t, raster.data(), converted.data(), static_cast<cmsUInt32Number>(raster.size() / 3));
+  cmsDeleteTransform(t);
+  cmsCloseProfile(in);
+  cmsCloseProfile(out);
+  return converted;
+}
+
+}  // namespace sxtest::colour
+#endif
