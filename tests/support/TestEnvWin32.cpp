@@ -23,7 +23,7 @@ namespace {
 constexpr char kVendorKey[] = "Software\\Quillmark";
 constexpr char kRootPrefix[] = "HKEY_CURRENT_USER\\";
 constexpr char kShiftVariable[] = "SX_SHIFT_HELD";
-// A driver tree found at construction waits here until the object ends.
+// Where a driver tree found at construction waits until the object ends.
 constexpr char kSavedSuffix[] = ".sxtest-saved";
 // The language of the version resource a resource compiler gives by default.
 constexpr WORD kVersionLanguage = MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US);
@@ -32,6 +32,7 @@ constexpr DWORD kMaxValueName = 16384;
 constexpr UINT kHungExitCode = 124;  // what timeout(1) reports
 
 std::atomic<int> folderCounter{0};
+std::atomic<int> liveRoots{0};
 
 fs::path SystemFolder(UINT(WINAPI* query)(LPWSTR, UINT)) {
   wchar_t buffer[MAX_PATH];
@@ -81,7 +82,9 @@ void PressShift(bool down) {
 
 void SetOrPress(const char* name, const char* value) {
   SetVariable(name, value);
-  if (std::strcmp(name, kShiftVariable) == 0) PressShift(value && std::strcmp(value, "1") == 0);
+  if (std::strcmp(name, kShiftVariable) != 0) return;
+  const bool held = (GetAsyncKeyState(VK_SHIFT) & 0x8000) != 0, wanted = value && std::strcmp(value, "1") == 0;
+  if (held != wanted) PressShift(wanted);
 }
 
 void DeleteVendorKey() {
@@ -272,10 +275,12 @@ TempRoot::TempRoot()
       windows_(SystemFolder(GetWindowsDirectoryW)),
       system_(SystemFolder(GetSystemDirectoryW)),
       systemFiles_(Entries(WatchedFolders(system_))) {
+  // The system has one Windows directory and one registry: one root at a time.
+  if (liveRoots++ != 0) ADD_FAILURE() << "a second TempRoot while one is alive";
   const fs::path twain = Twain(), saved = twain.string() + kSavedSuffix;
   std::error_code ec;
-  // A tree left by a test that never finished is removed; one that was
-  // there before any test is kept aside.
+  // A tree found here is kept aside and put back afterwards; with one kept
+  // aside already, it is what a test that never finished left.
   if (fs::exists(saved, ec)) fs::remove_all(twain, ec);
   else if (fs::exists(twain, ec)) fs::rename(twain, saved);
   fs::create_directories(twain);
@@ -293,6 +298,7 @@ TempRoot::~TempRoot() {
   for (const fs::path& entry : Entries(WatchedFolders(system_)))
     if (!std::binary_search(systemFiles_.begin(), systemFiles_.end(), entry)) fs::remove_all(entry, ec);
   fs::remove_all(root_, ec);
+  --liveRoots;
 }
 
 // The text's keys must lie under Software\Quillmark: that key is what each
