@@ -11,11 +11,39 @@
 
 namespace sx::plat {
 
+namespace {
+
+constexpr DWORD kReadable = PAGE_READONLY | PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READ |
+                            PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+constexpr DWORD kWritable =
+    PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+
+// Whether every page of the range is committed with one of `access`'s
+// protections. The process-memory calls alone are not enough: they write a
+// read-only page by changing its protection, and some systems let them read
+// a page that is reserved but no longer committed.
+bool Accessible(const void* start, size_t size, DWORD access) {
+  auto at = reinterpret_cast<uintptr_t>(start);
+  const uintptr_t end = at + size;
+  if (end < at) return false;
+  while (at < end) {
+    MEMORY_BASIC_INFORMATION region{};
+    if (!::VirtualQuery(reinterpret_cast<const void*>(at), &region, sizeof region)) return false;
+    if (region.State != MEM_COMMIT || !(region.Protect & access) || (region.Protect & PAGE_GUARD))
+      return false;
+    at = reinterpret_cast<uintptr_t>(region.BaseAddress) + region.RegionSize;
+  }
+  return true;
+}
+
+}  // namespace
+
 bool GuardedCopy(void* dst, const void* src, size_t size) {
   if (size == 0) return true;
+  if (!Accessible(src, size, kReadable) || !Accessible(dst, size, kWritable)) return false;
   SIZE_T copied = 0;
-  // Reading from our own process checks the source; the destination is
-  // checked by the same call, since the system writes it on our behalf.
+  // The copy itself still goes through the system, which reports a range
+  // released meanwhile instead of faulting.
   return ::ReadProcessMemory(::GetCurrentProcess(), src, dst, size, &copied) && copied == size;
 }
 
@@ -52,34 +80,10 @@ bool SafeRead(void* dst, const void* src, size_t size) {
   return GuardedCopy(dst, src, size);
 }
 
-namespace {
-
-// WriteProcessMemory would change a read-only page's protection to write it;
-// a host's read-only memory must be refused instead, as a fault would be.
-bool Writable(void* dst, size_t size) {
-  constexpr DWORD kWritable =
-      PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
-  auto at = reinterpret_cast<uintptr_t>(dst);
-  const uintptr_t end = at + size;
-  if (end < at) return false;
-  while (at < end) {
-    MEMORY_BASIC_INFORMATION region{};
-    if (!::VirtualQuery(reinterpret_cast<void*>(at), &region, sizeof region)) return false;
-    if (region.State != MEM_COMMIT || !(region.Protect & kWritable) || (region.Protect & PAGE_GUARD))
-      return false;
-    at = reinterpret_cast<uintptr_t>(region.BaseAddress) + region.RegionSize;
-  }
-  return true;
-}
-
-}  // namespace
-
 bool SafeWrite(void* dst, const void* src, size_t size) {
+  // The same copy: both ends are checked.
   if (size && (!dst || !src)) return false;
-  if (size && !Writable(dst, size)) return false;
-  SIZE_T copied = 0;
-  return size == 0 ||
-         (::WriteProcessMemory(::GetCurrentProcess(), dst, src, size, &copied) && copied == size);
+  return GuardedCopy(dst, src, size);
 }
 
 int32_t MulDiv(int32_t a, int32_t b, int32_t c) { return ::MulDiv(a, b, c); }

@@ -1,7 +1,7 @@
 // Worker threads and events on the system's own objects: a worker is created
 // suspended (CREATE_SUSPENDED) and started by its first resume; afterwards it
-// parks itself on its own automatic-reset wake event. The event keeps a resume
-// that arrives while the worker is still running, so the worker's next
+// parks itself on its own automatic-reset wake event. A resume that arrives
+// while the worker is still running is kept, so the worker's next
 // self-suspend returns at once and no wake-up is ever lost (a bare
 // SuspendThread would lose that race).
 //
@@ -19,18 +19,31 @@ namespace sx::plat {
 struct Thread {
   HANDLE Handle = nullptr;
   DWORD Id = 0;
-  HANDLE Wake = nullptr;  // automatic-reset: one resume, kept until taken
+  HANDLE Wake = nullptr;  // automatic-reset: set only for a parked worker
   ThreadProc Proc = nullptr;
   void* Argument = nullptr;
-  std::atomic<bool> Started{false};      // the first resume has been given
-  std::atomic<bool> Parked{true};        // suspended, or not yet started
-  std::atomic<bool> Terminating{false};
+  SRWLOCK Lock = SRWLOCK_INIT;  // guards the flags below
+  bool Started = false;         // the first resume has been given
+  bool Parked = true;           // suspended, or not yet started
+  bool ResumePending = false;   // a resume that came while running
+  bool Terminating = false;
   std::atomic<bool> SelfTerminated{false};  // the worker stopped itself and frees the record
 };
 
 namespace {
 
 thread_local Thread* t_current = nullptr;
+
+class Locked {
+ public:
+  explicit Locked(Thread* t) : lock_(&t->Lock) { ::AcquireSRWLockExclusive(lock_); }
+  ~Locked() { ::ReleaseSRWLockExclusive(lock_); }
+  Locked(const Locked&) = delete;
+  Locked& operator=(const Locked&) = delete;
+
+ private:
+  SRWLOCK* lock_;
+};
 
 void Destroy(Thread* t) {
   if (t->Handle) ::CloseHandle(t->Handle);
@@ -41,13 +54,21 @@ void Destroy(Thread* t) {
 DWORD WINAPI Entry(LPVOID arg) {
   Thread* t = static_cast<Thread*>(arg);
   t_current = t;
-  if (!t->Terminating.load(std::memory_order_acquire)) {
+  bool run;
+  {
+    Locked guard(t);
+    run = !t->Terminating;
+  }
+  if (run) {
     try {
       t->Proc(t->Argument);
     } catch (...) {
     }
   }
-  t->Parked.store(false, std::memory_order_release);
+  {
+    Locked guard(t);
+    t->Parked = false;
+  }
   t_current = nullptr;
   if (t->SelfTerminated.load(std::memory_order_acquire)) Destroy(t);
   return 0;
@@ -72,47 +93,67 @@ ThreadHandle CreateSuspendedThread(ThreadProc proc, void* argument) {
 
 void ResumeThread(ThreadHandle t) {
   if (!t) return;
-  if (!t->Started.exchange(true, std::memory_order_acq_rel)) {
-    t->Parked.store(false, std::memory_order_release);
-    ::ResumeThread(t->Handle);
-    return;
+  bool first = false;
+  {
+    Locked guard(t);
+    if (!t->Started) {
+      t->Started = first = true;
+      t->Parked = false;
+    } else if (t->Parked) {
+      t->Parked = false;
+      ::SetEvent(t->Wake);
+    } else {
+      t->ResumePending = true;
+    }
   }
-  ::SetEvent(t->Wake);
+  if (first) ::ResumeThread(t->Handle);
 }
 
 bool SuspendCurrentThread() {
   Thread* t = t_current;
   if (!t) return false;  // not one of our workers: nothing to park
-  if (t->Terminating.load(std::memory_order_acquire)) return false;
-  // A resume given while the job ran is taken without parking.
-  if (::WaitForSingleObject(t->Wake, 0) == WAIT_OBJECT_0) return true;
-  t->Parked.store(true, std::memory_order_release);
+  {
+    Locked guard(t);
+    if (t->Terminating) return false;
+    if (t->ResumePending) {
+      t->ResumePending = false;
+      return true;
+    }
+    t->Parked = true;
+  }
+  // The wake event is set by the resume that clears Parked; set before this
+  // wait begins, it is kept, so the resume is not lost.
   ::WaitForSingleObject(t->Wake, INFINITE);
-  t->Parked.store(false, std::memory_order_release);
-  return !t->Terminating.load(std::memory_order_acquire);
+  Locked guard(t);
+  return !t->Terminating;
 }
 
 bool IsThreadParked(ThreadHandle t) {
-  return t && t->Parked.load(std::memory_order_acquire);
+  if (!t) return false;
+  Locked guard(t);
+  return t->Parked;
 }
 
 // A parked or unstarted worker holds nothing (it waits on its own event), so
 // it is stopped with the system's TerminateThread, as the library's unload
-// does; this stays safe inside the DLL's detach notification, where a worker
-// could not run to its end. A running worker is told to stop and waited for.
+// does: its procedure does not return. Letting it run to its end instead
+// would deadlock inside the DLL's detach notification (a thread's exit waits
+// for the loader) or return into a DLL already unmapped. A running worker is
+// told to stop and waited for.
 void TerminateThread(ThreadHandle t, uint32_t exitCode) {
   if (!t) return;
-  t->Terminating.store(true, std::memory_order_release);
+  bool parked;
+  {
+    Locked guard(t);
+    t->Terminating = true;
+    parked = t->Parked || !t->Started;
+    t->Started = true;
+  }
   if (t->Id == ::GetCurrentThreadId()) {
     t->SelfTerminated.store(true, std::memory_order_release);
-    ::SetEvent(t->Wake);
     return;
   }
-  if (!t->Started.exchange(true, std::memory_order_acq_rel) || t->Parked.load(std::memory_order_acquire)) {
-    ::TerminateThread(t->Handle, exitCode);
-  } else {
-    ::SetEvent(t->Wake);
-  }
+  if (parked) ::TerminateThread(t->Handle, exitCode);
   ::WaitForSingleObject(t->Handle, INFINITE);
   Destroy(t);
 }

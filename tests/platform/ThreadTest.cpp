@@ -44,7 +44,12 @@ TEST(Threads, WorkerRunsOnlyWhenResumedParksAfterEachJobAndLeavesOnTerminate) {
   }
   TerminateThread(t, 0);
   TerminateThread(unstarted, 0);
-  EXPECT_TRUE(w.Returned && never.Jobs == 0) << "an unstarted worker never runs its procedure";
+  EXPECT_EQ(never.Jobs, 0) << "an unstarted worker never runs its procedure";
+#ifndef _WIN32
+  // On Windows a parked worker is stopped by the system, as the DLL's
+  // unload needs: its procedure does not return.
+  EXPECT_TRUE(w.Returned);
+#endif
   EXPECT_FALSE(SuspendCurrentThread()) << "not a worker: nothing to park";
 }
 

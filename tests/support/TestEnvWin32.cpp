@@ -243,16 +243,12 @@ void HangWatchdog(unsigned seconds) {
 
 // Two pages taken, then only the first kept: the second is free address
 // space, which faults for the process and for the system's memory services
-// alike. Wine keeps the areas it reserved for itself mapped when a program
-// frees memory there, and its memory services read through them, so the pair
-// is first looked for above those areas.
+// alike.
 FaultingPage::FaultingPage() {
-  constexpr uintptr_t kFreeAreaHint = 0x7FF000000000;
   SYSTEM_INFO info{};
   GetSystemInfo(&info);
   Size = info.dwPageSize;
-  void* pair = VirtualAlloc(reinterpret_cast<void*>(kFreeAreaHint), 2 * Size, MEM_RESERVE, PAGE_NOACCESS);
-  if (!pair) pair = VirtualAlloc(nullptr, 2 * Size, MEM_RESERVE, PAGE_NOACCESS);
+  void* pair = VirtualAlloc(nullptr, 2 * Size, MEM_RESERVE, PAGE_NOACCESS);
   if (!pair || !VirtualFree(pair, 0, MEM_RELEASE)) throw std::runtime_error("VirtualAlloc failed");
   Base = static_cast<uint8_t*>(VirtualAlloc(pair, Size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
   if (!Base) throw std::runtime_error("VirtualAlloc failed");
