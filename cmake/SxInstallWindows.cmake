@@ -1,20 +1,26 @@
 # cmake --install on Windows: the package a host's developer copies. The DLL
 # and programs in bin/, the import library and the .def in lib/, the headers
-# in include/sxscan/, and twain_32/, the driver tree ready to copy under the
-# Windows directory (C:\Windows\twain_32\), holding the virtual scanner.
+# in include/sxscan/, and windows/, which mirrors C:\Windows: the driver tree
+# twain_32\ with the virtual scanner, and the scanner's colour profile in the
+# system colour folder.
+set(SX_PACKAGE_WINDOWS windows)
 install(TARGETS sxscan
   RUNTIME DESTINATION bin COMPONENT runtime
   ARCHIVE DESTINATION lib COMPONENT development)
 install(FILES ${SX_DEF_FILE} DESTINATION lib COMPONENT development)
 install(FILES include/sxscan.h include/sxsys.h include/sxdriver.h include/sxaspi.h
   DESTINATION include/sxscan COMPONENT development)
-install(TARGETS vscan LIBRARY DESTINATION twain_32/Corvane/VScan RUNTIME DESTINATION twain_32/Corvane/VScan
-  COMPONENT runtime)
+install(TARGETS vscan RUNTIME DESTINATION ${SX_PACKAGE_WINDOWS}/twain_32/Corvane/VScan
+  LIBRARY DESTINATION ${SX_PACKAGE_WINDOWS}/twain_32/Corvane/VScan COMPONENT runtime)
 install(FILES cmake/skeleton/vscan.ini cmake/skeleton/cmatch.ini
-  DESTINATION twain_32/Corvane/VScan COMPONENT runtime)
+  DESTINATION ${SX_PACKAGE_WINDOWS}/twain_32/Corvane/VScan COMPONENT runtime)
+# The virtual scanner's input profile, as cmatch.ini names it (made once by
+# sxprofile on Linux: Windows has no call that makes a profile).
+install(FILES tests/data/colour/scanner.icc RENAME vscan.icc
+  DESTINATION ${SX_PACKAGE_WINDOWS}/system32/spool/drivers/color COMPONENT runtime)
 if(TARGET sxcmms)
-  install(TARGETS sxcmms LIBRARY DESTINATION bin RUNTIME DESTINATION bin COMPONENT runtime)
+  install(TARGETS sxcmms RUNTIME DESTINATION bin LIBRARY DESTINATION bin COMPONENT runtime)
 endif()
-if(TARGET sxscan-cli)
-  install(TARGETS sxscan-cli RUNTIME DESTINATION bin COMPONENT runtime)
+if(TARGET sxscan_host)
+  install(TARGETS sxscan_host RUNTIME DESTINATION bin COMPONENT runtime)
 endif()

@@ -22,18 +22,18 @@ fi
 declare -A sources=(
   [registry]="platform/RegistryText.cpp"
   [profile]="platform/ProfileText.cpp"
-  [version]="platform/VersionRecord.cpp platform/VersionBlock.cpp"
+  [version]="platform/posix/VersionRecord.cpp platform/posix/VersionBlock.cpp"
 )
 # Host values go through the whole library: every source but the shared
 # object's attach hooks.
 core=$(cd "$root" && ls frame/*.cpp driver/*.cpp sources/*.cpp settings/*.cpp acquire/*.cpp \
-  imaging/*.cpp platform/*.cpp | grep -v '^frame/Attach\.cpp$' | tr '\n' ' ')
+  imaging/*.cpp platform/*.cpp platform/posix/*.cpp | grep -v '^frame/Attach' | tr '\n' ' ')
 kernels="imaging/kernels/Kernels.cpp imaging/kernels/KernelsPortable.cpp"
 core="$core $kernels"
 sources[values]="$core"
 sources[driver]="$core"
-sources[vscan]="modules/vscan/VscanConfig.cpp modules/common/ModuleIni.cpp modules/vscan/TestChart.cpp $kernels"
-sources[aspibus]="modules/aspisim/AspiBus.cpp modules/common/ModuleIni.cpp"
+sources[vscan]="modules/vscan/VscanConfig.cpp modules/common/ModuleIni.cpp modules/common/ModuleIniPosix.cpp modules/vscan/TestChart.cpp $kernels"
+sources[aspibus]="modules/aspisim/AspiBus.cpp modules/common/ModuleIni.cpp modules/common/ModuleIniPosix.cpp"
 # The kernels against the tests' reference; on x86-64 the AVX2 set too.
 sources[kernels]="$kernels tests/support/ReferenceKernels.cpp"
 

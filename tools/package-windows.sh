@@ -33,7 +33,7 @@ if ! { cmake -S . -B "$BUILD" -DCMAKE_TOOLCHAIN_FILE="cmake/toolchain-mingw-$ARC
   exit 1
 fi
 rm -rf "$PACKAGE_DIR"
-cmake --install "$BUILD" --prefix "$PACKAGE_DIR" --component runtime >/dev/null
+cmake --install "$BUILD" --prefix "$PACKAGE_DIR" --component runtime --strip >/dev/null
 cmake --install "$BUILD" --prefix "$PACKAGE_DIR" --component development >/dev/null
 rm -f "$build_log"
 echo "package-windows: $PACKAGE_DIR"

@@ -199,18 +199,3 @@ SX_EXPORT size_t SX_API SxSysGlobalBlockCount(void) {
   std::lock_guard<std::mutex> guard(g_blocks.Lock);
   return g_blocks.ByHandle ? g_blocks.ByHandle->size() : 0;
 }
-
-namespace sx::plat {
-
-void GlobalUnlockAndFree(SxHandle handle) {
-  if (!handle) return;
-  while (SxSysGlobalUnlock(handle)) {
-  }
-  SxSysGlobalFree(handle);
-}
-
-void GlobalUnlockAndFreeAddress(const void* lockedAddress) {
-  GlobalUnlockAndFree(SxSysGlobalHandle(lockedAddress));
-}
-
-}  // namespace sx::plat

@@ -18,7 +18,6 @@ namespace sx::plat {
 
 namespace {
 
-
 bool StartsNoCase(const char* s, const char* prefix) {
   for (; *prefix; ++s, ++prefix)
     if (AsciiLower(*s) != AsciiLower(*prefix)) return false;
@@ -156,17 +155,6 @@ void SleepMs(uint32_t ms) {
   ts.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
   while (::nanosleep(&ts, &ts) != 0 && errno == EINTR) {
   }
-}
-
-bool SafeRead(void* dst, const void* src, size_t size) {
-  if (size && (!dst || !src)) return false;
-  return GuardedCopy(dst, src, size);
-}
-
-bool SafeWrite(void* dst, const void* src, size_t size) {
-  // The same copy: the kernel checks both ends of it.
-  if (size && (!dst || !src)) return false;
-  return GuardedCopy(dst, src, size);
 }
 
 int32_t MulDiv(int32_t a, int32_t b, int32_t c) {

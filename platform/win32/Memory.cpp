@@ -69,18 +69,3 @@ SX_EXPORT uint32_t SX_API SxSysGlobalLockCount(SxHandle handle) {
 SX_EXPORT size_t SX_API SxSysGlobalBlockCount(void) {
   return g_liveBlocks.load(std::memory_order_relaxed);
 }
-
-namespace sx::plat {
-
-void GlobalUnlockAndFree(SxHandle handle) {
-  if (!handle) return;
-  while (SxSysGlobalUnlock(handle)) {
-  }
-  SxSysGlobalFree(handle);
-}
-
-void GlobalUnlockAndFreeAddress(const void* lockedAddress) {
-  GlobalUnlockAndFree(SxSysGlobalHandle(lockedAddress));
-}
-
-}  // namespace sx::plat

@@ -75,17 +75,6 @@ uint64_t AvailablePhysicalMemory() {
 
 void SleepMs(uint32_t ms) { ::Sleep(ms); }
 
-bool SafeRead(void* dst, const void* src, size_t size) {
-  if (size && (!dst || !src)) return false;
-  return GuardedCopy(dst, src, size);
-}
-
-bool SafeWrite(void* dst, const void* src, size_t size) {
-  // The same copy: both ends are checked.
-  if (size && (!dst || !src)) return false;
-  return GuardedCopy(dst, src, size);
-}
-
 int32_t MulDiv(int32_t a, int32_t b, int32_t c) { return ::MulDiv(a, b, c); }
 
 }  // namespace sx::plat

@@ -1,11 +1,22 @@
-// Reading a host's text from an address that may be invalid, page by page
-// through the system's guarded copy.
+// Reading and writing a host's memory at an address that may be invalid,
+// through the system's guarded copy; texts page by page.
 #include <cstring>
 
 #include "platform/GuardedCopy.h"
 #include "platform/System.h"
 
 namespace sx::plat {
+
+bool SafeRead(void* dst, const void* src, size_t size) {
+  if (size && (!dst || !src)) return false;
+  return GuardedCopy(dst, src, size);
+}
+
+bool SafeWrite(void* dst, const void* src, size_t size) {
+  // The same copy: the system checks both ends of it.
+  if (size && (!dst || !src)) return false;
+  return GuardedCopy(dst, src, size);
+}
 
 int32_t SafeReadText(char* out, const void* src, size_t max) {
   if (!out || max == 0) return -1;
