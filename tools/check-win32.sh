@@ -46,6 +46,22 @@ for kind in thunks pointers; do
   fi
 done
 
+# The public headers as a host compiled MSVC-style sees them (clang in the
+# MSVC mode, both pointer widths, C and C++): their size and offset checks
+# hold there too.
+clang=${SX_CLANG:-$(command -v clang || command -v clang-14 || true)}
+if [ -n "$clang" ]; then
+  for target in i686-pc-windows-msvc x86_64-pc-windows-msvc; do
+    for language in c c++; do
+      printf '#include "sxsys.h"\n#include "sxdriver.h"\n#include "sxaspi.h"\nint main(void) { return 0; }\n' |
+        "$clang" --target=$target -ffreestanding -fsyntax-only -Wall -Werror -I"$source_dir/include" -x $language - ||
+        fail "the public headers do not compile for $target ($language)"
+    done
+  done
+else
+  fail "clang not found: the headers' MSVC-style check cannot run"
+fi
+
 count=$(printf '%s\n' "$decorated" | wc -l)
-[ $status -eq 0 ] && echo "win32: sxscan.dll exports the $count names of sxscan.def; sxscan.lib has their @N decorations"
+[ $status -eq 0 ] && echo "win32: sxscan.dll exports the $count names of sxscan.def; sxscan.lib has their @N decorations; the headers compile MSVC-style"
 exit $status
