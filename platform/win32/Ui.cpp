@@ -39,23 +39,23 @@ __attribute__((destructor(101))) void ReleaseFontTable() {
   }
 }
 
-LOGFONTA ToLogFont(const FontSpec& spec) {
+LOGFONTA ToLogFont(const FontSpec& description) {
   LOGFONTA font{};
-  font.lfHeight = spec.Height;
-  font.lfWidth = spec.Width;
-  font.lfEscapement = spec.Escapement;
-  font.lfOrientation = spec.Orientation;
-  font.lfWeight = spec.Weight;
-  font.lfItalic = spec.Italic;
-  font.lfUnderline = spec.Underline;
-  font.lfStrikeOut = spec.StrikeOut;
-  font.lfCharSet = spec.CharSet;
-  font.lfOutPrecision = spec.OutPrecision;
-  font.lfClipPrecision = spec.ClipPrecision;
-  font.lfQuality = spec.Quality;
-  font.lfPitchAndFamily = spec.PitchAndFamily;
-  static_assert(sizeof font.lfFaceName <= sizeof spec.FaceName);
-  std::memcpy(font.lfFaceName, spec.FaceName, sizeof font.lfFaceName - 1);
+  font.lfHeight = description.Height;
+  font.lfWidth = description.Width;
+  font.lfEscapement = description.Escapement;
+  font.lfOrientation = description.Orientation;
+  font.lfWeight = description.Weight;
+  font.lfItalic = description.Italic;
+  font.lfUnderline = description.Underline;
+  font.lfStrikeOut = description.StrikeOut;
+  font.lfCharSet = description.CharSet;
+  font.lfOutPrecision = description.OutPrecision;
+  font.lfClipPrecision = description.ClipPrecision;
+  font.lfQuality = description.Quality;
+  font.lfPitchAndFamily = description.PitchAndFamily;
+  static_assert(sizeof font.lfFaceName <= sizeof description.FaceName);
+  std::memcpy(font.lfFaceName, description.FaceName, sizeof font.lfFaceName - 1);
   return font;
 }
 
