@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -93,10 +94,8 @@ struct Case {
 class ImageInfoPromise : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n"
-                                         "[Feeder]\nSheets=100000\n");
-    root_.WriteRegistry("[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" +
-                        std::string(13, ' ') + "1.00\"\n");
+    root_.InstallVscan("Corvane/QM7110", std::string(kQm7110Ini) + "[Feeder]\nSheets=100000\n");
+    root_.WriteRegistry(Qm7110Registry());
     lib_ = std::make_unique<Library>();
     ASSERT_EQ(lib_->Load(nullptr), 0);
     SxValueList* list = nullptr;
@@ -104,18 +103,13 @@ class ImageInfoPromise : public ::testing::Test {
     ASSERT_TRUE(list && list->Count == 0);  // a range: least, most, step
     const auto* range = static_cast<const int32_t*>(list->Items);
     least_ = range[0], most_ = range[1];
-    for (const void* block : {static_cast<const void*>(list->Items), static_cast<const void*>(list)}) {
-      SxHandle h = lib_->GlobalHandle(block);
-      lib_->GlobalUnlock(h);
-      lib_->GlobalFree(h);
-    }
-    handle_ = lib_->GlobalAlloc(SX_GHND, kLargeBuffer);
-    lib_->GlobalLock(handle_);
+    lib_->FreeList(list);
+    buffer_.emplace(*lib_, kLargeBuffer);
   }
   void TearDown() override {
-    lib_->GlobalUnlock(handle_);
-    lib_->GlobalFree(handle_);
+    buffer_.reset();
     lib_->Free();
+    lib_.reset();
   }
   void Set(uint32_t cap, int32_t value) { lib_->SetValue(cap, TY_INT32, &value); }
 
@@ -151,16 +145,14 @@ class ImageInfoPromise : public ::testing::Test {
     gWatch = Watch{};
     gWatch.HostBuffer = c.HostBuffer;
     // The buffer's current address: line scaling may have moved it.
-    void* buffer = lib_->GlobalLock(handle_);
-    lib_->GlobalUnlock(handle_);
-    sxtest::HangWatchdog(60);
-    result_ = lib_->Acquire(Callback, buffer);
-    sxtest::HangWatchdog(0);
+    void* buffer = lib_->GlobalLock(buffer_->Handle());
+    lib_->GlobalUnlock(buffer_->Handle());
+    result_ = lib_->WatchedAcquire(Callback, buffer);
   }
 
   TempRoot root_;
   std::unique_ptr<Library> lib_;
-  SxHandle handle_ = nullptr;
+  std::optional<HostBuffer> buffer_;
   int32_t least_ = 0, most_ = 0;
   int32_t result_ = 0;
 };
@@ -202,14 +194,10 @@ TEST_F(ImageInfoPromise, DescreenedFeederPagesAreTheSameInBothModes) {
   std::vector<std::vector<uint8_t>> pages[2];
   for (uint8_t buffering : {0, 1}) {
     SCOPED_TRACE(buffering ? "buffered" : "direct");
-    lib_->GlobalUnlock(handle_);
-    lib_->GlobalFree(handle_);
-    lib_->Free();
-    lib_.reset();  // a fresh mapping, so the feeder counts its sheets from 1 again
+    TearDown();  // then a fresh mapping, so the feeder counts its sheets from 1 again
     lib_ = std::make_unique<Library>();
     ASSERT_EQ(lib_->Load(nullptr), 0);
-    handle_ = lib_->GlobalAlloc(SX_GHND, kLargeBuffer);
-    lib_->GlobalLock(handle_);
+    buffer_.emplace(*lib_, kLargeBuffer);
     gCollect = &pages[buffering];
     Run(Case{2, 24, 0, 1, 0, 150, 0, 0, 600, 450, 1, buffering, 200000});  // two feeder pages
     gCollect = nullptr;

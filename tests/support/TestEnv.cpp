@@ -54,6 +54,30 @@ fs::path TempRoot::InstallVscan(const std::string& relDir, const std::string& in
   return target;
 }
 
+const char kQm7110Ini[] = "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n";
+
+std::string Qm7110Registry(const std::string& scanData, const std::string& options) {
+  // The stored name: port, " - ", the model padded to 20, the firmware.
+  return "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" + std::string(13, ' ') + "1.00\"\n" +
+         options + "[Software\\Quillmark\\ScanData]\n" + scanData;
+}
+
+int32_t Library::WatchedAcquire(SxTransferCallback callback, void* buffer, unsigned seconds) const {
+  HangWatchdog(seconds);
+  const int32_t result = Acquire(callback, buffer);
+  HangWatchdog(0);
+  return result;
+}
+
+void Library::FreeList(SxValueList* list) const {
+  if (!list) return;
+  for (const void* block : {static_cast<const void*>(list->Items), static_cast<const void*>(list)}) {
+    SxHandle h = GlobalHandle(block);
+    GlobalUnlock(h);
+    GlobalFree(h);
+  }
+}
+
 void Library::ResolveExports() {
 #define SX_RESOLVE(field, name) field = reinterpret_cast<decltype(field)>(Symbol(name))
   SX_RESOLVE(Load, "SxLoad");

@@ -105,10 +105,42 @@ class Library {
   decltype(&::SxSysGlobalHandle) GlobalHandle = nullptr;
   decltype(&::SxSysGlobalSize) GlobalSize = nullptr;
 
+  // SxAcquire under the hang watchdog.
+  int32_t WatchedAcquire(SxTransferCallback callback, void* buffer, unsigned seconds = 60) const;
+  // Releases a list SxQueryData returned, both its blocks, as a host does.
+  void FreeList(SxValueList* list) const;
+
  private:
   void ResolveExports();
   void* handle_ = nullptr;
 };
+
+// A host's transfer buffer: a locked global block of the library's, unlocked
+// and freed with the object (which must go before the library is freed).
+class HostBuffer {
+ public:
+  HostBuffer(const Library& lib, size_t bytes)
+      : lib_(lib), handle_(lib.GlobalAlloc(SX_GHND, bytes)), data_(lib.GlobalLock(handle_)) {}
+  ~HostBuffer() {
+    lib_.GlobalUnlock(handle_);
+    lib_.GlobalFree(handle_);
+  }
+  HostBuffer(const HostBuffer&) = delete;
+  HostBuffer& operator=(const HostBuffer&) = delete;
+  SxHandle Handle() const { return handle_; }
+  void* Data() const { return data_; }
+
+ private:
+  const Library& lib_;
+  SxHandle handle_;
+  void* data_;
+};
+
+// The virtual scanner as a QM7110V on USB with firmware 1.00 (the scanner
+// section of its vscan.ini), and the registry that has it chosen: `scanData`
+// holds value lines of the ScanData key, `options` of Software\Quillmark.
+extern const char kQm7110Ini[];
+std::string Qm7110Registry(const std::string& scanData = "", const std::string& options = "");
 
 // One readable page followed by one that faults on any access.
 class FaultingPage {
