@@ -113,17 +113,16 @@ class DialogAcquire : public ::testing::Test {
     gHost = Host{};
     gHost.Direct = direct;
     root_.emplace();
-    root_->InstallVscan("Corvane/QM7110", std::string("[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n") +
+    root_->InstallVscan("Corvane/QM7110", kQm7110Ini +
                                               (feeder ? "[Feeder]\nSheets=" + std::to_string(sheets) + "\n" : "") + faults);
     const fs::path texts = root_->Path() / "texts.ini";
     WriteFile(texts, "[0409]\nTRACKBARTITLE=Lesen\nCancel=Abbrechen\nTRANSFERMODETEXT=Modus:\n"
                      "TRANSFERMODE1=Gepuffert\n");
-    root_->WriteRegistry(
-        "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" + std::string(13, ' ') + "1.00\"\n" +
-        "\"LOCALIZE\"=str(2):\"" + texts.string() + "\"\n[Software\\Quillmark\\ScanData]\n" +
+    root_->WriteRegistry(Qm7110Registry(
         "\"LANGUAGE\"=dword:00000001\n\"TRANSFERMODE\"=dword:00000001\n\"INDICATORS\"=" + indicators + "\n" +
-        "\"PIXELTYPE\"=dword:00000002\n\"IMAGELENGTH\"=str(2):\"600\"\n\"GAMMA\"=str(2):\"1.0\"\n" +
-        "\"SCANTYPE\"=dword:0000000" + (feeder ? "1" : "2") + "\n");
+            "\"PIXELTYPE\"=dword:00000002\n\"IMAGELENGTH\"=str(2):\"600\"\n\"GAMMA\"=str(2):\"1.0\"\n" +
+            "\"SCANTYPE\"=dword:0000000" + (feeder ? "1" : "2") + "\n",
+        "\"LOCALIZE\"=str(2):\"" + texts.string() + "\"\n"));
     lib_.emplace();
     ui_.emplace(reinterpret_cast<UiRecorder::SetObserverFn>(lib_->Symbol("SxSysUiSetObserver")),
                 reinterpret_cast<UiRecorder::PressFn>(lib_->Symbol("SxSysUiPress")),
@@ -133,11 +132,11 @@ class DialogAcquire : public ::testing::Test {
       uint8_t on = 1;
       ASSERT_EQ(lib_->SetValue(CAP_BUFFERING, TY_UINT8, &on), 0);
     }
-    handle_ = lib_->GlobalAlloc(SX_GHND, kHostBuffer);
+    buffer_.emplace(*lib_, kHostBuffer);
   }
   void TearDown() override {
     if (!lib_) return;
-    lib_->GlobalFree(handle_);
+    buffer_.reset();
     lib_->Free();
     ui_.reset();
     lib_.reset();
@@ -146,11 +145,7 @@ class DialogAcquire : public ::testing::Test {
     gHost.PageCodes.clear();
     gHost.Pages.clear();
     ui_->Clear();
-    sxtest::HangWatchdog(kHungSeconds);
-    const int32_t result = lib_->Acquire(Callback, lib_->GlobalLock(handle_));
-    sxtest::HangWatchdog(0);
-    lib_->GlobalUnlock(handle_);
-    return result;
+    return lib_->WatchedAcquire(Callback, buffer_->Data(), kHungSeconds);
   }
   // Presses Cancel at the n-th notification (from 1) that starts with `prefix`.
   void CancelAt(const std::string& prefix, int n) {
@@ -165,7 +160,7 @@ class DialogAcquire : public ::testing::Test {
   std::optional<TempRoot> root_;
   std::optional<Library> lib_;
   std::optional<UiRecorder> ui_;
-  SxHandle handle_ = nullptr;
+  std::optional<HostBuffer> buffer_;
 };
 
 // Two feeder pages in each mode: the whole dialog, in order, on the thread

@@ -4,13 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <map>
-
-#include "modules/vscan/TestChart.h"
-#include "support/TestEnv.h"
+#include <optional>
 
 // The chart generator is compiled into this test so that the expected raster
 // does not come from the module under test.
 #include "modules/vscan/TestChart.h"
+#include "support/TestEnv.h"
 
 namespace {
 
@@ -54,29 +53,26 @@ class VscanAcquire : public ::testing::Test {
  protected:
   // `scanData`: stored defaults as name=registry data, over those of a 600-line colour flatbed
   // scan at 300 dpi with neutral tone. Runs one acquisition.
-  void Acquire(std::map<std::string, std::string> scanData, const std::string& iniExtra = "") {
+  void Acquire(std::map<std::string, std::string> scanData) {
     TempRoot root;
     log_ = root.Twain() / "Corvane" / "QM7110" / "calls.log";
-    root.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n" + iniExtra +
-                                            "[Log]\nFile=" + log_.string() + "\n");
+    root.InstallVscan("Corvane/QM7110", kQm7110Ini + ("[Log]\nFile=" + log_.string() + "\n"));
     scanData.insert({{"PIXELTYPE", "dword:00000002"}, {"SCANTYPE", "dword:00000002"},
                      {"IMAGELENGTH", "str(2):\"600\""}, {"GAMMA", "str(2):\"1.0\""}});
-    std::string reg = "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" + std::string(13, ' ') +
-                      "1.00\"\n[Software\\Quillmark\\ScanData]\n";
-    for (const auto& [value, data] : scanData) reg += "\"" + value + "\"=" + data + "\n";
-    root.WriteRegistry(reg);
+    std::string values;
+    for (const auto& [value, data] : scanData) values += "\"" + value + "\"=" + data + "\n";
+    root.WriteRegistry(Qm7110Registry(values));
     Library lib;
     ASSERT_EQ(lib.Load(nullptr), 0);
-    SxHandle handle = lib.GlobalAlloc(SX_GHND, kHostBuffer);
+    std::optional<HostBuffer> buffer(std::in_place, lib, kHostBuffer);
     const size_t loggedAtOpen = ReadLines(log_).size();
     pages_.clear();
     gPages = &pages_;
-    EXPECT_EQ(lib.Acquire(Callback, lib.GlobalLock(handle)), 0);
+    EXPECT_EQ(lib.Acquire(Callback, buffer->Data()), 0);
     const std::vector<std::string> lines = ReadLines(log_);  // the calls of the acquisition
     calls_.clear();
     for (size_t i = loggedAtOpen; i < lines.size(); ++i) calls_.push_back(lines[i].substr(0, lines[i].find('(')));
-    lib.GlobalUnlock(handle);
-    lib.GlobalFree(handle);
+    buffer.reset();
     lib.Free();
   }
   long Count(const std::string& name) const { return std::count(calls_.begin(), calls_.end(), name); }
@@ -95,25 +91,6 @@ TEST_F(VscanAcquire, FlatbedColourPage) {
   calls_.erase(std::unique(calls_.begin(), calls_.end()), calls_.end());  // repeated reads and uploads as one
   EXPECT_EQ(calls_, (Names{"SetScanParameter", "TuneScanLength", "SetGammaTable", "StartScan", "ReadScanEx",
                            "StopScan"}));
-}
-
-TEST_F(VscanAcquire, FeederPagesUpToTheLimitAndShortPages) {
-  // {XferCount, the sheet's last line, pages, codes of each page}
-  const std::tuple<const char*, int, size_t, CodeList> rows[] = {
-      {"-1", 600, 3, {0, 0, 0, 0, 1}}, {"2", 600, 2, {0, 0, 0, 0, 1}}, {"-1", 200, 3, {0, 5}}};
-  for (const auto& [xferCount, lines, pages, codes] : rows) {
-    SCOPED_TRACE(std::string(xferCount) + " " + std::to_string(lines));
-    const std::string faults = lines < 600 ? "[Faults]\nShortReadAtLine=" + std::to_string(lines) + "\n" : "";
-    Acquire({{"SCANTYPE", "dword:00000001"}, {"XFERCOUNT", "str(2):\"" + std::string(xferCount) + "\""}},
-            "[Feeder]\nSheets=3\n" + faults);
-    ASSERT_EQ(pages_.size(), pages);
-    for (uint32_t p = 0; p < pages; ++p) {
-      EXPECT_EQ(pages_[p].Codes, codes);
-      EXPECT_TRUE(pages_[p].Bytes == Chart(lines, p + 1)) << "sheet " << p + 1;
-    }
-    EXPECT_EQ(Count("StartScan"), static_cast<long>(pages));
-    EXPECT_EQ(Count("StopScan"), static_cast<long>(pages));
-  }
 }
 
 TEST_F(VscanAcquire, BlackAndWhiteLinesArriveInverted) {
