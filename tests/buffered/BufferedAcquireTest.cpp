@@ -13,8 +13,6 @@
 #include "modules/vscan/TestChart.h"
 #include "support/TestEnv.h"
 
-#include "modules/vscan/TestChart.h"
-
 namespace {
 
 using namespace sxtest;
@@ -76,18 +74,15 @@ class BufferedAcquire : public ::testing::Test {
     memory_.reset();
     if (twoNodes) memory_.emplace("SX_AVAILABLE_MEMORY", "1048576");
     log_ = root_->Twain() / "Corvane" / "QM7110" / "calls.log";
-    root_->InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n" +
-                                              ini + "[Log]\nFile=" + log_.string() + "\n");
+    root_->InstallVscan("Corvane/QM7110", kQm7110Ini + ini + "[Log]\nFile=" + log_.string() + "\n");
     scanData.insert({{"PIXELTYPE", "dword:00000002"},
                      {"SCANTYPE", "dword:00000002"},
                      {"IMAGELENGTH", "str(2):\"600\""},
                      {"GAMMA", "str(2):\"1.0\""}});
-    std::string reg = "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" +
-                      std::string(13, ' ') + "1.00\"\n\"DEBUGLEVEL\"=dword:00000001\n" +
-                      "\"SAVEPATH\"=str(2):\"" + root_->Path().string() +
-                      "/\"\n[Software\\Quillmark\\ScanData]\n";
-    for (const auto& [value, data] : scanData) reg += "\"" + value + "\"=" + data + "\n";
-    root_->WriteRegistry(reg);
+    std::string values;
+    for (const auto& [value, data] : scanData) values += "\"" + value + "\"=" + data + "\n";
+    root_->WriteRegistry(Qm7110Registry(values, "\"DEBUGLEVEL\"=dword:00000001\n\"SAVEPATH\"=str(2):\"" +
+                                                    root_->Path().string() + "/\"\n"));
     lib_ = std::make_unique<Library>();
     ASSERT_EQ(lib_->Load(nullptr), 0);
     Buffering();
@@ -98,16 +93,11 @@ class BufferedAcquire : public ::testing::Test {
     ASSERT_EQ(lib_->SetValue(CAP_BUFFERING, TY_UINT8, &on), 0);
   }
   void AllocateBuffer(size_t bytes) {
-    if (handle_) {
-      lib_->GlobalUnlock(handle_);
-      lib_->GlobalFree(handle_);
-    }
-    handle_ = bytes ? lib_->GlobalAlloc(SX_GHND, bytes) : nullptr;
-    buffer_ = lib_->GlobalLock(handle_);
+    buffer_.emplace(*lib_, bytes);
   }
   void Close() {
     if (!lib_) return;
-    AllocateBuffer(0);
+    buffer_.reset();
     lib_->Free();
     lib_.reset();
   }
@@ -118,10 +108,7 @@ class BufferedAcquire : public ::testing::Test {
     gHost.CallCounts.clear();
     gHost.Pages.clear();
     logged_ = ReadLines(log_).size();
-    sxtest::HangWatchdog(kHungSeconds);
-    const int32_t result = lib_->Acquire(Callback, buffer_);
-    sxtest::HangWatchdog(0);
-    return result;
+    return lib_->WatchedAcquire(Callback, buffer_->Data(), kHungSeconds);
   }
 
   // Calls of an entry point the scanner received during the last acquisition.
@@ -138,8 +125,7 @@ class BufferedAcquire : public ::testing::Test {
   fs::path log_;
   size_t logged_ = 0;
   std::unique_ptr<Library> lib_;
-  SxHandle handle_ = nullptr;
-  void* buffer_ = nullptr;
+  std::optional<HostBuffer> buffer_;
 };
 
 // Blocks carry at most one mebibyte of raw lines (137 colour lines of 7632
