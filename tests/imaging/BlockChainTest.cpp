@@ -198,21 +198,20 @@ int32_t SX_API Collect(void* data, int64_t* count, int32_t code) {
 
 TEST(DescreenAcquire, DirectPageKeepsRequestedGeometry) {
   sxtest::TempRoot root;
-  root.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n");
-  root.WriteRegistry(
-      "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" + std::string(13, ' ') +
-      "1.00\"\n[Software\\Quillmark\\ScanData]\n\"PIXELTYPE\"=dword:00000002\n"
-      "\"SCANTYPE\"=dword:00000002\n\"IMAGELENGTH\"=str(2):\"600\"\n\"DESCREEN\"=dword:00000001\n");
+  root.InstallVscan("Corvane/QM7110", sxtest::kQm7110Ini);
+  root.WriteRegistry(sxtest::Qm7110Registry("\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:00000002\n"
+                                            "\"IMAGELENGTH\"=str(2):\"600\"\n\"DESCREEN\"=dword:00000001\n"));
   sxtest::Library lib;
   ASSERT_EQ(lib.Load(nullptr), 0);
-  SxHandle handle = lib.GlobalAlloc(SX_GHND, 1'000'000);
-  gDelivered = 0;
-  EXPECT_EQ(lib.Acquire(Collect, lib.GlobalLock(handle)), 0);
+  {
+    const sxtest::HostBuffer buffer(lib, 1'000'000);
+    gDelivered = 0;
+    EXPECT_EQ(lib.Acquire(Collect, buffer.Data()), 0);
+  }
   EXPECT_EQ(gInfo.PixelsPerLine, 2544);
   EXPECT_EQ(gInfo.LinesPerPage, 600);
   EXPECT_EQ(gInfo.ResolutionX, 300);
   EXPECT_EQ(gDelivered, int64_t{600} * 2544 * 3);
-  lib.GlobalFree(handle);
   lib.Free();
 }
 
