@@ -42,8 +42,7 @@ class ColourMatching : public ::testing::Test {
  protected:
   void SetUp() override {
     log_ = root_.Twain() / "Corvane/QM7110/calls.log";
-    root_.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n"
-                                         "[Feeder]\nSheets=100\n[Log]\nFile=" + log_.string() + "\n");
+    root_.InstallVscan("Corvane/QM7110", kQm7110Ini + ("[Feeder]\nSheets=100\n[Log]\nFile=" + log_.string() + "\n"));
     color_ = root_.Windows() / "system32" / "SPOOL" / "DRIVERS" / "COLOR";
     module_ = root_.Windows() / "system32" / "sxcmms.dll";
     fs::create_directories(color_);
@@ -70,12 +69,10 @@ class ColourMatching : public ::testing::Test {
   // module).
   void Load(const std::string& gammas) {
     Unload();
-    root_.WriteRegistry("[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7110V" +
-                        std::string(13, ' ') +
-                        "1.00\"\n[Software\\Quillmark\\ScanData]\n\"PIXELTYPE\"=dword:00000002\n"
-                        "\"SCANTYPE\"=dword:00000002\n\"XRESOLUTION\"=dword:00000096\n"
-                        "\"YRESOLUTION\"=dword:00000096\n\"IMAGELENGTH\"=str(2):\"" +
-                        std::to_string(kLines * 2) + "\"\n" + gammas);
+    root_.WriteRegistry(Qm7110Registry("\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:00000002\n"
+                                       "\"XRESOLUTION\"=dword:00000096\n\"YRESOLUTION\"=dword:00000096\n"
+                                       "\"IMAGELENGTH\"=str(2):\"" + std::to_string(kLines * 2) + "\"\n" +
+                                       gammas));
     lib_ = std::make_unique<Library>();
     ASSERT_EQ(lib_->Load(nullptr), 0);
   }
@@ -83,25 +80,15 @@ class ColourMatching : public ::testing::Test {
     SxValueList* list = nullptr;
     lib_->QueryData(CAP_COLORMATCH, TY_INT32, &list);
     const int32_t count = list ? list->Count : -1;
-    if (list) {
-      for (const void* block : {static_cast<const void*>(list->Items), static_cast<const void*>(list)}) {
-        SxHandle h = lib_->GlobalHandle(block);
-        lib_->GlobalUnlock(h);
-        lib_->GlobalFree(h);
-      }
-    }
+    lib_->FreeList(list);
     return count;
   }
   std::vector<uint8_t> Scan(uint8_t colorMatch, uint8_t buffering) {
     EXPECT_EQ(lib_->SetValue(CAP_COLORMATCH, TY_UINT8, &colorMatch), 0);
     EXPECT_EQ(lib_->SetValue(CAP_BUFFERING, TY_UINT8, &buffering), 0);
-    SxHandle handle = lib_->GlobalAlloc(SX_GHND, kHostBuffer);
+    const HostBuffer buffer(*lib_, kHostBuffer);
     gPage.clear();
-    HangWatchdog(60);
-    EXPECT_EQ(lib_->Acquire(Collect, lib_->GlobalLock(handle)), 0);
-    HangWatchdog(0);
-    lib_->GlobalUnlock(handle);
-    lib_->GlobalFree(handle);
+    EXPECT_EQ(lib_->WatchedAcquire(Collect, buffer.Data()), 0);
     return gPage;
   }
 
