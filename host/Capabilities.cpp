@@ -248,6 +248,11 @@ std::string FormatValue(uint16_t type, const uint8_t* bytes) {
 
 std::string DescribeList(const CapabilityInfo& cap, int32_t count, const uint8_t* items,
                          size_t itemBytes) {
+  if (cap.code == CAP_GAMMA && count == -1) {
+    char text[48];
+    std::snprintf(text, sizeof text, "%g to %g", static_cast<double>(kGammaLeast), static_cast<double>(kGammaMost));
+    return text;
+  }
   if (count == -1) return "any value";
   if (count < -1) return "unreadable list (count " + std::to_string(count) + ")";
   size_t readable = items ? itemBytes / ValueTypeBytes(cap.itemType) : 0;
@@ -329,8 +334,31 @@ bool SameNumber(double a, double b) { return std::fabs(a - b) <= 1e-4 * std::max
 
 }  // namespace
 
+bool IsToneCapability(uint16_t code) {
+  return code == CAP_BRIGHTNESS || code == CAP_CONTRAST || code == CAP_HIGHLIGHT || code == CAP_SHADOW ||
+         code == CAP_GAMMA;
+}
+
+const CapabilityInfo* FindToneChannel(std::string_view name, int* element) {
+  constexpr std::string_view kSuffixes[] = {"-r", "-g", "-b"};
+  for (int i = 0; i < 3; ++i) {
+    const std::string_view suffix = kSuffixes[i];
+    if (name.size() <= suffix.size() || !EqualNoCase(name.substr(name.size() - suffix.size()), suffix)) continue;
+    const CapabilityInfo* cap = FindCapability(name.substr(0, name.size() - suffix.size()));
+    if (!cap || !IsToneCapability(cap->code)) return nullptr;
+    *element = i + 1;
+    return cap;
+  }
+  return nullptr;
+}
+
 bool Admissible(const CapabilityInfo& cap, const Value& value, int32_t count, const uint8_t* items,
                 size_t itemBytes) {
+  if (cap.code == CAP_GAMMA) {
+    double gamma = 0;
+    return NumberOf(value.type, value.bytes.data(), &gamma) && gamma >= kGammaLeast - 1e-6 &&
+           gamma <= kGammaMost + 1e-4;
+  }
   // A default or an open list admits anything. An area's list holds only
   // its current value; the area is fitted to the source instead.
   if (cap.form != ListForm::Enumeration && cap.form != ListForm::Range) return true;

@@ -88,4 +88,20 @@ namespace sx::host {
 bool Admissible(const CapabilityInfo& cap, const Value& value, int32_t count, const uint8_t* items,
                 size_t itemBytes);
 
+// Tone settings (brightness, contrast, highlight, shadow, gamma) are arrays
+// of four elements: the whole image, then red, green and blue. The library
+// addresses the element that CAP_FILTER chooses, so the program names the
+// element itself and leaves the filter as it was.
+constexpr int kWholeImage = 0;
+constexpr int kNoElement = -1;
+bool IsToneCapability(uint16_t code);
+// "gamma-r", "brightness-g", "shadow-b": the tone capability and its colour
+// element (1 red, 2 green, 3 blue); null when the name is not one of them.
+const CapabilityInfo* FindToneChannel(std::string_view name, int* element);
+
+// The library lists gamma as any value, but it keeps gamma in hundredths in
+// 16 bits, and 0 makes every pixel black: these are the values that work.
+constexpr float kGammaLeast = 0.01f;
+constexpr float kGammaMost = 655.35f;
+
 }  // namespace sx::host

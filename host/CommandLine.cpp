@@ -91,6 +91,8 @@ constexpr Keyword<ColorMode> kModes[] = {
     {"grey", ColorMode::Gray},   {"lineart", ColorMode::Lineart}};
 constexpr Keyword<ScanSource> kSources[] = {
     {"flatbed", ScanSource::Flatbed}, {"feeder", ScanSource::Feeder}, {"auto", ScanSource::Auto}};
+constexpr Keyword<ColorFilter> kFilters[] = {
+    {"red", ColorFilter::Red}, {"green", ColorFilter::Green}, {"blue", ColorFilter::Blue}, {"none", ColorFilter::None}};
 constexpr Keyword<AreaUnits> kUnits[] = {{"inches", AreaUnits::Inches},
                                          {"in", AreaUnits::Inches},
                                          {"cm", AreaUnits::Centimetres},
@@ -143,6 +145,11 @@ bool ApplyValueOption(std::string_view name, std::string_view value, ScanOptions
       *error = "--source wants flatbed, feeder or auto";
       return false;
     }
+  } else if (name == "--filter") {
+    if (!ParseKeyword(kFilters, value, &scan->filter)) {
+      *error = "--filter wants red, green, blue or none";
+      return false;
+    }
   } else if (name == "--pages") {
     if (Lower(value) == "all") {
       scan->pages = kAllPages;
@@ -178,8 +185,8 @@ bool ApplyValueOption(std::string_view name, std::string_view value, ScanOptions
   return true;
 }
 
-constexpr const char* kValueOptions[] = {"--resolution", "--mode",   "--area",   "--units", "--source",
-                                         "--pages",      "--output", "--buffer", "--set", "--quality"};
+constexpr const char* kValueOptions[] = {"--resolution", "--mode",   "--area",   "--units", "--source", "--filter",
+                                         "--pages",      "--output", "--buffer", "--set",   "--quality"};
 
 bool TakesValue(std::string_view name) {
   for (const char* o : kValueOptions)
@@ -369,6 +376,7 @@ std::string UsageText() {
          "  --area X,Y,W,H              scan area, in inches unless --units says otherwise\n"
          "  --units inches|cm|pixels    unit of --area (pixels are 1/300 inch)\n"
          "  --source flatbed|feeder|auto\n"
+         "  --filter red|green|blue|none  the colour a gray or lineart scan is taken from\n"
          "  --pages N|all               number of pages to transfer from the feeder\n"
          "  --output FILE               the format follows the name: .png for one page (several\n"
          "                              pages become a multi-page .tif beside it), .tif, .pdf\n"
@@ -377,7 +385,9 @@ std::string UsageText() {
          "  --quality N                 JPEG quality, 1 to 100; default 85\n"
          "  --buffered                  read and process on the library's worker threads\n"
          "  --buffer BYTES              transfer buffer size (default 1048576)\n"
-         "  --set NAME=VALUE            any other capability, applied last\n"
+         "  --set NAME=VALUE            any other capability, applied last; gamma, brightness,\n"
+         "                              contrast, highlight and shadow act on the whole image,\n"
+         "                              gamma-r, gamma-g, gamma-b (and so on) on one colour\n"
          "  --progress                  draw the progress bar even when stderr is no terminal\n"
          "\n"
          "The library finds its system tree through SX_ROOT. Ctrl-C stops a scan cleanly.\n"

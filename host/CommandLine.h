@@ -15,6 +15,9 @@ enum class CommandKind { Help, Version, Sources, Select, Info, Caps, Get, Set, S
 enum class ScanSource : int { Keep = -1, Auto = 0, Feeder = 1, Flatbed = 2 };
 // Values are those of CAP_PIXELTYPE.
 enum class ColorMode : int { Keep = -1, Lineart = 0, Gray = 1, Color = 2 };
+// Values are those of CAP_FILTER: the colour a grey or line-art scan is
+// taken from.
+enum class ColorFilter : int { Keep = -1, None = 0, Red = 1, Green = 2, Blue = 3 };
 // Values are those of CAP_UNITS.
 enum class AreaUnits : int { Inches = 0, Centimetres = 1, Pixels = 2 };
 
@@ -38,6 +41,7 @@ struct ScanOptions {
   bool hasUnits = false;
   AreaUnits units = AreaUnits::Inches;
   ScanSource source = ScanSource::Keep;
+  ColorFilter filter = ColorFilter::Keep;
   int32_t pages = 0;  // 0: keep the current setting; kAllPages: as many as come
   std::string output = "scan.png";
   int quality = 85;  // JPEG quality, 1..100

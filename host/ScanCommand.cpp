@@ -198,7 +198,8 @@ bool AllAdmissible(const std::vector<SettingChange>& changes) {
 
 bool ApplySettings(const std::vector<SettingChange>& changes) {
   for (const auto& change : changes) {
-    int32_t result = WriteValue(*change.cap, change.value);
+    int32_t result = change.element == kNoElement ? WriteValue(*change.cap, change.value)
+                                                  : WriteElement(*change.cap, change.element, change.value);
     if (result != SX_OK) {
       std::fprintf(stderr, "sxscan: cannot set %s: %s (%d)\n", change.cap->name, ResultText(result).c_str(),
                    result);

@@ -43,8 +43,11 @@ bool BuildScanSettings(const ScanOptions& o, std::vector<SettingChange>* changes
   }
   if (o.pages != 0) AddInteger(changes, CAP_XFERCOUNT, o.pages);
   if (o.buffered) AddInteger(changes, CAP_BUFFERING, 1);
+  if (o.filter != ColorFilter::Keep) AddInteger(changes, CAP_FILTER, static_cast<int>(o.filter));
   for (const auto& [name, text] : o.settings) {
-    const CapabilityInfo* cap = FindCapability(name);
+    int element = kNoElement;
+    const CapabilityInfo* cap = FindToneChannel(name, &element);
+    if (!cap) cap = FindCapability(name);
     if (!cap) {
       *error = "unknown capability " + name;
       return false;
@@ -58,7 +61,7 @@ bool BuildScanSettings(const ScanOptions& o, std::vector<SettingChange>* changes
       *error = std::string(cap->name) + ": " + *error;
       return false;
     }
-    changes->push_back({cap, value});
+    changes->push_back({cap, value, element});
   }
   return true;
 }

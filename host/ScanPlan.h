@@ -14,6 +14,9 @@ namespace sx::host {
 struct SettingChange {
   const CapabilityInfo* cap = nullptr;
   Value value;
+  // A tone setting's colour element ("gamma-r"); kNoElement for the setting
+  // as a person means it (a tone setting then shapes the whole image).
+  int element = kNoElement;
 };
 
 // The changes in the order they must reach the library: the unit before the

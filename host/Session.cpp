@@ -82,15 +82,68 @@ QueriedList QueryList(const CapabilityInfo& cap) {
   return out;
 }
 
-int32_t ReadValue(const CapabilityInfo& cap, Value* value) {
+namespace {
+
+constexpr int kLastElement = 3;  // blue
+
+int32_t ReadRaw(const CapabilityInfo& cap, Value* value) {
   *value = Value{};
   value->type = cap.getType;
   return SxGetValue(cap.code, cap.getType, value->bytes.data());
 }
 
-int32_t WriteValue(const CapabilityInfo& cap, const Value& value) {
+int32_t WriteRaw(const CapabilityInfo& cap, const Value& value) {
   Value copy = value;  // the library takes a writable address
   return SxSetValue(cap.code, copy.type, copy.bytes.data());
+}
+
+uint8_t ReadByte(uint16_t code) {
+  uint8_t bytes[4] = {};
+  SxGetValue(code, TY_UINT8, bytes);
+  return bytes[0];
+}
+
+int32_t WriteByte(uint16_t code, uint8_t v) {
+  uint8_t bytes[4] = {v};
+  return SxSetValue(code, TY_UINT8, bytes);
+}
+
+// Grey and line art taken from one colour use that colour's tone element.
+int ImageElement() {
+  constexpr uint8_t kColourPixels = 2;
+  const uint8_t filter = ReadByte(CAP_FILTER);
+  return ReadByte(CAP_PIXELTYPE) < kColourPixels && filter >= 1 && filter <= kLastElement ? filter : kWholeImage;
+}
+
+// Runs `access` with CAP_FILTER choosing `element`, then restores the filter.
+template <typename Access>
+int32_t WithElement(int element, Access access) {
+  if (element < kWholeImage || element > kLastElement) return SX_ERR_UNSUPPORTED;
+  const uint8_t filter = ReadByte(CAP_FILTER);
+  int32_t result = WriteByte(CAP_FILTER, static_cast<uint8_t>(element));
+  if (result == SX_OK) result = access();
+  const int32_t restored = WriteByte(CAP_FILTER, filter);
+  return result != SX_OK ? result : restored;
+}
+
+}  // namespace
+
+int32_t ReadElement(const CapabilityInfo& cap, int element, Value* value) {
+  return WithElement(element, [&] { return ReadRaw(cap, value); });
+}
+
+int32_t WriteElement(const CapabilityInfo& cap, int element, const Value& value) {
+  return WithElement(element, [&] { return WriteRaw(cap, value); });
+}
+
+int32_t ReadValue(const CapabilityInfo& cap, Value* value) {
+  if (IsToneCapability(cap.code)) return ReadElement(cap, ImageElement(), value);
+  return ReadRaw(cap, value);
+}
+
+int32_t WriteValue(const CapabilityInfo& cap, const Value& value) {
+  if (IsToneCapability(cap.code)) return WriteElement(cap, ImageElement(), value);
+  return WriteRaw(cap, value);
 }
 
 bool CheckAdmissible(const CapabilityInfo& cap, const Value& value) {

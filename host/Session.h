@@ -35,6 +35,13 @@ int32_t ReadValue(const CapabilityInfo& cap, Value* value);
 bool CheckAdmissible(const CapabilityInfo& cap, const Value& value);
 int32_t WriteValue(const CapabilityInfo& cap, const Value& value);
 
+// One element of a tone setting (Capabilities.h), CAP_FILTER restored after.
+// ReadValue and WriteValue address the whole image's element of a tone
+// setting; in a grey or line-art scan taken from one colour, that colour's
+// element, which alone shapes such an image.
+int32_t ReadElement(const CapabilityInfo& cap, int element, Value* value);
+int32_t WriteElement(const CapabilityInfo& cap, int element, const Value& value);
+
 // Unlocks a locked global block until its lock count is zero and frees it.
 void ReleaseLockedBlock(void* address);
 

@@ -155,6 +155,16 @@ int32_t GetInt(uint32_t cap) {
 int32_t SetInt(uint32_t cap, int32_t v) { return g_api.setValue(cap, TY_INT32, &v); }
 int32_t SetReal(uint32_t cap, float v) { return g_api.setValue(cap, TY_FLOAT32, &v); }
 
+// Runs `access` with CAP_FILTER choosing `element`, then restores the filter.
+template <typename F>
+int32_t WithElement(int element, F access) {
+  const int32_t filter = GetInt(CAP_FILTER);
+  int32_t r = SetInt(CAP_FILTER, element);
+  if (!r) r = access();
+  const int32_t restored = SetInt(CAP_FILTER, filter);
+  return r ? r : restored;
+}
+
 // ---- devices ----------------------------------------------------------------
 
 struct DeviceEntry {
@@ -200,11 +210,41 @@ bool HasScanType(int32_t t) {
 
 // ---- the open device ---------------------------------------------------------
 
+// Tone settings are arrays of four elements: the whole image, then red,
+// green and blue. The library addresses the element CAP_FILTER chooses, so
+// every access names its element and leaves the filter as it was.
+struct Tone {
+  uint32_t cap;
+  const char* name;  // the channels' options add "-r", "-g", "-b"
+  const char* title;
+  const char* text;
+};
+constexpr Tone kTones[] = {
+    {CAP_BRIGHTNESS, SANE_NAME_BRIGHTNESS, SANE_TITLE_BRIGHTNESS, SANE_DESC_BRIGHTNESS},
+    {CAP_CONTRAST, SANE_NAME_CONTRAST, SANE_TITLE_CONTRAST, SANE_DESC_CONTRAST},
+    {CAP_HIGHLIGHT, SANE_NAME_HIGHLIGHT, SANE_TITLE_HIGHLIGHT, SANE_DESC_HIGHLIGHT},
+    {CAP_SHADOW, SANE_NAME_SHADOW, SANE_TITLE_SHADOW, SANE_DESC_SHADOW},
+    {CAP_GAMMA, "gamma", "Gamma", "Gamma of the tone curve."},
+};
+constexpr int kToneCount = 5;
+constexpr int kGammaTone = 4;
+constexpr int kChannels = 3;  // red, green, blue: elements 1 to 3
+constexpr int kWholeImage = 0;
+// Gamma is kept in hundredths in 16 bits, and 0 makes every pixel black.
+constexpr double kGammaLeast = 0.01, kGammaMost = 655.35;
+
 enum Opt {
   kNumOptions, kModeGroup, kMode, kSource, kResolution, kGeometryGroup, kTlX, kTlY, kBrX, kBrY,
-  kEnhancementGroup, kBrightness, kContrast, kThreshold, kAdvancedGroup, kDescreen, kSharpen,
-  kColorMatch, kGamma, kBuffered, kOptionCount
+  kEnhancementGroup, kBrightness, kContrast, kHighlight, kShadow, kGamma, kThreshold, kFilter,
+  kAdvancedGroup, kDescreen, kSharpen, kColorMatch, kBuffered, kChannelGroup, kChannelFirst,
+  kOptionCount = kChannelFirst + kToneCount * kChannels
 };
+static_assert(kGamma == kBrightness + kGammaTone, "the whole-image tone options follow kTones");
+
+// The option of a tone setting's element (0 the whole image, 1 to 3 a colour).
+constexpr int ToneOption(int tone, int element) {
+  return element == kWholeImage ? kBrightness + tone : kChannelFirst + tone * kChannels + element - 1;
+}
 
 struct Choice {
   const char* name;
@@ -214,22 +254,29 @@ constexpr Choice kModes[] = {{SANE_VALUE_SCAN_MODE_LINEART, 0}, {SANE_VALUE_SCAN
                              {SANE_VALUE_SCAN_MODE_COLOR, 2}};
 constexpr int32_t kModeBits[] = {1, 8, 24};
 constexpr Choice kSources[] = {{"ADF", 1}, {"Flatbed", 2}, {"Alternate area", 3}, {"Alternate area 2", 4}};
+constexpr Choice kFilters[] = {{"None", 0}, {"Red", 1}, {"Green", 2}, {"Blue", 3}};
+constexpr const char* kChannelSuffixes[kChannels] = {"-r", "-g", "-b"};
+constexpr const char* kChannelNames[kChannels] = {"red", "green", "blue"};
 
 struct Scanner {
   SANE_Option_Descriptor desc[kOptionCount]{};
   SANE_Word value[kOptionCount]{};
-  std::string mode, source;
-  std::vector<SANE_String_Const> modeList, sourceList;
+  std::string mode, source, filter;
+  std::vector<SANE_String_Const> modeList, sourceList, filterList;
   std::vector<int32_t> sourceTypes;
   std::vector<float> maxWidths, maxLengths;  // pixels at 300 dpi, per source
-  SANE_Range resolution{}, brightness{}, contrast{}, xRange{}, yRange{}, gamma{};
+  SANE_Range resolution{}, xRange{}, yRange{}, toneRanges[kToneCount]{};
+  std::string channelNames[kToneCount * kChannels], channelTitles[kToneCount * kChannels];
   std::vector<SANE_Word> thresholds, descreens, sharpens;
   std::unique_ptr<sxsane::Transfer> transfer;
   SxImageInfo page{};
   bool scanning = false, pageOpen = false, nonblocking = false;
   std::atomic<bool> busy{false};
-  SANE_Word gammaRead = 0;  // the option's value as read from the library
-  float gammaValue = 1;
+  // Each gamma option's value as read from the library, and the library's
+  // exact value, which the fixed-point form would round.
+  SANE_Word gammaRead[1 + kChannels]{};
+  float gammaValue[1 + kChannels]{};
+  bool toneSet[kToneCount]{};  // the whole-image tone options the frontend set
 };
 Scanner* g_open = nullptr;
 
@@ -287,6 +334,76 @@ void Inactive(Scanner& s, int i, bool inactive) {
     s.desc[i].cap |= SANE_CAP_INACTIVE;
   else
     s.desc[i].cap &= ~SANE_CAP_INACTIVE;
+}
+
+int32_t ChoiceValue(const Choice* list, size_t n, const std::string& name) {
+  for (size_t i = 0; i < n; ++i)
+    if (name == list[i].name) return list[i].value;
+  return -1;
+}
+
+// The element that shapes the image: a gray or lineart scan taken from one
+// colour uses that colour's element alone.
+int ImageElement(const Scanner& s) {
+  const int32_t mode = ChoiceValue(kModes, 3, s.mode), filter = ChoiceValue(kFilters, 4, s.filter);
+  return mode >= 0 && mode < 2 && filter >= 1 && filter <= kChannels ? filter : kWholeImage;
+}
+
+// One tone element to the library; an unchanged gamma keeps its exact value.
+int32_t SetTone(const Scanner& s, int tone, int element, SANE_Word word) {
+  const uint32_t cap = kTones[tone].cap;
+  if (tone != kGammaTone) return WithElement(element, [&] { return SetInt(cap, word); });
+  // The library truncates to hundredths: a typed 2.2, a little less in fixed
+  // point, is meant as 2.2.
+  constexpr double kHundredths = 100;
+  const float gamma = word == s.gammaRead[element]
+                          ? s.gammaValue[element]
+                          : static_cast<float>(std::round(SANE_UNFIX(word) * kHundredths) / kHundredths);
+  return WithElement(element, [&] { return SetReal(cap, gamma); });
+}
+
+
+// The tone options: the whole image's in the enhancement group, each
+// colour's in an advanced group of their own, as the library holds them.
+void BuildToneOptions(Scanner& s) {
+  const SANE_Int adv = SANE_CAP_SOFT_SELECT | SANE_CAP_SOFT_DETECT | SANE_CAP_ADVANCED;
+  Describe(s, kChannelGroup, "", SANE_I18N("Colour channels"), "", SANE_TYPE_GROUP, SANE_UNIT_NONE);
+  s.desc[kChannelGroup].cap = SANE_CAP_ADVANCED;
+  for (int tone = 0; tone < kToneCount; ++tone) {
+    const Tone& t = kTones[tone];
+    const bool gamma = tone == kGammaTone;
+    // 0.01 in fixed point falls just below it: the least is one step up.
+    s.toneRanges[tone] = gamma ? SANE_Range{SANE_FIX(kGammaLeast) + 1, SANE_FIX(kGammaMost), 0} : RangeOf(t.cap);
+    const SANE_Value_Type type = gamma ? SANE_TYPE_FIXED : SANE_TYPE_INT;
+    for (int element = kWholeImage; element <= kChannels; ++element) {
+      const int i = ToneOption(tone, element);
+      if (element == kWholeImage) {
+        Describe(s, i, t.name, t.title, t.text, type, SANE_UNIT_NONE);
+      } else {
+        const int k = i - kChannelFirst;
+        s.channelNames[k] = std::string(t.name) + kChannelSuffixes[element - 1];
+        s.channelTitles[k] = std::string(t.title) + " (" + kChannelNames[element - 1] + ")";
+        Describe(s, i, s.channelNames[k].c_str(), s.channelTitles[k].c_str(), t.text, type, SANE_UNIT_NONE, adv);
+      }
+      SetRange(s, i, &s.toneRanges[tone]);
+      if (gamma) {
+        float v = 1;
+        WithElement(element, [&] { return g_api.getValue(t.cap, TY_FLOAT32, &v); });
+        s.value[i] = s.gammaRead[element] = SANE_FIX(v);
+        s.gammaValue[element] = v;
+      } else {
+        WithElement(element, [&] { return g_api.getValue(t.cap, TY_INT32, &s.value[i]); });
+      }
+    }
+  }
+}
+
+// Options that only a mode uses: the threshold is line art's, the filter is
+// gray's and line art's.
+void UpdateModeOptions(Scanner& s) {
+  const int32_t mode = ChoiceValue(kModes, 3, s.mode);
+  Inactive(s, kThreshold, mode != 0);
+  Inactive(s, kFilter, mode == 2 || s.filterList.size() < 2);
 }
 
 void BuildOptions(Scanner& s) {
@@ -351,21 +468,26 @@ void BuildOptions(Scanner& s) {
   for (int i : {kTlY, kBrY}) SetRange(s, i, &s.yRange);
 
   Describe(s, kEnhancementGroup, "", SANE_I18N("Enhancement"), "", SANE_TYPE_GROUP, SANE_UNIT_NONE);
-  s.brightness = RangeOf(CAP_BRIGHTNESS);
-  s.contrast = RangeOf(CAP_CONTRAST);
-  Describe(s, kBrightness, SANE_NAME_BRIGHTNESS, SANE_TITLE_BRIGHTNESS, SANE_DESC_BRIGHTNESS, SANE_TYPE_INT,
-           SANE_UNIT_NONE);
-  SetRange(s, kBrightness, &s.brightness);
-  s.value[kBrightness] = GetInt(CAP_BRIGHTNESS);
-  Describe(s, kContrast, SANE_NAME_CONTRAST, SANE_TITLE_CONTRAST, SANE_DESC_CONTRAST, SANE_TYPE_INT, SANE_UNIT_NONE);
-  SetRange(s, kContrast, &s.contrast);
-  s.value[kContrast] = GetInt(CAP_CONTRAST);
+  BuildToneOptions(s);
   s.thresholds = WordList(Enumeration(CAP_THRESHOLD));
   Describe(s, kThreshold, SANE_NAME_THRESHOLD, SANE_TITLE_THRESHOLD, SANE_DESC_THRESHOLD, SANE_TYPE_INT,
            SANE_UNIT_NONE);
   SetWords(s, kThreshold, s.thresholds);
   s.value[kThreshold] = GetInt(CAP_THRESHOLD);
-  Inactive(s, kThreshold, s.mode != SANE_VALUE_SCAN_MODE_LINEART);
+  const int32_t filter = GetInt(CAP_FILTER);
+  for (int32_t t : Enumeration(CAP_FILTER))
+    for (const auto& c : kFilters)
+      if (c.value == t && (t == filter || s.filter.empty())) s.filter = c.name;
+  for (int32_t t : Enumeration(CAP_FILTER))
+    for (const auto& c : kFilters)
+      if (c.value == t) s.filterList.push_back(c.name);
+  s.filterList.push_back(nullptr);
+  Describe(s, kFilter, "color-filter", "Colour filter",
+           "The colour a gray or lineart scan is taken from (None: all colours).", SANE_TYPE_STRING, SANE_UNIT_NONE);
+  s.desc[kFilter].size = 32;
+  s.desc[kFilter].constraint_type = SANE_CONSTRAINT_STRING_LIST;
+  s.desc[kFilter].constraint.string_list = s.filterList.data();
+  UpdateModeOptions(s);
 
   const SANE_Int adv = SANE_CAP_SOFT_SELECT | SANE_CAP_SOFT_DETECT | SANE_CAP_ADVANCED;
   Describe(s, kAdvancedGroup, "", SANE_I18N("Advanced"), "", SANE_TYPE_GROUP, SANE_UNIT_NONE);
@@ -383,22 +505,12 @@ void BuildOptions(Scanner& s) {
            SANE_TYPE_BOOL, SANE_UNIT_NONE, adv);
   s.value[kColorMatch] = GetInt(CAP_COLORMATCH) != 0;
   Inactive(s, kColorMatch, Enumeration(CAP_COLORMATCH).size() < 2);
-  Describe(s, kGamma, "gamma", "Gamma", "Gamma of the tone curve.", SANE_TYPE_FIXED, SANE_UNIT_NONE, adv);
-  float gamma = 1;
-  g_api.getValue(CAP_GAMMA, TY_FLOAT32, &gamma);
-  s.value[kGamma] = s.gammaRead = SANE_FIX(gamma);
-  s.gammaValue = gamma;
   Describe(s, kBuffered, "buffered", "Buffered transfer",
            "Read and process on the library's own threads over a ring of buffers.", SANE_TYPE_BOOL,
            SANE_UNIT_NONE, adv);
   s.value[kBuffered] = GetInt(CAP_BUFFERING) != 0;
 }
 
-int32_t ChoiceValue(const Choice* list, size_t n, const std::string& name) {
-  for (size_t i = 0; i < n; ++i)
-    if (name == list[i].name) return list[i].value;
-  return -1;
-}
 
 // The settings of the options, handed to the library before each acquisition.
 int32_t ApplySettings(Scanner& s) {
@@ -415,16 +527,20 @@ int32_t ApplySettings(Scanner& s) {
   if (!r) r = SetReal(CAP_YPOSITION, Px(y0));
   if (!r) r = SetReal(CAP_IMAGEWIDTH, Px(x1) - Px(x0));
   if (!r) r = SetReal(CAP_IMAGELENGTH, Px(y1) - Px(y0));
-  if (!r) r = SetInt(CAP_BRIGHTNESS, s.value[kBrightness]);
-  if (!r) r = SetInt(CAP_CONTRAST, s.value[kContrast]);
+  if (!r && !(s.desc[kFilter].cap & SANE_CAP_INACTIVE)) r = SetInt(CAP_FILTER, ChoiceValue(kFilters, 4, s.filter));
+  // A gray scan taken from one colour is shaped by that colour's element
+  // alone: a whole-image setting the frontend made goes there too.
+  const int image = ImageElement(s);
+  for (int tone = 0; tone < kToneCount && !r; ++tone) {
+    const SANE_Word whole = s.value[ToneOption(tone, kWholeImage)];
+    r = SetTone(s, tone, kWholeImage, whole);
+    for (int element = 1; element <= kChannels && !r; ++element)
+      r = SetTone(s, tone, element, element == image && s.toneSet[tone] ? whole : s.value[ToneOption(tone, element)]);
+  }
   if (!r && mode == 0) r = SetInt(CAP_THRESHOLD, s.value[kThreshold]);
   if (!r) r = SetInt(CAP_DESCREEN, s.value[kDescreen]);
   if (!r) r = SetInt(CAP_SHARPEN, s.value[kSharpen]);
   if (!r && !(s.desc[kColorMatch].cap & SANE_CAP_INACTIVE)) r = SetInt(CAP_COLORMATCH, s.value[kColorMatch]);
-  // An unchanged option keeps the library's exact value, which the fixed
-  // point form would round.
-  float gamma = s.value[kGamma] == s.gammaRead ? s.gammaValue : static_cast<float>(SANE_UNFIX(s.value[kGamma]));
-  if (!r) r = SetReal(CAP_GAMMA, gamma);
   if (!r) r = SetInt(CAP_BUFFERING, s.value[kBuffered] ? 1 : 0);
   return r;
 }
@@ -550,6 +666,28 @@ sane_sxscan_get_option_descriptor(SANE_Handle h, SANE_Int n) {
 }
 
 namespace {
+std::string& TextOption(Scanner& s, SANE_Int n) { return n == kMode ? s.mode : n == kFilter ? s.filter : s.source; }
+
+bool IsToneOption(SANE_Int n) { return (n >= kBrightness && n <= kGamma) || n >= kChannelFirst; }
+
+// A tone value outside its range is a mistake, not a wish for the nearest
+// one: it is refused, and the frontend's message is completed with the range.
+SANE_Status RefuseTone(const SANE_Option_Descriptor& d, SANE_Word w) {
+  const SANE_Range& r = *d.constraint.range;
+  auto text = [&](SANE_Word v) {
+    char t[32];
+    constexpr double kHundredths = 100;
+    if (d.type == SANE_TYPE_FIXED)
+      std::snprintf(t, sizeof t, "%g", std::round(SANE_UNFIX(v) * kHundredths) / kHundredths);
+    else
+      std::snprintf(t, sizeof t, "%d", v);
+    return std::string(t);
+  };
+  std::fprintf(stderr, "sxscan: %s cannot be %s; it takes %s to %s\n", d.name, text(w).c_str(),
+               text(r.min).c_str(), text(r.max).c_str());
+  return SANE_STATUS_INVAL;
+}
+
 SANE_Status SetOption(Scanner& s, SANE_Int n, void* v, SANE_Int* info) {
   const auto& d = s.desc[n];
   if (!(d.cap & SANE_CAP_SOFT_SELECT) || (d.cap & SANE_CAP_INACTIVE)) return SANE_STATUS_INVAL;
@@ -558,8 +696,8 @@ SANE_Status SetOption(Scanner& s, SANE_Int n, void* v, SANE_Int* info) {
     bool ok = false;
     for (const SANE_String_Const* p = d.constraint.string_list; *p; ++p) ok = ok || text == *p;
     if (!ok) return SANE_STATUS_INVAL;
-    (n == kMode ? s.mode : s.source) = text;
-    Inactive(s, kThreshold, s.mode != SANE_VALUE_SCAN_MODE_LINEART);
+    TextOption(s, n) = text;
+    UpdateModeOptions(s);
     UpdateArea(s);
     if (info) *info |= SANE_INFO_RELOAD_OPTIONS | SANE_INFO_RELOAD_PARAMS;
     return SANE_STATUS_GOOD;
@@ -568,6 +706,7 @@ SANE_Status SetOption(Scanner& s, SANE_Int n, void* v, SANE_Int* info) {
   if (d.type == SANE_TYPE_BOOL && w != SANE_FALSE && w != SANE_TRUE) return SANE_STATUS_INVAL;
   if (d.constraint_type == SANE_CONSTRAINT_RANGE) {
     const auto* r = d.constraint.range;
+    if (IsToneOption(n) && (w < r->min || w > r->max)) return RefuseTone(d, w);
     SANE_Word c = std::clamp(w, r->min, r->max);
     if (r->quant > 0) c = r->min + (c - r->min + r->quant / 2) / r->quant * r->quant;
     if (c != w && info) *info |= SANE_INFO_INEXACT;
@@ -578,6 +717,7 @@ SANE_Status SetOption(Scanner& s, SANE_Int n, void* v, SANE_Int* info) {
     if (!ok) return SANE_STATUS_INVAL;
   }
   s.value[n] = w;
+  if (n >= kBrightness && n <= kGamma) s.toneSet[n - kBrightness] = true;
   if (info) *info |= SANE_INFO_RELOAD_PARAMS;
   return SANE_STATUS_GOOD;
 }
@@ -590,7 +730,7 @@ ENTRY(control_option)(SANE_Handle h, SANE_Int n, SANE_Action action, void* v, SA
   if (s->scanning && action != SANE_ACTION_GET_VALUE) return SANE_STATUS_DEVICE_BUSY;
   if (action == SANE_ACTION_GET_VALUE) {
     if (s->desc[n].type == SANE_TYPE_STRING)
-      std::snprintf(static_cast<char*>(v), 32, "%s", (n == kMode ? s->mode : s->source).c_str());
+      std::snprintf(static_cast<char*>(v), 32, "%s", TextOption(*s, n).c_str());
     else
       *static_cast<SANE_Word*>(v) = s->value[n];
     return SANE_STATUS_GOOD;

@@ -10,7 +10,7 @@
 #include <optional>
 #include <thread>
 
-#include "modules/vscan/TestChart.h"
+#include "support/ChartPage.h"
 #include "support/TestEnv.h"
 
 namespace {
@@ -46,20 +46,6 @@ int32_t SX_API Callback(void* data, int64_t* count, int32_t code) {
     std::this_thread::sleep_for(h.Delay);
   }
   return index == h.StopAt ? h.StopAnswer : 0;
-}
-
-// The chart as the scanner renders it at 300 dpi (line art arrives inverted).
-std::vector<uint8_t> Chart(int32_t lines, uint32_t sheet = 0, bool lineArt = false) {
-  sx::vscan::ChartGeometry g;
-  g.ScanMode = lineArt ? sx::vscan::kModeLineArt : sx::vscan::kModeColor;
-  g.PixelNum = lineArt ? 2528 : 2544;  // line art in multiples of 32
-  g.ColorFilter = 2;
-  g.Page = sheet;
-  const size_t line = sx::vscan::ChartBytesPerLine(g);
-  std::vector<uint8_t> bytes(line * static_cast<size_t>(lines));
-  for (int32_t y = 0; y < lines; ++y) sx::vscan::RenderChartLine(g, y, bytes.data() + y * line);
-  if (lineArt) std::for_each(bytes.begin(), bytes.end(), [](uint8_t& b) { b = ~b; });
-  return bytes;
 }
 
 class BufferedAcquire : public ::testing::Test {
@@ -150,7 +136,7 @@ TEST_F(BufferedAcquire, PageArrivesInMebibyteBlocks) {
           {"IMAGELENGTH", "str(2):\"" + std::to_string(r.Lines) + "\""}},
          "", r.TwoNodes);
     ASSERT_EQ(Acquire(), 0);
-    const std::vector<uint8_t> chart = Chart(r.Lines, 0, r.LineArt);
+    const std::vector<uint8_t> chart = ChartPage(r.Lines, 0, r.LineArt);
     Codes codes{SX_XFER_IMAGE_INFO};
     Counts counts{46};
     for (int64_t lines : r.Blocks) {
@@ -175,7 +161,7 @@ TEST_F(BufferedAcquire, SlowHostOnTwoBuffersTwice) {
   for (int run = 0; run < 2; ++run) {
     ASSERT_EQ(Acquire(), 0);
     EXPECT_EQ(gHost.CallCodes.size(), 10u);  // the page and 8 x 137 + 104 lines
-    EXPECT_TRUE(gHost.Pages.at(0) == Chart(1200));
+    EXPECT_TRUE(gHost.Pages.at(0) == ChartPage(1200));
   }
   const std::vector<std::string> trace = ReadLines(root_->Path() / "scandiag.txt");
   EXPECT_EQ(std::count(trace.begin(), trace.end(), "In   1: ReadThread : "), 1);
@@ -206,7 +192,7 @@ TEST_F(BufferedAcquire, PagesUpToTheLimit) {
       for (size_t p = 0; p < sheets->size(); ++p) codes.insert(codes.end(), {2, 0, 0, 0, 0, 1});
       EXPECT_EQ(gHost.CallCodes, codes);
       for (size_t p = 0; p < std::min(sheets->size(), gHost.Pages.size()); ++p) {
-        EXPECT_TRUE(gHost.Pages[p] == Chart(600, (*sheets)[p])) << "page " << p;
+        EXPECT_TRUE(gHost.Pages[p] == ChartPage(600, (*sheets)[p])) << "page " << p;
       }
       EXPECT_EQ(Count("StopScan"), sheets->size());
     }
@@ -254,7 +240,7 @@ TEST_F(BufferedAcquire, HostStops) {
 
     gHost.StopAt = SIZE_MAX;
     ASSERT_EQ(Acquire(), 0);
-    EXPECT_TRUE(gHost.Pages.at(0) == Chart(1200));
+    EXPECT_TRUE(gHost.Pages.at(0) == ChartPage(1200));
   }
 }
 

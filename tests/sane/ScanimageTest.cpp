@@ -174,6 +174,49 @@ TEST_F(Scanimage, RasterEqualsTheLibrarysDeliveryAtSeveralModes) {
   }
 }
 
+// The chart's 200-grey patch (0.32 by 0.3 inch of it, at 100 dpi) in
+// colour with tone options: the red, green and blue of its middle pixel.
+TEST_F(Scanimage, ToneOptionsShapeTheWholeImageOrTheColourNamed) {
+  auto patch = [&](const std::string& tone) {
+    int status = 0;
+    std::string pnm =
+        Scan("--format=pnm --mode Color --resolution 100 -l 127 -t 83.82 -x 8.128 -y 7.62 " + tone, &status);
+    EXPECT_EQ(status, 0) << tone;
+    int w = 0, h = 0;
+    std::vector<uint8_t> pixels = PnmPixels(pnm, &w, &h);
+    const size_t middle = (static_cast<size_t>(h / 2) * w + w / 2) * 3;
+    if (pixels.size() < middle + 3) return std::vector<int>{};
+    return std::vector<int>{pixels[middle], pixels[middle + 1], pixels[middle + 2]};
+  };
+  const std::vector<int> plain = patch("");
+  ASSERT_EQ(plain.size(), 3u);
+  for (const char* tone : {"--gamma 1.0", "--brightness 300", "--contrast -400",
+                           "--gamma 1.4 --brightness -200 --contrast 300 --highlight 230 --shadow 20"}) {
+    const std::vector<int> toned = patch(tone);
+    ASSERT_EQ(toned.size(), 3u) << tone;
+    EXPECT_NE(toned[0], plain[0]) << tone;
+    EXPECT_TRUE(toned[0] == toned[1] && toned[1] == toned[2])
+        << tone << ": " << toned[0] << "," << toned[1] << "," << toned[2];
+  }
+  const std::vector<int> red = patch("--gamma-r 2.5");
+  ASSERT_EQ(red.size(), 3u);
+  EXPECT_TRUE(red[0] > plain[0] && red[1] == plain[1] && red[2] == plain[2]) << red[0] << "," << red[1] << "," << red[2];
+
+  int status = 0;
+  Scan("--format=pnm --mode Gray --resolution 50 -x 25.4 -y 25.4 --color-filter Red --gamma 1.5", &status);
+  EXPECT_EQ(status, 0);
+  // Values that cannot work are refused with the range, before any scan.
+  for (const char* bad : {"--gamma 0", "--gamma -1", "--brightness 5000"}) {
+    std::string text = RunShell("cd '" + root_.Path().string() + "' && " + env_ + "timeout 60 scanimage -d '" +
+                                    kDevice + "' --format=pnm -o never.pnm " + bad + " 2>&1",
+                                &status);
+    EXPECT_NE(status, 0) << bad;
+    EXPECT_NE(text.find(bad[2] == 'g' ? "it takes 0.01 to 655.35" : "it takes -1000 to 1000"), std::string::npos)
+        << bad << "\n" << text;
+    EXPECT_FALSE(fs::exists(root_.Path() / "never.pnm") && fs::file_size(root_.Path() / "never.pnm") > 0) << bad;
+  }
+}
+
 TEST_F(Scanimage, FeederBatchWritesEveryPageAndEndsCleanly) {
   int status = 0;
   Scan("--source ADF --mode Gray --resolution 50 -x 50.8 -y 25.4 --format=pnm --batch=page%d.pnm", &status);
