@@ -8,7 +8,7 @@
 #include <map>
 #include <thread>
 
-#include "modules/vscan/TestChart.h"
+#include "support/ChartPage.h"
 #include "support/TestEnv.h"
 #include "support/UiRecorder.h"
 
@@ -45,18 +45,6 @@ int32_t SX_API Callback(void* data, int64_t* count, int32_t code) {
     gHost.Pages.back().insert(gHost.Pages.back().end(), bytes, bytes + *count);
   }
   return 0;
-}
-
-std::vector<uint8_t> Chart(int32_t lines, uint32_t sheet) {
-  sx::vscan::ChartGeometry g;
-  g.ScanMode = sx::vscan::kModeColor;
-  g.PixelNum = 2544;
-  g.ColorFilter = 2;
-  g.Page = sheet;
-  const size_t line = sx::vscan::ChartBytesPerLine(g);
-  std::vector<uint8_t> bytes(line * static_cast<size_t>(lines));
-  for (int32_t y = 0; y < lines; ++y) sx::vscan::RenderChartLine(g, y, bytes.data() + y * line);
-  return bytes;
 }
 
 // What the progress dialog shows, built from the dialog's prescribed
@@ -191,7 +179,7 @@ TEST_F(DialogAcquire, FeederPagesShowTheirProgress) {
     ASSERT_EQ(threads.size(), 1u);
     EXPECT_EQ(*threads.begin() == std::this_thread::get_id(), direct);
     ASSERT_EQ(gHost.Pages.size(), 2u);
-    EXPECT_TRUE(gHost.Pages[1] == Chart(600, 2));
+    EXPECT_TRUE(gHost.Pages[1] == ChartPage(600, 2));
     TearDown();
   }
 }
@@ -226,7 +214,7 @@ TEST_F(DialogAcquire, CancelEndsWithMinusFiveKeepingCompletedPages) {
       size_t whole = 0;
       for (size_t p = 0; p < gHost.PageCodes.size(); ++p) {
         if (gHost.PageCodes[p].empty() || gHost.PageCodes[p].back() != SX_XFER_PAGE_END) continue;
-        const std::vector<uint8_t> chart = Chart(600, static_cast<uint32_t>(p + 1));
+        const std::vector<uint8_t> chart = ChartPage(600, static_cast<uint32_t>(p + 1));
         const std::vector<uint8_t>& got = gHost.Pages[p];
         whole += got.size() == chart.size();
         ASSERT_LE(got.size(), chart.size());
@@ -262,7 +250,7 @@ TEST_F(DialogAcquire, WarmUpWaitAtPageStart) {
     EXPECT_EQ(ui_->Only({"open", "caption", "show", "cursor", "text 1003", "close"}), expected);
     EXPECT_EQ(ui_->Threads().size(), 1u);
     ASSERT_EQ(gHost.Pages.size(), 2u);
-    EXPECT_TRUE(gHost.Pages[1] == Chart(600, 2));
+    EXPECT_TRUE(gHost.Pages[1] == ChartPage(600, 2));
     TearDown();
   }
 }

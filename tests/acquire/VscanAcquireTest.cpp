@@ -6,9 +6,7 @@
 #include <map>
 #include <optional>
 
-// The chart generator is compiled into this test so that the expected raster
-// does not come from the module under test.
-#include "modules/vscan/TestChart.h"
+#include "support/ChartPage.h"
 #include "support/TestEnv.h"
 
 namespace {
@@ -35,17 +33,6 @@ int32_t SX_API Callback(void* data, int64_t* count, int32_t code) {
   const auto* bytes = static_cast<const uint8_t*>(data);
   gPages->back().Bytes.insert(gPages->back().Bytes.end(), bytes, bytes + *count);
   return 0;
-}
-
-// A colour chart of `lines` lines at 300 dpi, 2544 pixels wide, of sheet `sheet`.
-std::vector<uint8_t> Chart(int32_t lines, uint32_t sheet = 0, uint8_t mode = sx::vscan::kModeColor,
-                           uint16_t pixels = 2544) {
-  sx::vscan::ChartGeometry g;
-  g.XRes = g.YRes = 300, g.PixelNum = pixels, g.LineNum = 600, g.ScanMode = mode, g.ColorFilter = 2, g.Page = sheet;
-  const size_t bpl = sx::vscan::ChartBytesPerLine(g);
-  std::vector<uint8_t> bytes(bpl * lines);
-  for (int32_t y = 0; y < lines; ++y) sx::vscan::RenderChartLine(g, y, bytes.data() + y * bpl);
-  return bytes;
 }
 
 // One installed virtual scanner with a call log, the library loaded on it.
@@ -87,7 +74,7 @@ TEST_F(VscanAcquire, FlatbedColourPage) {
   ASSERT_EQ(pages_.size(), 1u);
   // 131 lines of 7632 bytes per block of the host's 1,000,000.
   EXPECT_EQ(pages_[0].Codes, (CodeList{0, 0, 0, 0, 1}));
-  EXPECT_TRUE(pages_[0].Bytes == Chart(600));
+  EXPECT_TRUE(pages_[0].Bytes == ChartPage(600));
   calls_.erase(std::unique(calls_.begin(), calls_.end()), calls_.end());  // repeated reads and uploads as one
   EXPECT_EQ(calls_, (Names{"SetScanParameter", "TuneScanLength", "SetGammaTable", "StartScan", "ReadScanEx",
                            "StopScan"}));
@@ -95,9 +82,8 @@ TEST_F(VscanAcquire, FlatbedColourPage) {
 
 TEST_F(VscanAcquire, BlackAndWhiteLinesArriveInverted) {
   Acquire({{"PIXELTYPE", "dword:00000000"}});
-  std::vector<uint8_t> expected = Chart(600, 0, sx::vscan::kModeLineArt, 2528);  // line-art multiple of 32
-  ASSERT_EQ(expected.size(), 316u * 600);
-  for (uint8_t& b : expected) b = static_cast<uint8_t>(~b);
+  const std::vector<uint8_t> expected = ChartPage(600, 0, true);
+  ASSERT_EQ(expected.size(), 316u * 600);  // line art in multiples of 32 pixels
   ASSERT_EQ(pages_.size(), 1u);
   EXPECT_TRUE(pages_[0].Bytes == expected);
 }
