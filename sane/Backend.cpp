@@ -33,6 +33,8 @@ constexpr double kLibraryDpi = 300.0;  // positions are read in 1/300 inch
 constexpr uint8_t kUnitsPixels = 2;
 constexpr size_t kTransferBytes = 1u << 20;
 constexpr SANE_Int kBuild = 0;
+constexpr SANE_Word kDefaultDpi = 300;
+constexpr int32_t kDefaultPixelType = 2, kGrayPixelType = 1;  // colour, gray
 
 struct Api {
   void* handle = nullptr;
@@ -176,6 +178,28 @@ std::vector<std::unique_ptr<DeviceEntry>> g_devices;
 std::vector<const SANE_Device*> g_deviceList;
 
 std::string Field(const char* f, size_t n) { return std::string(f, strnlen(f, n)); }
+
+// The model in a display name: the port, " - ", the model padded with blanks
+// to its field, then the firmware.
+constexpr size_t kModelField = 20;
+std::string ModelOf(const SxDataSource& source) {
+  const std::string display = Field(source.DisplayName, sizeof source.DisplayName);
+  const size_t dash = display.find(" - ");
+  std::string model = dash == std::string::npos ? display : display.substr(dash + 3, kModelField);
+  while (!model.empty() && model.back() == ' ') model.pop_back();
+  return model;
+}
+
+// The name a person types after "sxscan:": the model, or where two sources
+// share it, the driver module's file. Both stay the same from run to run.
+std::string DeviceName(const std::vector<SxDataSource>& sources, size_t i) {
+  const std::string model = ModelOf(sources[i]);
+  size_t same = 0;
+  for (const auto& other : sources) same += ModelOf(other) == model;
+  if (same == 1 && !model.empty()) return model;
+  return Field(sources[i].Directory, sizeof sources[i].Directory) +
+         Field(sources[i].FileName, sizeof sources[i].FileName);
+}
 
 std::vector<SxDataSource> ListSources() {
   std::vector<SxDataSource> out;
@@ -412,12 +436,17 @@ void BuildOptions(Scanner& s) {
            SANE_CAP_SOFT_DETECT);
   s.value[kNumOptions] = kOptionCount;
   Describe(s, kModeGroup, "", SANE_I18N("Scan Mode"), "", SANE_TYPE_GROUP, SANE_UNIT_NONE);
-  int32_t pixelType = GetInt(CAP_PIXELTYPE);
-  for (int32_t t : Enumeration(CAP_PIXELTYPE))
+  // A person expects a colour page at 300 dpi, as from sxscan, whatever
+  // the library last stored; a scanner without colour starts in gray.
+  const auto pixelTypes = Enumeration(CAP_PIXELTYPE);
+  for (int32_t preferred : {kDefaultPixelType, kGrayPixelType})
+    if (s.mode.empty() && std::find(pixelTypes.begin(), pixelTypes.end(), preferred) != pixelTypes.end())
+      s.mode = kModes[preferred].name;
+  for (int32_t t : pixelTypes)
     for (const auto& m : kModes)
       if (m.value == t) {
         s.modeList.push_back(m.name);
-        if (t == pixelType || s.mode.empty()) s.mode = m.name;
+        if (s.mode.empty()) s.mode = m.name;
       }
   s.modeList.push_back(nullptr);
   Describe(s, kMode, SANE_NAME_SCAN_MODE, SANE_TITLE_SCAN_MODE, SANE_DESC_SCAN_MODE, SANE_TYPE_STRING,
@@ -451,7 +480,7 @@ void BuildOptions(Scanner& s) {
   Describe(s, kResolution, SANE_NAME_SCAN_RESOLUTION, SANE_TITLE_SCAN_RESOLUTION, SANE_DESC_SCAN_RESOLUTION,
            SANE_TYPE_INT, SANE_UNIT_DPI);
   SetRange(s, kResolution, &s.resolution);
-  s.value[kResolution] = GetInt(CAP_XRESOLUTION);
+  s.value[kResolution] = std::clamp(kDefaultDpi, s.resolution.min, s.resolution.max);
 
   Describe(s, kGeometryGroup, "", SANE_I18N("Geometry"), "", SANE_TYPE_GROUP, SANE_UNIT_NONE);
   Describe(s, kTlX, SANE_NAME_SCAN_TL_X, SANE_TITLE_SCAN_TL_X, SANE_DESC_SCAN_TL_X, SANE_TYPE_FIXED, SANE_UNIT_MM);
@@ -512,6 +541,19 @@ void BuildOptions(Scanner& s) {
 }
 
 
+// One side of the area in 1/300 inch, from the options' edges. The library
+// refuses an area narrower than a whole unit of the model's pixel alignment
+// (32 pixels at most) or shorter than a line; such an area, which rounding
+// or clipping to the bed easily makes, is widened to that size, moved back
+// onto the bed when it would overhang.
+void ScanArea(const Scanner& s, float* start, float* extent, float bed, SANE_Word from, SANE_Word to) {
+  constexpr double kWidestAlignment = 32;
+  const double least = std::ceil(kWidestAlignment * kLibraryDpi / std::max<SANE_Word>(s.value[kResolution], 1));
+  *start = Px(from);
+  *extent = std::max<float>(Px(to) - *start, static_cast<float>(std::min<double>(least, bed)));
+  if (*start + *extent > bed) *start = std::max(0.0f, bed - *extent);
+}
+
 // The settings of the options, handed to the library before each acquisition.
 int32_t ApplySettings(Scanner& s) {
   int32_t mode = ChoiceValue(kModes, 3, s.mode);
@@ -521,12 +563,13 @@ int32_t ApplySettings(Scanner& s) {
   if (!r) r = SetInt(CAP_BITSPERPIXEL, kModeBits[mode < 0 ? 2 : mode]);
   if (!r) r = SetInt(CAP_XRESOLUTION, s.value[kResolution]);
   if (!r) r = SetInt(CAP_YRESOLUTION, s.value[kResolution]);
-  SANE_Word x0 = std::min(s.value[kTlX], s.value[kBrX]), x1 = std::max(s.value[kTlX], s.value[kBrX]);
-  SANE_Word y0 = std::min(s.value[kTlY], s.value[kBrY]), y1 = std::max(s.value[kTlY], s.value[kBrY]);
-  if (!r) r = SetReal(CAP_XPOSITION, Px(x0));
-  if (!r) r = SetReal(CAP_YPOSITION, Px(y0));
-  if (!r) r = SetReal(CAP_IMAGEWIDTH, Px(x1) - Px(x0));
-  if (!r) r = SetReal(CAP_IMAGELENGTH, Px(y1) - Px(y0));
+  float x = 0, width = 0, y = 0, length = 0;
+  ScanArea(s, &x, &width, Px(s.xRange.max), std::min(s.value[kTlX], s.value[kBrX]), std::max(s.value[kTlX], s.value[kBrX]));
+  ScanArea(s, &y, &length, Px(s.yRange.max), std::min(s.value[kTlY], s.value[kBrY]), std::max(s.value[kTlY], s.value[kBrY]));
+  if (!r) r = SetReal(CAP_XPOSITION, x);
+  if (!r) r = SetReal(CAP_YPOSITION, y);
+  if (!r) r = SetReal(CAP_IMAGEWIDTH, width);
+  if (!r) r = SetReal(CAP_IMAGELENGTH, length);
   if (!r && !(s.desc[kFilter].cap & SANE_CAP_INACTIVE)) r = SetInt(CAP_FILTER, ChoiceValue(kFilters, 4, s.filter));
   // A gray scan taken from one colour is shaped by that colour's element
   // alone: a whole-image setting the frontend made goes there too.
@@ -598,13 +641,15 @@ ENTRY(get_devices)(const SANE_Device*** list, SANE_Bool) {
   // The open device owns the library; its list stays as it was.
   if (!g_open) {
     g_devices.clear();
-    for (const auto& src : ListSources()) {
+    const auto sources = ListSources();
+    for (size_t i = 0; i < sources.size(); ++i) {
+      const SxDataSource& src = sources[i];
       auto e = std::make_unique<DeviceEntry>();
       e->source = src;
       // The dll backend puts "sxscan:" in front of it.
-      e->name = Field(src.DisplayName, sizeof src.DisplayName);
+      e->name = DeviceName(sources, i);
       e->vendor = Field(src.Vendor, sizeof src.Vendor);
-      e->model = Field(src.DisplayName, sizeof src.DisplayName);
+      e->model = ModelOf(src);
       // Design note: the type needs the source's abilities, so each is bound.
       bool flatbed = BindSource(src) != SX_OK || HasScanType(2);
       e->type = flatbed ? "flatbed scanner" : "sheetfed scanner";
@@ -629,12 +674,12 @@ ENTRY(open)(SANE_String_Const name, SANE_Handle* handle) {
   if (wanted.rfind("sxscan:", 0) == 0) wanted = wanted.substr(7);
   g_api.free();
   auto sources = ListSources();
+  // The display name, as earlier versions named the device, still opens it.
   const SxDataSource* found = nullptr;
-  for (const auto& s : sources)
-    if (wanted.empty() || Field(s.DisplayName, sizeof s.DisplayName) == wanted) {
-      found = &s;
-      break;
-    }
+  for (size_t i = 0; i < sources.size() && !found; ++i)
+    if (wanted.empty() || DeviceName(sources, i) == wanted ||
+        Field(sources[i].DisplayName, sizeof sources[i].DisplayName) == wanted)
+      found = &sources[i];
   if (!found) return SANE_STATUS_INVAL;
   int32_t r = BindSource(*found);
   if (r == SX_OK) r = g_api.load(nullptr);
@@ -709,7 +754,11 @@ SANE_Status SetOption(Scanner& s, SANE_Int n, void* v, SANE_Int* info) {
     if (IsToneOption(n) && (w < r->min || w > r->max)) return RefuseTone(d, w);
     SANE_Word c = std::clamp(w, r->min, r->max);
     if (r->quant > 0) c = r->min + (c - r->min + r->quant / 2) / r->quant * r->quant;
-    if (c != w && info) *info |= SANE_INFO_INEXACT;
+    // The frontend learns the value kept, in its own buffer.
+    if (c != w) {
+      if (info) *info |= SANE_INFO_INEXACT;
+      *static_cast<SANE_Word*>(v) = c;
+    }
     w = c;
   } else if (d.constraint_type == SANE_CONSTRAINT_WORD_LIST) {
     bool ok = false;

@@ -24,7 +24,8 @@ const std::string kBackendDir = SX_TEST_SANE_DIR;
 #else
 const std::string kBackendDir;
 #endif
-const char* kDevice = "sxscan:USB - QM7110V             1.00";
+// The model, as a person types it.
+const char* kDevice = "sxscan:QM7110V";
 
 std::string RunShell(const std::string& command, int* status) {
   std::string out;
@@ -145,7 +146,8 @@ TEST_F(Scanimage, ListsTheSourceAndItsOptions) {
   EXPECT_NE(list.find("flatbed scanner"), std::string::npos);
   std::string options = Scan("-A", &status);
   EXPECT_EQ(status, 0);
-  for (const char* text : {"--mode Lineart|Gray|Color", "--source ADF|Flatbed", "--resolution 50..600dpi",
+  // Defaults as from sxscan: a colour page at 300 dpi.
+  for (const char* text : {"--mode Lineart|Gray|Color [Color]", "--resolution 50..600dpi (in steps of 1) [300]", "--source ADF|Flatbed", "--resolution 50..600dpi",
                            "-x 0..215.9mm", "--source ADF|Flatbed|Alternate area [Flatbed]", "-y 0..297", "--brightness -1000..1000 (in steps of 10)",
                            "--descreen 0|1|2|3", "--sharpen 0|1|2|3|4"})
     EXPECT_NE(options.find(text), std::string::npos) << text << "\n" << options;
@@ -214,6 +216,23 @@ TEST_F(Scanimage, ToneOptionsShapeTheWholeImageOrTheColourNamed) {
     EXPECT_NE(text.find(bad[2] == 'g' ? "it takes 0.01 to 655.35" : "it takes -1000 to 1000"), std::string::npos)
         << bad << "\n" << text;
     EXPECT_FALSE(fs::exists(root_.Path() / "never.pnm") && fs::file_size(root_.Path() / "never.pnm") > 0) << bad;
+  }
+}
+
+// Values the backend rounds are reported as kept, and an area that rounding
+// or the bed's edge makes too small for the scanner still scans.
+TEST_F(Scanimage, RoundedValuesAreReportedAndStillScan) {
+  for (const char* g : {"--resolution 0", "-x 0", "--mode Lineart -l 215 -x 215.9", "-t 296.9 -y 297.011"}) {
+    int status = 0;
+    std::string text = RunShell("cd '" + root_.Path().string() + "' && " + env_ + "timeout 60 scanimage -d '" +
+                                    kDevice + "' --format=pnm -o area.pnm --mode Gray --resolution 50 " + g + " 2>&1",
+                                &status);
+    EXPECT_EQ(status, 0) << g << "\n" << text;
+    const char* rounded = g[2] == 'r'   ? "rounded value of resolution from 0 to 50"
+                          : g[2] == 'm' ? "rounded value of br-x from 430.9 to 215.9"
+                                        : "";
+    EXPECT_NE(text.find(rounded), std::string::npos) << text;
+    EXPECT_GT(fs::file_size(root_.Path() / "area.pnm"), 0u) << g;
   }
 }
 
