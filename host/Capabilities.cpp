@@ -125,10 +125,10 @@ struct ValueNames {
   std::array<const char*, 5> names;  // by value; null past the last
 };
 constexpr ValueNames kValueNames[] = {
-    {CAP_PIXELTYPE, {"black and white", "gray", "colour", nullptr, nullptr}},
-    {CAP_SCANTYPE, {"automatic", "feeder", "flatbed", "alternate area 1", "alternate area 2"}},
+    {CAP_PIXELTYPE, {"lineart", "gray", "color", nullptr, nullptr}},
+    {CAP_SCANTYPE, {"auto", "feeder", "flatbed", "alternate1", "alternate2"}},
     {CAP_FILTER, {"all channels", "red", "green", "blue", nullptr}},
-    {CAP_UNITS, {"inches", "centimetres", "1/300 in", nullptr, nullptr}},
+    {CAP_UNITS, {"inches", "cm", "300ths", nullptr, nullptr}},
 };
 
 std::string JoinItems(const CapabilityInfo& cap, const uint8_t* items, size_t count) {
@@ -153,6 +153,26 @@ std::string NamedValue(const CapabilityInfo& cap, const std::string& formatted) 
     return formatted + " (" + v.names[n] + ")";
   }
   return formatted;
+}
+
+const char* ValueWord(uint16_t code, int64_t value) {
+  for (const ValueNames& v : kValueNames) {
+    if (v.code == code && value >= 0 && value < static_cast<int64_t>(v.names.size())) return v.names[value];
+  }
+  return nullptr;
+}
+
+bool ParseSettingValue(const CapabilityInfo& cap, std::string_view text, Value* out, std::string* error) {
+  for (const ValueNames& v : kValueNames) {
+    if (v.code != cap.code) continue;
+    for (size_t i = 0; i < v.names.size(); ++i) {
+      if (v.names[i] && EqualNoCase(v.names[i], text)) {
+        *out = IntegerValue(cap.setType, static_cast<int64_t>(i));
+        return true;
+      }
+    }
+  }
+  return ParseValue(cap.setType, text, out, error);
 }
 
 const CapabilityInfo* FindCapability(std::string_view name) {
@@ -265,10 +285,14 @@ std::string DescribeList(const CapabilityInfo& cap, int32_t count, const uint8_t
   }
   size_t step = ValueTypeBytes(cap.itemType);
   switch (cap.form) {
-    case ListForm::Range:
+    case ListForm::Range: {
       if (readable < 3) return "unreadable range";
+      // Every whole number between is the usual case, and needs no mention.
+      const std::string by = FormatValue(cap.itemType, items + 2 * step);
       return FormatValue(cap.itemType, items) + " to " + FormatValue(cap.itemType, items + step) +
-             " step " + FormatValue(cap.itemType, items + 2 * step);
+             (cap.code == CAP_XRESOLUTION || cap.code == CAP_YRESOLUTION ? " dpi" : "") +
+             (by == "1" ? "" : " step " + by);
+    }
     case ListForm::Default:
       if (readable < 1) return "unreadable default";
       return "default " + FormatValue(cap.itemType, items);

@@ -59,6 +59,11 @@ struct Value {
 // type's range, finite reals, texts that fit with their terminating zero.
 bool ParseValue(uint16_t type, std::string_view text, Value* out, std::string* error);
 Value IntegerValue(uint16_t type, int64_t v);
+// The word for a value of an enumerated setting ("color"); null if none.
+const char* ValueWord(uint16_t code, int64_t value);
+// What a person types for a setting: one of the words NamedValue shows
+// ("color"), or a value of the capability's set type.
+bool ParseSettingValue(const CapabilityInfo& cap, std::string_view text, Value* out, std::string* error);
 Value RealValue(float v);
 // `bytes` holds at least ValueTypeBytes(type) bytes; texts stop at the first
 // zero or at the end of their field.

@@ -97,8 +97,7 @@ constexpr Keyword<AreaUnits> kUnits[] = {{"inches", AreaUnits::Inches},
                                          {"in", AreaUnits::Inches},
                                          {"cm", AreaUnits::Centimetres},
                                          {"centimetres", AreaUnits::Centimetres},
-                                         {"pixels", AreaUnits::Pixels},
-                                         {"px", AreaUnits::Pixels}};
+                                         {"300ths", AreaUnits::ThreeHundredths}};
 
 bool HasImageExtension(const std::string& path) {
   std::string lower = Lower(path);
@@ -136,7 +135,7 @@ bool ApplyValueOption(std::string_view name, std::string_view value, ScanOptions
     scan->hasArea = true;
   } else if (name == "--units") {
     if (!ParseKeyword(kUnits, value, &scan->units)) {
-      *error = "--units wants inches, cm or pixels";
+      *error = "--units wants inches, cm or 300ths (1/300 inch, whatever the resolution)";
       return false;
     }
     scan->hasUnits = true;
@@ -374,7 +373,7 @@ std::string UsageText() {
          "  --resolution N              dots per inch (both directions); default 300\n"
          "  --mode color|gray|lineart   pixel type; default color\n"
          "  --area X,Y,W,H              scan area, in inches unless --units says otherwise\n"
-         "  --units inches|cm|pixels    unit of --area (pixels are 1/300 inch)\n"
+         "  --units inches|cm|300ths    unit of --area (300ths: 1/300 inch at any resolution)\n"
          "  --source flatbed|feeder|auto\n"
          "  --filter red|green|blue|none  the colour a gray or lineart scan is taken from\n"
          "  --pages N|all               number of pages to transfer from the feeder\n"

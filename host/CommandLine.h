@@ -19,7 +19,9 @@ enum class ColorMode : int { Keep = -1, Lineart = 0, Gray = 1, Color = 2 };
 // taken from.
 enum class ColorFilter : int { Keep = -1, None = 0, Red = 1, Green = 2, Blue = 3 };
 // Values are those of CAP_UNITS.
-enum class AreaUnits : int { Inches = 0, Centimetres = 1, Pixels = 2 };
+// The third is 1/300 inch whatever the scan resolution, so it is named for
+// that, not for pixels.
+enum class AreaUnits : int { Inches = 0, Centimetres = 1, ThreeHundredths = 2 };
 
 constexpr uint32_t kDefaultTransferBytes = 1u << 20;
 // A buffered transfer hands over blocks of up to one mebibyte, so the buffer

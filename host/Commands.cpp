@@ -3,6 +3,7 @@
 // which hands the power-save time back to the scanner and unloads the driver.
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -39,19 +40,64 @@ void PrintTable(const std::vector<std::vector<std::string>>& rows) {
   }
 }
 
-std::string CurrentValueText(const CapabilityInfo& cap) {
+constexpr double kAreaDots = 300;  // the library reads an area in 1/300 inch
+constexpr double kCmPerInch = 2.54;
+
+// A length the library states in `units` (CAP_UNITS), as typed in that unit.
+std::string LengthText(double length, int units) {
+  char text[48];
+  std::snprintf(text, sizeof text, "%.4g %s", length, units == 0 ? "in" : units == 1 ? "cm" : "300ths");
+  return text;
+}
+
+// An area value read in 1/300 inch, in the unit `set` takes it in: the one
+// CAP_UNITS names.
+std::string AreaText(uint16_t dots, int units) {
+  const double inches = dots / kAreaDots;
+  return LengthText(units == 0 ? inches : units == 1 ? inches * kCmPerInch : dots, units);
+}
+
+// The value as `set` takes it, with its word: "2 (color)", "8.5 in".
+std::string ValueText(const CapabilityInfo& cap, const Value& value, const SourceFacts& facts) {
+  if (cap.flags & kCapReadIn300ths) {
+    uint16_t dots = 0;
+    std::memcpy(&dots, value.bytes.data(), sizeof dots);
+    return AreaText(dots, facts.units);
+  }
+  std::string text = NamedValue(cap, FormatValue(cap.getType, value.bytes.data()));
+  if (cap.code == CAP_XRESOLUTION || cap.code == CAP_YRESOLUTION) text += " dpi";
+  return text;
+}
+
+std::string CurrentValueText(const CapabilityInfo& cap, const SourceFacts& facts) {
   if (cap.flags & kCapGetFetchesRaster) return "(reading fetches the background raster)";
   if (!cap.getType) return "-";
   Value value;
   int32_t result = ReadValue(cap, &value);
   if (result != SX_OK) return "(" + ResultText(result) + ")";
-  std::string text = NamedValue(cap, FormatValue(cap.getType, value.bytes.data()));
-  if (cap.flags & kCapReadIn300ths) text += " (1/300 in)";
-  return text;
+  return ValueText(cap, value, facts);
 }
 
-std::string AdmissibleText(const CapabilityInfo& cap) {
+// Each source's greatest width or length, labelled with the source, in
+// inches as --area takes them.
+std::string SourceLengthsText(const std::vector<float>& lengths, const SourceFacts& facts) {
+  const double perInch = facts.units == 0 ? 1 : facts.units == 1 ? kCmPerInch : kAreaDots;
+  std::string out;
+  for (size_t i = 0; i < lengths.size() && i < facts.sources.size(); ++i) {
+    const char* word = ValueWord(CAP_SCANTYPE, facts.sources[i]);
+    out += (i ? ", " : "") + (word ? std::string(word) : "source " + std::to_string(facts.sources[i])) + " " +
+           LengthText(lengths[i] / perInch, 0);
+  }
+  return out.empty() ? "(no list)" : out;
+}
+
+std::string AdmissibleText(const CapabilityInfo& cap, const SourceFacts& facts) {
   if (cap.flags & kCapQueryActs) return "(not listed: listing would set the power-save time to 0)";
+  if (cap.code == CAP_MAXWIDTHS) return SourceLengthsText(facts.maxWidths, facts);
+  if (cap.code == CAP_MAXLENGTHS) return SourceLengthsText(facts.maxLengths, facts);
+  // The library lists only the current value; any area within the chosen
+  // source's is taken, in the unit CAP_UNITS names.
+  if (cap.flags & kCapReadIn300ths) return "within the source's area (CAP_MAXWIDTHS, CAP_MAXLENGTHS)";
   QueriedList list = QueryList(cap);
   if (!list.made) return "(no list)";
   return DescribeList(cap, list.count, list.items.data(), list.items.size());
@@ -63,7 +109,70 @@ const CapabilityInfo* LookUp(const std::string& name) {
   return cap;
 }
 
+// The list's items as numbers: 32-bit integers or reals, as the capability
+// table asks them.
+template <typename T>
+std::vector<T> ListedNumbers(uint16_t code) {
+  for (const auto& cap : AllCapabilities()) {
+    if (cap.code != code || ValueTypeBytes(cap.itemType) != 4) continue;
+    QueriedList list = QueryList(cap);
+    size_t n = list.count > 0 ? std::min<size_t>(list.count, list.items.size() / 4) : 0;
+    std::vector<T> out(n);
+    for (size_t i = 0; i < n; ++i) {
+      if (cap.itemType == TY_FLOAT32) {
+        float v;
+        std::memcpy(&v, &list.items[i * 4], 4);
+        out[i] = static_cast<T>(v);
+      } else {
+        int32_t v;
+        std::memcpy(&v, &list.items[i * 4], 4);
+        out[i] = static_cast<T>(v);
+      }
+    }
+    return out;
+  }
+  return {};
+}
+
+// A one-byte setting, or `fallback` when it cannot be read.
+int ReadByte(uint16_t code, int fallback) {
+  for (const auto& cap : AllCapabilities()) {
+    if (cap.code != code || cap.getType != TY_UINT8) continue;
+    Value value;
+    return ReadValue(cap, &value) == SX_OK ? value.bytes[0] : fallback;
+  }
+  return fallback;
+}
+
 }  // namespace
+
+bool OpenSourceForScan() {
+  const int32_t loaded = SxLoad(nullptr);
+  if (loaded == SX_OK) return true;
+  int32_t result = 0;
+  std::vector<SxDataSource> sources;
+  if (loaded == SX_ERR_NO_SOURCE) sources = ListSources(&result);
+  std::string problem;
+  if (sources.size() == 1 && !RegistryStoreProblem(&problem)) {
+    SxDataSource only = sources[0];
+    if (SxSetDriverById(&only, 0) == SX_OK) {
+      std::fprintf(stderr, "sxscan: no source was chosen; using the only one installed, %s (now the chosen one)\n",
+                   FieldText(only.DisplayName, sizeof only.DisplayName).c_str());
+      return true;
+    }
+  }
+  return OpenStoredSource();  // says why not, and what to do
+}
+
+SourceFacts ReadSourceFacts() {
+  SourceFacts facts;
+  facts.sources = ListedNumbers<int>(CAP_SCANTYPE);
+  facts.maxWidths = ListedNumbers<float>(CAP_MAXWIDTHS);
+  facts.maxLengths = ListedNumbers<float>(CAP_MAXLENGTHS);
+  facts.units = ReadByte(CAP_UNITS, facts.units);
+  facts.feederLoaded = ReadByte(CAP_FEEDERLOADED, 0) != 0;
+  return facts;
+}
 
 int RunSources() {
   LibrarySession session;
@@ -150,8 +259,9 @@ int RunCaps() {
   LibrarySession session;
   if (!OpenStoredSource()) return kExitFailed;
   std::vector<std::vector<std::string>> rows = {{"CAPABILITY", "CURRENT", "ADMISSIBLE"}};
+  const SourceFacts facts = ReadSourceFacts();
   for (const auto& cap : AllCapabilities())
-    rows.push_back({cap.name, CurrentValueText(cap), AdmissibleText(cap)});
+    rows.push_back({cap.name, CurrentValueText(cap, facts), AdmissibleText(cap, facts)});
   PrintTable(rows);
   return kExitOk;
 }
@@ -169,6 +279,7 @@ int RunGet(const std::vector<std::string>& names) {
   }
   LibrarySession session;
   if (!OpenStoredSource()) return kExitFailed;
+  const SourceFacts facts = ReadSourceFacts();
   int exitCode = kExitOk;
   for (const CapabilityInfo* cap : caps) {
     Value value;
@@ -178,9 +289,7 @@ int RunGet(const std::vector<std::string>& names) {
       exitCode = kExitFailed;
       continue;
     }
-    std::string text = FormatValue(cap->getType, value.bytes.data());
-    if (cap->flags & kCapReadIn300ths) text += " (1/300 inch)";
-    std::printf("%s = %s\n", cap->name, text.c_str());
+    std::printf("%s = %s\n", cap->name, ValueText(*cap, value, facts).c_str());
   }
   return exitCode;
 }
@@ -196,7 +305,7 @@ int RunSet(const std::vector<std::string>& pairs) {
     }
     Value value;
     std::string error;
-    if (!ParseValue(cap->setType, pairs[i + 1], &value, &error)) {
+    if (!ParseSettingValue(*cap, pairs[i + 1], &value, &error)) {
       std::fprintf(stderr, "sxscan: %s wants a %s value: %s\n", cap->name, ValueTypeName(cap->setType),
                    error.c_str());
       return kExitUsage;
@@ -217,7 +326,7 @@ int RunSet(const std::vector<std::string>& pairs) {
       continue;
     }
     if (cap->getType)
-      std::printf("%s = %s\n", cap->name, CurrentValueText(*cap).c_str());
+      std::printf("%s = %s\n", cap->name, CurrentValueText(*cap, ReadSourceFacts()).c_str());
     else
       std::printf("%s set\n", cap->name);
   }

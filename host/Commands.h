@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "CommandLine.h"
+#include "ScanPlan.h"
 
 namespace sx::host {
 
@@ -20,6 +21,12 @@ int RunGet(const std::vector<std::string>& names);
 int RunSet(const std::vector<std::string>& pairs);
 int RunScan(const ScanOptions& options);
 int RunDoctor();
+
+// Opens the chosen source; with none chosen and exactly one installed, that
+// one, saying so (the library stores it as the choice).
+bool OpenSourceForScan();
+// What the open scanner lists about its sources and their areas.
+SourceFacts ReadSourceFacts();
 // A registry store that cannot be read or holds damaged lines: the message
 // names its path and the first line at fault, with the fix.
 bool RegistryStoreProblem(std::string* message);

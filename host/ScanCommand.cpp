@@ -275,6 +275,9 @@ int Report(int32_t result, const Transfer& transfer, const OutputDocument& docum
     std::fprintf(stderr, "sxscan: the scanner delivered no page\n");
     return kExitFailed;
   }
+  if (document.PagesDone() < transfer.progress.pagesExpected)
+    std::fprintf(stderr, "sxscan: the feeder ran out of paper after %d of the %d pages asked for\n",
+                 document.PagesDone(), transfer.progress.pagesExpected);
   return kExitOk;
 }
 
@@ -292,10 +295,13 @@ int RunScan(const ScanOptions& options) {
     return kExitUsage;
   }
   if (!PrepareOutputFolder(options.output)) return kExitUsage;
-  if (!OpenStoredSource()) {
+  if (!OpenSourceForScan()) {
     SxFree();
     return kExitFailed;
   }
+  const SourceFacts facts = ReadSourceFacts();
+  const ScanSource source = ChooseSource(options.source, facts);
+  AddSourceChanges(options, source, facts, &changes);
   if (!AllAdmissible(changes)) {
     SxFree();
     return kExitUsage;
@@ -321,8 +327,8 @@ int RunScan(const ScanOptions& options) {
   LibraryDialogs dialogs(g_interrupted, options.progress || transfer.terminal);
   // Only a feeder scan delivers the pages asked for; a flatbed gives one.
   transfer.progress.pagesExpected =
-      options.source == ScanSource::Feeder && options.pages > 0 ? options.pages : 0;
-  ReadAskedSize(transfer);
+      source == ScanSource::Feeder && options.pages > 0 ? options.pages : 0;
+  if (AsksForAreaSize(options)) ReadAskedSize(transfer);
   g_transfer = &transfer;
   g_interrupted.store(false);
   // An interrupt stops the scan through its Cancel; the pages already

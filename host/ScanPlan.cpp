@@ -1,5 +1,7 @@
 #include "ScanPlan.h"
 
+#include <algorithm>
+
 namespace sx::host {
 namespace {
 
@@ -24,7 +26,6 @@ void AddInteger(std::vector<SettingChange>* changes, uint16_t code, int64_t v) {
 
 bool BuildScanSettings(const ScanOptions& o, std::vector<SettingChange>* changes, std::string* error) {
   changes->clear();
-  if (o.source != ScanSource::Keep) AddInteger(changes, CAP_SCANTYPE, static_cast<int>(o.source));
   if (o.mode != ColorMode::Keep) {
     int mode = static_cast<int>(o.mode);
     AddInteger(changes, CAP_PIXELTYPE, mode);
@@ -57,13 +58,48 @@ bool BuildScanSettings(const ScanOptions& o, std::vector<SettingChange>* changes
       return false;
     }
     Value value;
-    if (!ParseValue(cap->setType, text, &value, error)) {
+    if (!ParseSettingValue(*cap, text, &value, error)) {
       *error = std::string(cap->name) + ": " + *error;
       return false;
     }
     changes->push_back({cap, value, element});
   }
   return true;
+}
+
+ScanSource ChooseSource(ScanSource asked, const SourceFacts& facts) {
+  if (asked != ScanSource::Auto && asked != ScanSource::Keep) return asked;
+  const auto listed = [&](ScanSource s) {
+    return std::find(facts.sources.begin(), facts.sources.end(), static_cast<int>(s)) != facts.sources.end();
+  };
+  if (facts.feederLoaded && listed(ScanSource::Feeder)) return ScanSource::Feeder;
+  if (listed(ScanSource::Flatbed)) return ScanSource::Flatbed;
+  if (!facts.sources.empty()) return static_cast<ScanSource>(facts.sources.front());
+  return ScanSource::Auto;  // the library decides
+}
+
+void AddSourceChanges(const ScanOptions& o, ScanSource chosen, const SourceFacts& facts,
+                      std::vector<SettingChange>* changes) {
+  std::vector<SettingChange> first;
+  AddInteger(&first, CAP_SCANTYPE, static_cast<int>(chosen));
+  const auto at = std::find(facts.sources.begin(), facts.sources.end(), static_cast<int>(chosen));
+  const size_t index = static_cast<size_t>(at - facts.sources.begin());
+  if (!o.hasArea && index < facts.maxWidths.size() && index < facts.maxLengths.size()) {
+    AddInteger(&first, CAP_UNITS, facts.units);
+    Add(&first, CAP_XPOSITION, RealValue(0));
+    Add(&first, CAP_YPOSITION, RealValue(0));
+    Add(&first, CAP_IMAGEWIDTH, RealValue(facts.maxWidths[index]));
+    Add(&first, CAP_IMAGELENGTH, RealValue(facts.maxLengths[index]));
+  }
+  changes->insert(changes->begin(), first.begin(), first.end());
+}
+
+bool AsksForAreaSize(const ScanOptions& o) {
+  if (o.hasArea) return true;
+  return std::any_of(o.settings.begin(), o.settings.end(), [](const auto& setting) {
+    const CapabilityInfo* cap = FindCapability(setting.first);
+    return cap && (cap->code == CAP_IMAGEWIDTH || cap->code == CAP_IMAGELENGTH);
+  });
 }
 
 bool PageFormatFromInfo(const SxImageInfo& info, PageFormat* format, std::string* error) {

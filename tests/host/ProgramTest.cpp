@@ -60,7 +60,7 @@ TEST(HostProgram, SelectsSourceScansPngAndReportsErrors) {
       << tooFine.text;
   Outcome badType = RunProgram(root, "set pixeltype 7");
   EXPECT_EQ(badType.exitCode, 2);
-  EXPECT_NE(badType.text.find("CAP_PIXELTYPE cannot be 7; the scanner takes one of 0 (black and white), 1 (gray), 2 (colour)"), std::string::npos)
+  EXPECT_NE(badType.text.find("CAP_PIXELTYPE cannot be 7; the scanner takes one of 0 (lineart), 1 (gray), 2 (color)"), std::string::npos)
       << badType.text;
 
   // Two inches by one at 100 dpi in grey: 200 pixels (a multiple of the
@@ -126,6 +126,58 @@ TEST(HostProgram, DamagedStoreIsReportedAndNotWritten) {
   Outcome info = RunProgram(root, "info");
   EXPECT_EQ(info.exitCode, 1);
   EXPECT_NE(info.text.find("no data source could be read from the store"), std::string::npos) << info.text;
+}
+
+// With nothing chosen or named: the only source installed, the feeder while
+// it holds paper, a source's whole area, and no warning about a width nobody
+// asked for.
+TEST(HostProgram, DefaultsAreWhatAPersonExpects) {
+  sxtest::TempRoot root;
+  Install(root, "QM7110V", 3);
+  Outcome stack = RunProgram(root, "scan --pages 5 --resolution 50 --mode gray --output stack.tif");
+  ASSERT_EQ(stack.exitCode, 0) << stack.text;
+  EXPECT_NE(stack.text.find("using the only one installed, USB - QM7110V"), std::string::npos) << stack.text;
+  EXPECT_NE(stack.text.find("the feeder ran out of paper after 3 of the 5 pages asked for"), std::string::npos)
+      << stack.text;
+  EXPECT_EQ(RunProgram(root, "info").exitCode, 0) << "the source used is the chosen one from now on";
+
+  // Auto is the feeder while it holds paper; the flatbed's default is its
+  // whole A4 length (11.69 inches at 50 dpi), not a Letter page.
+  EXPECT_EQ(RunProgram(root, "scan --source auto --pages 1 --output auto.png").exitCode, 0);
+  Outcome flat = RunProgram(root, "scan --source flatbed --resolution 50 --mode gray --output flat.png");
+  ASSERT_EQ(flat.exitCode, 0) << flat.text;
+  EXPECT_EQ(ReadPng((root.Path() / "flat.png").string()).height, 585u);
+  EXPECT_EQ(flat.text.find("sxscan: the width"), std::string::npos) << flat.text;
+  // A width the person asked for and did not get is still told.
+  Outcome asked = RunProgram(root, "scan --resolution 50 --mode gray --area 0,0,8.5,1 --output asked.png");
+  EXPECT_NE(asked.text.find("reduced to the scanner's alignment: 424 of the 425"), std::string::npos)
+      << asked.text;
+}
+
+// What caps and get show is what a person types: words set takes, lengths
+// per source in inches, units named for what they are.
+TEST(HostProgram, CapsAndValuesReadAsTheyAreTyped) {
+  sxtest::TempRoot root;
+  Install(root, "QM7110V", 0);
+  ASSERT_EQ(RunProgram(root, "select QM7110V").exitCode, 0);
+  Outcome caps = RunProgram(root, "caps");
+  ASSERT_EQ(caps.exitCode, 0) << caps.text;
+  for (const char* shown : {"feeder 14 in, flatbed 11.69 in", "feeder 8.5 in, flatbed 8.5 in", "50 to 600 dpi",
+                            "one of 0 (lineart), 1 (gray), 2 (color)", "2550 300ths"})
+    EXPECT_NE(caps.text.find(shown), std::string::npos) << shown << "\n" << caps.text;
+  Outcome set = RunProgram(root, "set pixeltype color scantype flatbed units inches imagewidth 2");
+  ASSERT_EQ(set.exitCode, 0) << set.text;
+  for (const char* shown : {"CAP_PIXELTYPE = 2 (color)", "CAP_SCANTYPE = 2 (flatbed)", "CAP_IMAGEWIDTH = 2 in"})
+    EXPECT_NE(set.text.find(shown), std::string::npos) << shown << "\n" << set.text;
+  EXPECT_NE(RunProgram(root, "get pixeltype").text.find("CAP_PIXELTYPE = 0 (lineart)"), std::string::npos);
+
+  // The third unit is 1/300 inch at any resolution: 600 by 300 of them at
+  // 100 dpi are 200 by 100 pixels. "pixels" would promise otherwise.
+  Outcome dots = RunProgram(root, "scan --units 300ths --area 0,0,600,300 --resolution 100 --output d.png");
+  ASSERT_EQ(dots.exitCode, 0) << dots.text;
+  PngRead png = ReadPng((root.Path() / "d.png").string());
+  EXPECT_TRUE(png.width == 200u && png.height == 100u);
+  EXPECT_EQ(RunProgram(root, "scan --units pixels --area 0,0,1,1").exitCode, 2);
 }
 
 // PDF holds every feeder page in one document; JPEG writes one file a page.

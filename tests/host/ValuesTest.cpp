@@ -74,7 +74,7 @@ TEST(HostValues, DescribeListsByForm) {
   const CapabilityInfo& pixel = *FindCapability("pixeltype");
   const int32_t ints[] = {50, 600, 1};
   const auto* items = reinterpret_cast<const uint8_t*>(ints);
-  EXPECT_EQ(DescribeList(res, 0, items, 12), "50 to 600 step 1");
+  EXPECT_EQ(DescribeList(res, 0, items, 12), "50 to 600 dpi");
   EXPECT_EQ(DescribeList(res, 0, items, 8), "unreadable range");  // block too small
   // A count beyond the items block is never followed.
   EXPECT_EQ(DescribeList(pixel, 5, items, 12), "one of 50, 600, 1 (gray) (2 more not readable)");
@@ -123,6 +123,10 @@ TEST(HostScanPlan, OptionsBecomeOrderedSettings) {
   std::vector<SettingChange> changes;
   std::string error;
   ASSERT_TRUE(BuildScanSettings(o, &changes, &error)) << error;
+  // A feeder and a flatbed, 8.5 by 14 and 8.5 by 11.69 inches, the feeder empty.
+  const SourceFacts facts{.sources = {1, 2}, .maxWidths = {8.5f, 8.5f}, .maxLengths = {14, 11.69f},
+                          .units = 0, .feederLoaded = false};
+  AddSourceChanges(o, ChooseSource(o.source, facts), facts, &changes);
   std::vector<uint16_t> order;
   for (const auto& c : changes) order.push_back(c.cap->code);
   const std::vector<uint16_t> expected = {
@@ -130,6 +134,13 @@ TEST(HostScanPlan, OptionsBecomeOrderedSettings) {
       CAP_UNITS,     CAP_XPOSITION,   CAP_YPOSITION,    CAP_IMAGEWIDTH,  CAP_IMAGELENGTH,
       CAP_XFERCOUNT, CAP_BUFFERING,   CAP_GAMMA,        CAP_XRESOLUTION};
   ASSERT_EQ(order, expected);
+  // Without an area, auto takes the flatbed (no paper) and its whole area.
+  ScanOptions plain;
+  ASSERT_TRUE(BuildScanSettings(plain, &changes, &error)) << error;
+  EXPECT_EQ(ChooseSource(ScanSource::Auto, facts), ScanSource::Flatbed);
+  AddSourceChanges(plain, ScanSource::Flatbed, facts, &changes);
+  ASSERT_TRUE(changes.size() > 5 && changes[1].cap->code == CAP_UNITS && changes[5].cap->code == CAP_IMAGELENGTH);
+  EXPECT_EQ(FormatValue(TY_FLOAT32, changes[5].value.bytes.data()), "11.69");
 
   for (auto bad : std::vector<std::pair<std::string, std::string>>{
            {"nosuch", "1"}, {"modelname", "X"}, {"xresolution", "-1"}, {"dither", std::string(40, 'x')}}) {
