@@ -75,3 +75,21 @@ if(TARGET sxscan_host)
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME sxscan
     COMPONENT runtime)
 endif()
+
+# The SANE backend in the folder SANE's dll backend loads backends from,
+# enabled by its dll.d entry, with its configuration. SANE reads /etc/sane.d,
+# which is where a /usr install puts it; other prefixes keep everything under
+# the prefix (a tree that can be moved, or pointed at with SANE_CONFIG_DIR).
+if(TARGET sane-sxscan)
+  if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(SX_SANE_CONFDIR /etc/sane.d)
+  else()
+    set(SX_SANE_CONFDIR ${CMAKE_INSTALL_SYSCONFDIR}/sane.d)
+  endif()
+  install(TARGETS sane-sxscan LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/sane COMPONENT runtime
+    NAMELINK_SKIP)
+  install(FILES sane/sxscan.conf DESTINATION ${SX_SANE_CONFDIR} COMPONENT runtime)
+  file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/sane-dll.d-entry "sxscan\n")
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sane-dll.d-entry DESTINATION ${SX_SANE_CONFDIR}/dll.d
+    RENAME sxscan COMPONENT runtime)
+endif()

@@ -100,6 +100,9 @@ bool LoadLibrary() {
   std::vector<std::string> candidates;
   if (!library.empty()) candidates.push_back(library);
   candidates.push_back(OwnFolder() + "libsxscan.so");
+  // Installed, the backend lies in the sane folder of the library's folder.
+  candidates.push_back(OwnFolder() + "../libsxscan.so.1");
+  candidates.push_back("libsxscan.so.1");
   candidates.push_back("libsxscan.so");
   for (const auto& c : candidates)
     if ((g_api.handle = dlopen(c.c_str(), RTLD_NOW | RTLD_LOCAL))) break;

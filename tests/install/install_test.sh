@@ -96,4 +96,18 @@ if [[ -x "$prefix/bin/sxscan" ]]; then
     fail "sxscan doctor does not offer the installed default tree: $advice"
   [[ -e "$prefix/share/man/man1/sxscan.1" ]] || fail "missing the man page"
 fi
+# The SANE backend, where it is built: in SANE's backend folder, enabled in
+# dll.d, and found by scanimage with the library beside it.
+if [[ -e "$build/sane/libsane-sxscan.so.1" ]]; then
+  for f in "$libdir/sane/libsane-sxscan.so.1" etc/sane.d/sxscan.conf etc/sane.d/dll.d/sxscan; do
+    [[ -e "$prefix/$f" ]] || fail "missing $f"
+  done
+  if command -v scanimage >/dev/null && [[ -z "${SX_TEST_RUNNER:-}" ]] &&
+     [[ "$(file -L "$(command -v scanimage)" | grep -o 'ELF [0-9]*-bit')" == "$(file -L "$prefix/$libdir/libsxscan.so.1" | grep -o 'ELF [0-9]*-bit')" ]]; then
+    cp -r "$prefix/$libdir/sxscan/root" "$work/root-sane"
+    devices=$(SX_ROOT="$work/root-sane" SANE_CONFIG_DIR="$prefix/etc/sane.d" \
+              LD_LIBRARY_PATH="$prefix/$libdir/sane" timeout 60 scanimage -L 2>&1 || true)
+    grep -q "sxscan:QM7110V" <<<"$devices" || fail "scanimage does not list the installed backend's device: $devices"
+  fi
+fi
 echo "install test: passed ($prefix)"
