@@ -243,9 +243,20 @@ bool TiffWriter::AppendPage(const PageImage& page, std::string* error) {
   return true;
 }
 
+// Each page learns the document's page count once the last one is written:
+// "page n of total" for a reader, which the pages could not tell at the time.
+static void NumberTiffPages(TIFF* tif, uint16_t pages) {
+  for (uint16_t page = 0; page < pages; ++page) {
+    if (!TIFFSetDirectory(tif, page)) return;
+    TIFFSetField(tif, TIFFTAG_PAGENUMBER, page, pages);
+    if (!TIFFRewriteDirectory(tif)) return;
+  }
+}
+
 bool TiffWriter::Close(std::string* error) {
   if (!file_) return true;
   g_tiffMessage[0] = '\0';
+  NumberTiffPages(static_cast<TIFF*>(file_), pages_);
   TIFFClose(static_cast<TIFF*>(file_));
   file_ = nullptr;
   if (g_tiffMessage[0]) {

@@ -185,7 +185,13 @@ bool OutputDocument::Finish() {
 std::string OutputDocument::WrittenPath() const {
   if (pagesDone_ == 0) return "";
   if (format_ == Format::Pdf) return path_;
-  if (format_ == Format::Jpeg) return pagesDone_ == 1 ? path_ : path_ + " to " + JpegPath(pagesDone_);
+  // One file a page: the names read as a list ("a.jpg, a-2.jpg and a-3.jpg").
+  if (format_ == Format::Jpeg) {
+    if (pagesDone_ == 1) return path_;
+    std::string between;
+    if (pagesDone_ >= 3) between = ", " + JpegPath(2) + (pagesDone_ > 3 ? ", ..." : "");
+    return path_ + between + " and " + JpegPath(pagesDone_);
+  }
   // A PNG document holds one page; a second one turned it into a TIFF.
   return (tiffNamed_ || pagesDone_ > 1) ? tiffPath_ : path_;
 }

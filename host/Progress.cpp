@@ -105,16 +105,19 @@ std::string DialogView::RenderWarmUp() const {
   return line;
 }
 
-// "Page2 Scanning  Transfer Mode : Normal  [#####     ] 50%  50/50/50"
+// "Page2 Scanning  Transfer Mode : Normal  [#####     ] 50%  R/G/B 50/24/10"
 std::string DialogView::RenderTrack(int width) const {
   std::string line = Squeeze(caption_);
   // The mode's label alone says nothing.
   const std::string name = Text(kModeNameControl);
   if (!name.empty()) AppendPart(line, Squeeze(Text(kModeLabelControl) + " " + name));
   const std::string percent = Text(kPercentControl);
-  const std::string each = std::to_string(BarPercent(0)) + "/" + std::to_string(BarPercent(1)) + "/" +
-                           std::to_string(BarPercent(2));
-  const std::string tail = (percent.empty() ? std::string("0") : percent) + "%  " + each;
+  // The three bars are the colour channels; they part only in a colour
+  // scan, and only then is each one worth its own number.
+  const bool apart = BarPercent(0) != BarPercent(1) || BarPercent(1) != BarPercent(2);
+  const std::string each = "  R/G/B " + std::to_string(BarPercent(0)) + "/" + std::to_string(BarPercent(1)) +
+                           "/" + std::to_string(BarPercent(2));
+  const std::string tail = (percent.empty() ? std::string("0") : percent) + "%" + (apart ? each : "");
   int bar = kLongestBar;
   if (width > 0) bar = std::min(bar, width - static_cast<int>(line.size() + tail.size()) - 5);
   if (bar >= kShortestBar) {
@@ -136,7 +139,7 @@ std::string DialogView::Render(int width) const {
 std::string RenderProgress(const ProgressState& s, int width) {
   char head[48];
   if (s.pagesExpected > 0)
-    std::snprintf(head, sizeof head, "page %d/%d ", s.page, s.pagesExpected);
+    std::snprintf(head, sizeof head, "page %d of %d ", s.page, s.pagesExpected);
   else
     std::snprintf(head, sizeof head, "page %d ", s.page);
   uint64_t done = s.bytesExpected ? std::min(s.bytesDone, s.bytesExpected) : s.bytesDone;

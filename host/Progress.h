@@ -57,7 +57,7 @@ struct ProgressState {
 };
 
 // One line of `width` characters at most, e.g.
-// "page 1/3 [##########          ]  50%  1.2 of 2.4 MiB".
+// "page 1 of 3 [##########          ]  50%  1.2 of 2.4 MiB".
 std::string RenderProgress(const ProgressState& state, int width);
 
 // The controls of the library's dialogs whose texts the line shows.

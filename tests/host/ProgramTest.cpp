@@ -108,6 +108,14 @@ TEST(HostProgram, FeederStackBecomesMultiPageTiff) {
     std::vector<TiffPage> pages = ReadTiff((root.Path() / "stack.tif").string());
     ASSERT_EQ(pages.size(), 3u);
     for (const auto& page : pages) EXPECT_TRUE(page.bits == 1 && page.width == 256u && page.height == 100u);
+    // Each page says which it is of how many.
+    TIFF* tif = TIFFOpen((root.Path() / "stack.tif").string().c_str(), "r");
+    ASSERT_TRUE(tif);
+    for (uint16_t want = 0; want < 3; ++want, TIFFReadDirectory(tif)) {
+      uint16_t number = 0, total = 0;
+      EXPECT_TRUE(TIFFGetField(tif, TIFFTAG_PAGENUMBER, &number, &total) && number == want && total == 3);
+    }
+    TIFFClose(tif);
   }
 }
 
@@ -195,6 +203,7 @@ TEST(HostProgram, FeederPagesAsPdfAndJpeg) {
 
   Outcome jpeg = RunProgram(root, feeder + "--mode gray --quality 60 --output page.jpg");
   ASSERT_EQ(jpeg.exitCode, 0) << jpeg.text;
+  EXPECT_NE(jpeg.text.find("wrote 3 pages to page.jpg, page-2.jpg and page-3.jpg"), std::string::npos) << jpeg.text;
   for (const char* name : {"page.jpg", "page-2.jpg", "page-3.jpg"}) {
     const std::string bytes = sxtest::ReadFile(root.Path() / name);
     EXPECT_TRUE(bytes.size() > 4 && bytes.compare(0, 2, "\xFF\xD8") == 0) << name;

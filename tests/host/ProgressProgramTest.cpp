@@ -36,7 +36,7 @@ TEST(HostProgramProgress, WarmUpCountdownThenPagesFromTheLibrarysDialogs) {
     const std::string wait = "Scanner warm up...  Scanner lamp is warming up  Please wait ...";
     if (line.rfind(wait, 0) == 0 && line.size() > wait.size()) {
       countdown.push_back(line.substr(wait.size() + 2));
-    } else if (line.find("100%  100/100/100") != std::string::npos) {
+    } else if (line.size() > 4 && line.compare(line.size() - 4, 4, "100%") == 0) {
       pageEnds.push_back(line.substr(0, line.find("  ")));
     }
   }

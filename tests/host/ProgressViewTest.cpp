@@ -35,9 +35,14 @@ TEST(HostProgressLine, TrackDialogPagesBarsAndMode) {
                           view.Apply(Event(SX_UI_CAPTION, &g_other, 0, "Page9"))};
   EXPECT_EQ(std::vector<bool>(std::begin(redraws), std::end(redraws)),
             (std::vector<bool>{false, false, false, false, false, true, false}));
-  EXPECT_EQ(view.Render(0), "Page2 Lesen  Modus: Gepuffert  [###############               ] 50%  50/24/100");
+  EXPECT_EQ(view.Render(0), "Page2 Lesen  Modus: Gepuffert  [###############               ] 50%  R/G/B 50/24/100");
   EXPECT_EQ(view.Render(30).size(), 30u);
-  EXPECT_EQ(view.Render(60), "Page2 Lesen  Modus: Gepuffert  [######      ] 50%  50/24/100") << "a shorter bar";
+  EXPECT_EQ(view.Render(66), "Page2 Lesen  Modus: Gepuffert  [######      ] 50%  R/G/B 50/24/100") << "a shorter bar";
+  // Channels that agree (a grey scan, a page's end) need no numbers each.
+  view.Apply(Event(SX_UI_FILL, &g_track, 1303, nullptr, 266, 0x0000FF));
+  view.Apply(Event(SX_UI_FILL, &g_track, 1304, nullptr, 266, 0x00FF00));
+  view.Apply(Event(SX_UI_TEXT, &g_track, 1306, "100"));
+  EXPECT_EQ(view.Render(0).substr(view.Render(0).size() - 7), "#] 100%");
   view.Apply(Event(SX_UI_CLOSE, &g_other));
   EXPECT_TRUE(view.IsOpen());
   view.Apply(Event(SX_UI_CLOSE, &g_track));
