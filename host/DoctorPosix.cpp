@@ -5,14 +5,17 @@
 // fix in one line. It reads the files itself and asks the library only for
 // its list of data sources, so it explains a set-up without changing it.
 #include <dlfcn.h>
+#include <elf.h>
 #include <stdlib.h>  // setenv, unsetenv
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <random>
 #include <sstream>
@@ -37,6 +40,12 @@ namespace fs = std::filesystem;
 constexpr char kMakerPrefix[] = "corvane";  // what a driver's CompanyName must begin with
 constexpr char kRegistryKeyOptions[] = "[software\\quillmark]";
 constexpr char kTraceFile[] = "scandiag.txt";
+constexpr char kColourModule[] = "sxcmms.dll";
+constexpr const char* kColourEntryPoints[] = {"SX_Icc_SetProfile", "SX_Icc_Convert2", "SX_Icc_Initial",
+                                              "SX_Icc_Adjust", "SX_Icc_SetIntent"};
+// An ICC profile's header: 128 bytes, the size big-endian at 0, "acsp" at 36.
+constexpr size_t kIccHeaderBytes = 128;
+constexpr size_t kIccSignatureOffset = 36;
 // The library composes the log path in a 144-byte buffer.
 constexpr size_t kMaxTracePath = 143;
 
@@ -280,6 +289,76 @@ bool ReadRecord(const fs::path& path, std::string& company, std::string& version
 
 std::string Field(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
 
+// The ELF header and program headers of a module file, read as the system's
+// own word size.
+#if UINTPTR_MAX > 0xFFFFFFFFu
+using ElfHeader = Elf64_Ehdr;
+using ElfSegment = Elf64_Phdr;
+constexpr unsigned char kElfClass = ELFCLASS64;
+#else
+using ElfHeader = Elf32_Ehdr;
+using ElfSegment = Elf32_Phdr;
+constexpr unsigned char kElfClass = ELFCLASS32;
+#endif
+
+bool ReadAt(std::ifstream& in, uint64_t offset, void* out, size_t size) {
+  in.clear();
+  in.seekg(static_cast<std::streamoff>(offset));
+  return static_cast<bool>(in.read(static_cast<char*>(out), static_cast<std::streamsize>(size)));
+}
+
+// The processor this program was built for, from its own header.
+uint16_t OwnMachine() {
+  std::ifstream self("/proc/self/exe", std::ios::binary);
+  ElfHeader own{};
+  return ReadAt(self, 0, &own, sizeof own) ? own.e_machine : 0;
+}
+
+std::string Bytes(uint64_t n) { return std::to_string(n) + " bytes"; }
+
+// What keeps a module file from being loaded at all, from its own bytes:
+// empty when it is whole and a shared object for this system. A truncated
+// copy or a file of another kind is named as such, not as a module without
+// a version record or a scanner that does not answer.
+std::string ModuleFileFault(const fs::path& file) {
+  std::error_code ec;
+  const uint64_t size = fs::file_size(file, ec);
+  if (ec) return "it cannot be read (" + ec.message() + ")";
+  if (size == 0) return "the file is empty (0 bytes): not a shared object";
+  std::ifstream in(file, std::ios::binary);
+  ElfHeader h{};
+  const bool whole = ReadAt(in, 0, &h, sizeof h);
+  if (size < SELFMAG || std::memcmp(h.e_ident, ELFMAG, SELFMAG) != 0) {
+    if (h.e_ident[0] == 'M' && h.e_ident[1] == 'Z')
+      return "it is a Windows module, not a shared object for this system";
+    return "it is not a shared object at all (no ELF header; a text or other file under a module's name)";
+  }
+  if (!whole) return "it is truncated: " + Bytes(size) + ", shorter than its own ELF header";
+  if (h.e_ident[EI_CLASS] != kElfClass || h.e_machine != OwnMachine())
+    return "it is a shared object for another processor or word size than this program's";
+  if (h.e_type != ET_DYN) return "it is an ELF file but not a shared object (an executable or object file)";
+  uint64_t needed = std::max<uint64_t>(h.e_phoff + uint64_t{h.e_phnum} * h.e_phentsize,
+                                       h.e_shoff + uint64_t{h.e_shnum} * h.e_shentsize);
+  for (unsigned i = 0; i < h.e_phnum && needed <= size; ++i) {
+    ElfSegment segment{};
+    if (ReadAt(in, h.e_phoff + uint64_t{i} * h.e_phentsize, &segment, sizeof segment) &&
+        segment.p_type == PT_LOAD)
+      needed = std::max<uint64_t>(needed, segment.p_offset + segment.p_filesz);
+  }
+  if (needed > size) return "it is truncated: " + Bytes(size) + " where its own headers need " + Bytes(needed);
+  return {};
+}
+
+// A module file that cannot be loaded, named with its fix; true when it was.
+bool ReportModuleFileFault(const fs::path& file) {
+  const std::string fault = ModuleFileFault(file);
+  if (fault.empty()) return false;
+  Problem(fault, fault.rfind("it is truncated", 0) == 0
+                     ? "copy the module again from where it came: " + file.filename().string() + " was cut short"
+                     : "remove " + file.string() + " or put the module built for this system in its place");
+  return true;
+}
+
 fs::path ModulePath(const SxDataSource& s) {
   return fs::path(Field(s.Directory, sizeof s.Directory)) / Field(s.FileName, sizeof s.FileName);
 }
@@ -389,7 +468,10 @@ void ReportModule(const fs::path& twain, const fs::path& file, const std::vector
     }
   }
   std::string company, version;
-  if (!ReadRecord(file, company, version)) {
+  if (!ModuleFileFault(file).empty()) {
+    std::printf("  %s: not offered\n", shown.c_str());
+    ReportModuleFileFault(file);
+  } else if (!ReadRecord(file, company, version)) {
     std::printf("  %s: not offered\n", shown.c_str());
     Problem("it carries no version record (ELF section .sxversion)",
             "rebuild the module with its version record attached");
@@ -445,32 +527,126 @@ void ReportAspi(const fs::path& aspi) {
     std::printf("ASPI         %s: %u host adapter(s)\n", aspi.c_str(), info() & 0xFFu);
   } else {
     std::printf("ASPI         %s: present\n", aspi.c_str());
-    if (!module)
-      Problem(std::string("it cannot be loaded: ") + dlerror(), "replace it with the Linux ASPI module of the build");
-    else
+    if (module)
       Problem("it lacks GetASPI32SupportInfo or SendASPI32Command, so SCSI scanners are not looked for",
               "replace it with the Linux ASPI module of the build (modules/aspisg/wnaspi32.dll)");
+    else if (!ReportModuleFileFault(aspi))
+      Problem(std::string("it cannot be loaded: ") + dlerror(), "replace it with the Linux ASPI module of the build");
   }
   if (module) dlclose(module);
 }
 
+// The colour-management module as the library finds it: the system folder
+// first, then the library's own folder.
+fs::path ColourModulePath(const fs::path& root) {
+  const fs::path system = root / "windows/system32" / kColourModule;
+  if (fs::exists(system)) return system;
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&SxLoad), &info) && info.dli_fname)
+    return fs::path(info.dli_fname).parent_path() / kColourModule;
+  return system;
+}
+
+// Present, whole, loadable and with every entry point the library looks up.
+void ReportColourModule(const fs::path& cmms, bool wanted) {
+  if (!fs::exists(cmms)) {
+    std::printf("colour       %s: absent (colour matching is not offered)\n", cmms.c_str());
+    if (wanted)
+      Problem("a cmatch.ini names a profile, but the colour module is missing",
+              "install the colour module of the build (modules/cmms/sxcmms.dll) as " + cmms.string());
+    return;
+  }
+  std::printf("colour       %s\n", cmms.c_str());
+  if (ReportModuleFileFault(cmms)) return;
+  void* module = dlopen(cmms.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!module) {
+    Problem(std::string("it cannot be loaded: ") + dlerror(), "replace it with the colour module of the build");
+    return;
+  }
+  std::string missing;
+  for (const char* name : kColourEntryPoints) {
+    if (!dlsym(module, name)) missing += (missing.empty() ? "" : ", ") + std::string(name);
+  }
+  dlclose(module);
+  if (missing.empty())
+    std::printf("  loads, with its %zu entry points\n", std::size(kColourEntryPoints));
+  else
+    Problem("it lacks " + missing + ", so colour matching is not offered",
+            "replace it with the colour module of the build (modules/cmms/sxcmms.dll)");
+}
+
+// Why a file is not an ICC profile; empty when its header is one's.
+std::string ProfileFault(const fs::path& file) {
+  std::error_code ec;
+  const uint64_t size = fs::file_size(file, ec);
+  if (ec) return "it cannot be read";
+  unsigned char header[kIccHeaderBytes] = {};
+  std::ifstream in(file, std::ios::binary);
+  if (size < kIccHeaderBytes || !ReadAt(in, 0, header, sizeof header))
+    return "only " + Bytes(size) + ", shorter than a profile's header";
+  if (std::memcmp(header + kIccSignatureOffset, "acsp", 4) != 0)
+    return "no profile signature ('acsp') in its header";
+  const uint64_t stated = uint64_t{header[0]} << 24 | header[1] << 16 | header[2] << 8 | header[3];
+  if (stated > size) return "truncated: " + Bytes(size) + " of the " + Bytes(stated) + " its header states";
+  return {};
+}
+
+// The model-to-profile lines of a cmatch.ini ("[Model]", "MODEL=file.icc").
+std::vector<std::pair<std::string, std::string>> ProfileNames(const fs::path& ini) {
+  std::vector<std::pair<std::string, std::string>> names;
+  std::ifstream in(ini);
+  bool inModels = false;
+  for (std::string line; std::getline(in, line);) {
+    line = Trim(line);
+    if (!line.empty() && line[0] == '[') {
+      inModels = Lower(line) == "[model]";
+      continue;
+    }
+    const size_t eq = line.find('=');
+    if (inModels && eq != std::string::npos) names.emplace_back(Trim(line.substr(0, eq)), Trim(line.substr(eq + 1)));
+  }
+  return names;
+}
+
+// Each offered source's cmatch.ini: the profile it names for each model,
+// present in the colour folder and a profile indeed. True when any names one.
+bool ReportProfiles(const fs::path& root, const fs::path& color) {
+  int32_t result = 0;
+  bool named = false;
+  for (const SxDataSource& s : ListSources(&result)) {
+    const fs::path ini = ModulePath(s).parent_path() / "cmatch.ini";
+    if (!fs::exists(ini)) continue;
+    const std::string shown = fs::relative(ini, root / "windows/twain_32").string();
+    for (const auto& [model, name] : ProfileNames(ini)) {
+      named = true;
+      const fs::path profile = color / name;
+      if (!fs::is_regular_file(profile)) {
+        std::printf("  %s: %s uses %s: missing\n", shown.c_str(), model.c_str(), name.c_str());
+        Problem("the profile " + name + " is not in " + color.string() + ", so colour matching fails for " + model,
+                "copy the scanner's profile to " + profile.string() + ", or correct its name in " + ini.string());
+        continue;
+      }
+      const std::string fault = ProfileFault(profile);
+      std::printf("  %s: %s uses %s: %s\n", shown.c_str(), model.c_str(), name.c_str(),
+                  fault.empty() ? "a valid ICC profile" : "not an ICC profile");
+      if (!fault.empty())
+        Problem(profile.string() + " is not a valid ICC profile: " + fault,
+                "replace it with the scanner's ICC profile");
+    }
+  }
+  return named;
+}
+
 void ReportSystemModules(const fs::path& root) {
   ReportAspi(root / "windows/system32/wnaspi32.dll");
-  const fs::path cmms = root / "windows/system32/sxcmms.dll";
   const fs::path color = root / "windows/system32/SPOOL/DRIVERS/COLOR";
-  std::printf("colour       %s\n", fs::exists(cmms) ? cmms.c_str()
-                                                    : "sxcmms.dll from the library's own folder, if installed there");
-  int profiles = 0;
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(color, ec)) {
-    const std::string ext = Lower(entry.path().extension().string());
-    profiles += ext == ".icc" || ext == ".icm";
-  }
-  std::printf("  %d profile(s) in %s\n", profiles, color.c_str());
-  if (profiles == 0) {
-    std::printf("  colour matching is not offered without the model's profile; cmatch.ini beside the "
-                "driver names it\n");
-  }
+  // The profiles first, so that a missing module is a problem only when
+  // colour matching was meant.
+  std::printf("profiles     %s\n", color.c_str());
+  const bool wanted = ReportProfiles(root, color);
+  if (!wanted)
+    std::printf("  no cmatch.ini beside an offered driver names a profile: colour matching is not offered\n");
+  ReportColourModule(ColourModulePath(root), wanted);
 }
 
 }  // namespace

@@ -112,5 +112,49 @@ TEST(HostDoctor, ExplainsTheTraceLogTheRootAndUnofferedCopies) {
       << home.text;
 }
 
+#ifdef SX_TEST_CMMS
+// Colour matching as the library would find it (the module, its entry points,
+// the profiles cmatch.ini names) and module files that cannot be modules.
+TEST(HostDoctor, ChecksColourMatchingAndNamesDamagedModules) {
+  sxtest::TempRoot root;
+  const fs::path driver = root.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\n");
+  const fs::path system = root.Path() / "windows/system32";
+  const fs::path color = system / "SPOOL/DRIVERS/COLOR";
+  fs::create_directories(color);
+  fs::copy_file(SX_TEST_CMMS, system / "sxcmms.dll");
+  sxtest::WriteFile(driver.parent_path() / "cmatch.ini", "[Model]\nQM7110V=vscan.icc\nQM7110X=gone.icc\n");
+  std::string icc(200, '\0');  // a profile's header: its size, then "acsp" at 36
+  icc[3] = static_cast<char>(200);
+  icc.replace(36, 4, "acsp");
+  sxtest::WriteFile(color / "vscan.icc", icc);
+  Report colour = Doctor(root);
+  EXPECT_TRUE(colour.Says("sxcmms.dll\n  loads, with its 5 entry points")) << colour.text;
+  EXPECT_TRUE(colour.Says("QM7110V uses vscan.icc: a valid ICC profile")) << colour.text;
+  EXPECT_TRUE(colour.Says("QM7110X uses gone.icc: missing\n  problem: the profile gone.icc is not in")) << colour.text;
+  EXPECT_TRUE(colour.Says("1 problem(s) found")) << colour.text;
+
+  // A profile that is text, a colour module without its entry points, a
+  // driver cut short and a text file under a driver's name.
+  sxtest::WriteFile(driver.parent_path() / "cmatch.ini", "[Model]\nQM7110V=vscan.icc\n");
+  sxtest::WriteFile(color / "vscan.icc", "not a profile");
+  fs::copy_file(SX_TEST_VSCAN, system / "sxcmms.dll", fs::copy_options::overwrite_existing);
+  const std::string whole = sxtest::ReadFile(SX_TEST_VSCAN);
+  fs::create_directories(root.Twain() / "Corvane/Cut");
+  sxtest::WriteFile(root.Twain() / "Corvane/Cut/vscan.dll", whole.substr(0, whole.size() / 2));
+  fs::create_directories(root.Twain() / "Corvane/Text");
+  sxtest::WriteFile(root.Twain() / "Corvane/Text/vscan.dll", "#!/bin/sh\n");
+  Report faults = Doctor(root);
+  for (const char* said : {"vscan.icc is not a valid ICC profile: only 13 bytes",
+                           "problem: it lacks SX_Icc_SetProfile, SX_Icc_Convert2, SX_Icc_Initial",
+                           "Corvane/Cut/vscan.dll: not offered\n  problem: it is truncated: ",
+                           "Corvane/Text/vscan.dll: not offered\n  problem: it is not a shared object at all",
+                           "4 problem(s) found"})
+    EXPECT_TRUE(faults.Says(said)) << said << "\n" << faults.text;
+  // The colour module itself cut short.
+  sxtest::WriteFile(system / "sxcmms.dll", whole.substr(0, 100));
+  EXPECT_TRUE(Doctor(root).Says("sxcmms.dll\n  problem: it is truncated")) << Doctor(root).text;
+}
+#endif
+
 }  // namespace
 #endif
