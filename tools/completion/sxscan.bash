@@ -14,7 +14,7 @@ _sxscan() {
   case $prev in
     --mode) COMPREPLY=($(compgen -W "color gray lineart" -- "$cur")); return ;;
     --source) COMPREPLY=($(compgen -W "flatbed feeder auto" -- "$cur")); return ;;
-    --units) COMPREPLY=($(compgen -W "inches cm pixels" -- "$cur")); return ;;
+    --units) COMPREPLY=($(compgen -W "inches cm 300ths" -- "$cur")); return ;;
     --pages) COMPREPLY=($(compgen -W "all" -- "$cur")); return ;;
     --output) COMPREPLY=($(compgen -f -- "$cur")); return ;;
   esac
