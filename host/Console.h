@@ -16,11 +16,12 @@ void DrawProgressLine(const std::string& text);
 // Ends a drawn progress line so that later messages start on a fresh line.
 void EndProgressLine();
 
-// Until StopWatchingInterrupts, an interrupt (Ctrl-C; SIGTERM on POSIX,
-// Ctrl-Break and closing the console on Windows) sets *flag instead of ending
-// the program. A second interrupt ends it at once, should the library not
-// call back again; files still being written are only ever the hidden
-// partial ones, never the output's name.
+// Until StopWatchingInterrupts, an interrupt (Ctrl-C, SIGTERM and SIGHUP on
+// POSIX; Ctrl-Break and closing the console on Windows) sets *flag instead of
+// ending the program. A second interrupt ends it at once, should the library
+// not call back again or a file take long to write: the partial files being
+// written are removed (ImageWriter.h), "scan cancelled" is said and the
+// status is 130.
 void WatchInterrupts(std::atomic<bool>* flag);
 void StopWatchingInterrupts();
 

@@ -5,6 +5,10 @@
 
 #include <csignal>
 #include <cstdio>
+#include <iterator>
+
+#include "Commands.h"
+#include "ImageWriter.h"
 
 namespace sx::host {
 namespace {
@@ -18,12 +22,29 @@ bool g_lineDrawn = false;
 // them, so the flag itself must be lock-free.
 std::atomic<bool>* g_interruptFlag = nullptr;
 static_assert(std::atomic<bool>::is_always_lock_free);
-void (*g_previousInt)(int) = SIG_DFL;
-void (*g_previousTerm)(int) = SIG_DFL;
+std::atomic<int> g_interrupts{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 
-extern "C" void OnInterrupt(int signal) {
-  if (g_interruptFlag) g_interruptFlag->store(true);
-  std::signal(signal, SIG_DFL);
+// Ctrl-C, kill's default, and the terminal going away.
+constexpr int kInterruptSignals[] = {SIGINT, SIGTERM, SIGHUP};
+struct sigaction g_previous[std::size(kInterruptSignals)];
+
+// The second interrupt ends the program at once, with only what is safe in a
+// signal handler: the partial files go, the message and the status stay.
+[[noreturn]] void EndAtOnce() {
+  for (int slot = 0; slot < kPartialSlots; ++slot) {
+    if (const char* partial = PartialInFlight(slot)) unlink(partial);
+  }
+  static const char kMessage[] = "\nsxscan: scan cancelled\n";
+  const ssize_t ignored = write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
+  (void)ignored;
+  _exit(kExitCancelled);
+}
+
+extern "C" void OnInterrupt(int) {
+  std::atomic<bool>* flag = g_interruptFlag;
+  if (!flag || g_interrupts.fetch_add(1) > 0) EndAtOnce();
+  flag->store(true);
 }
 }  // namespace
 
@@ -53,14 +74,20 @@ void EndProgressLine() {
 }
 
 void WatchInterrupts(std::atomic<bool>* flag) {
+  g_interrupts.store(0);
   g_interruptFlag = flag;
-  g_previousInt = std::signal(SIGINT, OnInterrupt);
-  g_previousTerm = std::signal(SIGTERM, OnInterrupt);
+  struct sigaction action {};
+  action.sa_handler = OnInterrupt;
+  sigemptyset(&action.sa_mask);
+  // One handler at a time: a second signal waits for the first to finish.
+  for (int signal : kInterruptSignals) sigaddset(&action.sa_mask, signal);
+  action.sa_flags = SA_RESTART;
+  for (size_t i = 0; i < std::size(kInterruptSignals); ++i)
+    sigaction(kInterruptSignals[i], &action, &g_previous[i]);
 }
 
 void StopWatchingInterrupts() {
-  std::signal(SIGINT, g_previousInt == SIG_ERR ? SIG_DFL : g_previousInt);
-  std::signal(SIGTERM, g_previousTerm == SIG_ERR ? SIG_DFL : g_previousTerm);
+  for (size_t i = 0; i < std::size(kInterruptSignals); ++i) sigaction(kInterruptSignals[i], &g_previous[i], nullptr);
   g_interruptFlag = nullptr;
 }
 

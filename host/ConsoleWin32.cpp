@@ -6,7 +6,9 @@
 
 #include <cstdio>
 
+#include "Commands.h"
 #include "Console.h"
+#include "ImageWriter.h"
 
 namespace sx::host {
 namespace {
@@ -27,6 +29,19 @@ std::atomic<int> g_interrupts{0};
 
 HANDLE StderrHandle() { return GetStdHandle(STD_ERROR_HANDLE); }
 
+// The second interrupt ends the program at once: the partial files go, the
+// message and the status stay. The process is ended without running the
+// modules' detach code, as a first interrupt may have left a scan mid-way.
+void EndAtOnce() {
+  for (int slot = 0; slot < kPartialSlots; ++slot) {
+    if (const char* partial = PartialInFlight(slot)) DeleteFileA(partial);
+  }
+  static const char kMessage[] = "\nsxscan: scan cancelled\n";
+  DWORD written = 0;
+  WriteFile(StderrHandle(), kMessage, sizeof kMessage - 1, &written, nullptr);
+  TerminateProcess(GetCurrentProcess(), kExitCancelled);
+}
+
 BOOL WINAPI OnControl(DWORD event) {
   switch (event) {
     case CTRL_C_EVENT:
@@ -36,7 +51,8 @@ BOOL WINAPI OnControl(DWORD event) {
         flag->store(true);
         return TRUE;
       }
-      return FALSE;  // the system's default: end the program
+      EndAtOnce();
+      return TRUE;
     default:
       return FALSE;
   }

@@ -5,7 +5,9 @@
 // bit in PDF.
 #include <hpdf.h>
 #include <png.h>
+#include <fcntl.h>
 #include <tiffio.h>
+#include <unistd.h>
 
 #include <cstdio>  // jpeglib.h needs FILE declared first
 #include <jpeglib.h>
@@ -27,10 +29,12 @@ constexpr double kMetresPerInch = 0.0254;
 
 struct PngErrorState {
   char message[256] = "";
+  int code = 0;  // errno when the error was raised: a full disk reads as such
 };
 
 void OnPngError(png_structp png, png_const_charp message) {
   auto* state = static_cast<PngErrorState*>(png_get_error_ptr(png));
+  state->code = errno;
   std::snprintf(state->message, sizeof state->message, "%s", message);
   png_longjmp(png, 1);
 }
@@ -73,8 +77,10 @@ bool WritePngStream(std::FILE* file, const PageImage& page, PngErrorState* state
 // libtiff reports through process-wide handlers. Thread contract: the writers
 // run on one thread (the host's), so one message slot serves.
 char g_tiffMessage[256];
+int g_tiffCode = 0;  // errno at the first error
 
 void OnTiffError(const char* module, const char* format, va_list args) {
+  if (!g_tiffMessage[0]) g_tiffCode = errno;
   char text[200];
   std::vsnprintf(text, sizeof text, format, args);
   std::snprintf(g_tiffMessage, sizeof g_tiffMessage, "%s%s%s", module ? module : "", module ? ": " : "",
@@ -85,12 +91,18 @@ void InstallTiffHandlers() {
   TIFFSetErrorHandler(OnTiffError);
   TIFFSetWarningHandler(nullptr);
   g_tiffMessage[0] = '\0';
+  g_tiffCode = 0;
 }
 
 std::string TiffFailure(const char* what) {
   std::string out = what;
   if (g_tiffMessage[0]) out += std::string(": ") + g_tiffMessage;
   return out;
+}
+
+// A full disk reads as for every format; other failures in libtiff's words.
+std::string TiffWriteFailure(const std::string& path, const char* what) {
+  return g_tiffCode == ENOSPC ? WriteFailure(path, ENOSPC, "") : TiffFailure(what);
 }
 
 constexpr double kPointsPerInch = 72.0;
@@ -106,10 +118,12 @@ struct JpegFailure {
   jpeg_error_mgr manager;
   std::jmp_buf jump;
   char message[JMSG_LENGTH_MAX];
+  int code;  // errno when the error was raised
 };
 
 extern "C" void OnJpegError(j_common_ptr info) {
   auto* failure = reinterpret_cast<JpegFailure*>(info->err);
+  failure->code = errno;
   (*info->err->format_message)(info, failure->message);
   std::longjmp(failure->jump, 1);
 }
@@ -178,6 +192,7 @@ bool WritePng(const std::string& path, const PageImage& page, std::string* error
     PngErrorState state;
     if (WritePngStream(file, page, &state)) return true;
     *why = state.message[0] ? state.message : "out of memory";
+    errno = state.code;
     return false;
   });
 }
@@ -191,9 +206,11 @@ bool TiffWriter::Open(const std::string& path, std::string* error) {
   if (!Close(error)) return false;
   InstallTiffHandlers();
   path_ = path;
-  file_ = TIFFOpen(PartialName(path).c_str(), "w");
+  if (!CreatePartial(path, &partial_, error)) return false;
+  file_ = TIFFOpen(partial_.c_str(), "w");
   if (!file_) {
-    *error = TiffFailure(("cannot create " + path).c_str());
+    *error = TiffWriteFailure(path, ("cannot create " + path).c_str());
+    DiscardPartial(partial_);
     return false;
   }
   pages_ = 0;
@@ -209,6 +226,7 @@ bool TiffWriter::AppendPage(const PageImage& page, std::string* error) {
   const PageFormat& f = page.format;
   TIFF* tif = static_cast<TIFF*>(file_);
   g_tiffMessage[0] = '\0';
+  g_tiffCode = 0;
   bool rgb = f.kind == PixelKind::Rgb;
   TIFFSetField(tif, TIFFTAG_SUBFILETYPE, FILETYPE_PAGE);
   TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, f.width);
@@ -231,12 +249,12 @@ bool TiffWriter::AppendPage(const PageImage& page, std::string* error) {
   for (uint32_t y = 0; y < page.Lines(); ++y) {
     std::memcpy(row.data(), page.raster.data() + size_t{y} * f.bytesPerLine, f.bytesPerLine);
     if (TIFFWriteScanline(tif, row.data(), y, 0) < 0) {
-      *error = TiffFailure("cannot write a TIFF line");
+      *error = TiffWriteFailure(path_, "cannot write a TIFF line");
       return false;
     }
   }
   if (!TIFFWriteDirectory(tif)) {
-    *error = TiffFailure("cannot finish a TIFF page");
+    *error = TiffWriteFailure(path_, "cannot finish a TIFF page");
     return false;
   }
   ++pages_;
@@ -256,20 +274,21 @@ static void NumberTiffPages(TIFF* tif, uint16_t pages) {
 bool TiffWriter::Close(std::string* error) {
   if (!file_) return true;
   g_tiffMessage[0] = '\0';
+  g_tiffCode = 0;
   NumberTiffPages(static_cast<TIFF*>(file_), pages_);
   TIFFClose(static_cast<TIFF*>(file_));
   file_ = nullptr;
   if (g_tiffMessage[0]) {
-    *error = TiffFailure("cannot close the TIFF file");
-    std::remove(PartialName(path_).c_str());
+    *error = TiffWriteFailure(path_, "cannot close the TIFF file");
+    DiscardPartial(partial_);
     return false;
   }
   // Only a document with pages takes the output's name.
   if (pages_ == 0) {
-    std::remove(PartialName(path_).c_str());
+    DiscardPartial(partial_);
     return true;
   }
-  return PublishPartial(PartialName(path_), path_, error);
+  return PublishPartial(partial_, path_, error);
 }
 
 bool WriteJpeg(const std::string& path, const PageImage& page, int quality, std::string* error) {
@@ -283,6 +302,7 @@ bool WriteJpeg(const std::string& path, const PageImage& page, int quality, std:
     JpegFailure failure{};
     if (EncodeJpeg(file, page, quality, gray, failure)) return true;
     *why = failure.message;
+    errno = failure.code;
     return false;
   });
 }
@@ -335,20 +355,45 @@ bool PdfWriter::AppendPage(const PageImage& page, std::string* error) {
   return true;
 }
 
+// The document is made in memory and written like every other file: libharu
+// does not report a write that fails when its file is closed.
 bool PdfWriter::Close(const std::string& path, std::string* error) {
   if (!doc_) return true;
   HPDF_Doc doc = static_cast<HPDF_Doc>(doc_);
   g_pdfError = HPDF_OK;
-  const std::string partial = PartialName(path);
-  const bool saved = pages_ == 0 || HPDF_SaveToFile(doc, partial.c_str()) == HPDF_OK;
+  std::vector<uint8_t> bytes;
+  bool saved = pages_ == 0 || HPDF_SaveToStream(doc) == HPDF_OK;
+  if (saved && pages_ > 0) {
+    HPDF_UINT32 size = HPDF_GetStreamSize(doc);
+    bytes.resize(size);
+    // The whole stream in one read ends with its end reported.
+    const HPDF_STATUS read = HPDF_ReadFromStream(doc, bytes.data(), &size);
+    saved = (read == HPDF_OK || read == HPDF_STREAM_EOF) && size == bytes.size();
+  }
   HPDF_Free(doc);
   doc_ = nullptr;
   if (!saved) {
-    *error = PdfFailure(("cannot write " + path).c_str());
-    std::remove(partial.c_str());
+    *error = PdfFailure(("cannot make the PDF document " + path).c_str());
     return false;
   }
-  return pages_ == 0 || PublishPartial(partial, path, error);
+  if (pages_ == 0) return true;
+  return WriteThroughPartial(path, error, [&](std::FILE* file, std::string* why) {
+    if (std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size()) return true;
+    *why = std::strerror(errno);
+    return false;
+  });
+}
+
+// Exclusive creation with the permissions any new file gets (the umask's).
+bool CreateNewFile(const std::string& name, int* code) {
+  constexpr mode_t kNewFileMode = 0666;
+  const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
+  if (fd < 0) {
+    *code = errno;
+    return false;
+  }
+  close(fd);
+  return true;
 }
 
 }  // namespace sx::host

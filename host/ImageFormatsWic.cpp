@@ -8,8 +8,12 @@
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 #include <wincodec.h>
+#include <fcntl.h>
+#include <io.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cctype>
 #include <cstdio>
 #include <filesystem>
@@ -286,16 +290,17 @@ TiffWriter::~TiffWriter() {
 
 bool TiffWriter::Open(const std::string& path, std::string* error) {
   if (!Close(error)) return false;
+  if (!CreatePartial(path, &partial_, error)) return false;
   auto file = std::make_unique<TiffFile>();
   HRESULT hr = CreateFactory(file->Factory);
   if (SUCCEEDED(hr)) hr = file->Factory->CreateStream(file->Stream.Out());
-  if (SUCCEEDED(hr)) hr = file->Stream->InitializeFromFilename(Wide(PartialName(path)).c_str(), GENERIC_WRITE);
+  if (SUCCEEDED(hr)) hr = file->Stream->InitializeFromFilename(Wide(partial_).c_str(), GENERIC_WRITE);
   if (SUCCEEDED(hr)) hr = file->Factory->CreateEncoder(GUID_ContainerFormatTiff, nullptr, file->Encoder.Out());
   if (SUCCEEDED(hr)) hr = file->Encoder->Initialize(file->Stream.Get(), WICBitmapEncoderNoCache);
   if (FAILED(hr)) {
     *error = "cannot create " + path + ": " + HresultText(hr);
     file.reset();
-    std::remove(PartialName(path).c_str());
+    DiscardPartial(partial_);
     return false;
   }
   path_ = path;
@@ -327,15 +332,27 @@ bool TiffWriter::Close(std::string* error) {
   const HRESULT hr = pages_ > 0 ? file->Encoder->Commit() : S_OK;
   file.reset();  // closes the stream
   if (FAILED(hr)) {
-    *error = "cannot finish the TIFF file: " + HresultText(hr);
-    std::remove(PartialName(path_).c_str());
+    *error = hr == HRESULT_FROM_WIN32(ERROR_DISK_FULL) ? WriteFailure(path_, ENOSPC, "")
+                                                       : "cannot finish the TIFF file: " + HresultText(hr);
+    DiscardPartial(partial_);
     return false;
   }
   if (pages_ == 0) {
-    std::remove(PartialName(path_).c_str());
+    DiscardPartial(partial_);
     return true;
   }
-  return PublishPartial(PartialName(path_), path_, error);
+  return PublishPartial(partial_, path_, error);
+}
+
+// Exclusive creation, as the C library of the system offers it.
+bool CreateNewFile(const std::string& name, int* code) {
+  const int fd = _open(name.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
+  if (fd < 0) {
+    *code = errno;
+    return false;
+  }
+  _close(fd);
+  return true;
 }
 
 }  // namespace sx::host

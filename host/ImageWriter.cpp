@@ -1,6 +1,10 @@
 #include "ImageWriter.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <random>
+#include <system_error>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -43,12 +47,82 @@ bool CheckPageFormat(const PageFormat& f, std::string* error) {
   return true;
 }
 
-std::string PartialName(const std::string& path) {
+namespace {
+
+// Enough for any folder a user scans into; a longer name is written all the
+// same, only not removed by an interrupt that ends the program at once.
+constexpr size_t kPartialNameBytes = 4096;
+// Names tried before giving up: each is new with near certainty.
+constexpr int kPartialAttempts = 16;
+
+// Thread contract: written by the host's thread, read by the interrupt
+// handler, which may run at any moment: the name is complete before its slot
+// is marked used, and the mark is a lock-free atomic.
+char g_partialNames[kPartialSlots][kPartialNameBytes];
+std::atomic<bool> g_partialUsed[kPartialSlots];
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+void Remember(const std::string& partial) {
+  if (partial.size() >= kPartialNameBytes) return;
+  for (int i = 0; i < kPartialSlots; ++i) {
+    if (g_partialUsed[i].load()) continue;
+    std::memcpy(g_partialNames[i], partial.c_str(), partial.size() + 1);
+    g_partialUsed[i].store(true);
+    return;
+  }
+}
+
+void Forget(const std::string& partial) {
+  for (int i = 0; i < kPartialSlots; ++i) {
+    if (g_partialUsed[i].load() && partial == g_partialNames[i]) g_partialUsed[i].store(false);
+  }
+}
+
+// ".<name>.<16 hex digits>.part" beside the output.
+std::string PartialCandidate(const std::string& path) {
+  static std::mt19937_64 random = [] {
+    std::random_device device;
+    // The clock and an address vary the seed where the device does not.
+    const uint64_t clock = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+    std::seed_seq seed{device(), device(), static_cast<unsigned>(clock), static_cast<unsigned>(clock >> 32),
+                       static_cast<unsigned>(reinterpret_cast<uintptr_t>(&device))};
+    return std::mt19937_64(seed);
+  }();
   // Windows also separates folders with a backslash; elsewhere it is part of a name.
   constexpr char kSeparators[] = {'/', static_cast<char>(std::filesystem::path::preferred_separator), '\0'};
   const size_t slash = path.find_last_of(kSeparators);
   const size_t name = slash == std::string::npos ? 0 : slash + 1;
-  return path.substr(0, name) + "." + path.substr(name) + ".part";
+  char tag[24];
+  std::snprintf(tag, sizeof tag, ".%016llx", static_cast<unsigned long long>(random()));
+  return path.substr(0, name) + "." + path.substr(name) + tag + ".part";
+}
+
+std::string SystemText(int code) { return std::error_code(code, std::generic_category()).message(); }
+
+}  // namespace
+
+std::string WriteFailure(const std::string& path, int code, const std::string& why) {
+  if (code == ENOSPC) return "no space left on device while writing " + path;
+  return "cannot write " + path + ": " + (why.empty() && code ? SystemText(code) : why);
+}
+
+bool CreatePartial(const std::string& path, std::string* partial, std::string* error) {
+  int code = 0;
+  for (int attempt = 0; attempt < kPartialAttempts; ++attempt) {
+    *partial = PartialCandidate(path);
+    // Recorded first, so that no moment exists where the file is there and
+    // an interrupt would not remove it; a name taken already is never
+    // created, and the chance of its removal meanwhile is nil.
+    Remember(*partial);
+    if (CreateNewFile(*partial, &code)) return true;
+    Forget(*partial);
+    if (code != EEXIST) break;
+  }
+  const std::string folder = std::filesystem::path(path).parent_path().string();
+  *error = "cannot create a file in the folder " + (folder.empty() ? std::string(".") : folder) + ": " +
+           SystemText(code);
+  partial->clear();
+  return false;
 }
 
 bool PublishPartial(const std::string& partial, const std::string& path, std::string* error) {
@@ -56,29 +130,45 @@ bool PublishPartial(const std::string& partial, const std::string& path, std::st
   // (std::rename does not on Windows).
   std::error_code ec;
   std::filesystem::rename(partial, path, ec);
+  Forget(partial);
   if (!ec) return true;
   *error = "cannot write " + path + ": " + ec.message();
   std::remove(partial.c_str());
   return false;
 }
 
+void DiscardPartial(const std::string& partial) {
+  if (partial.empty()) return;
+  std::remove(partial.c_str());
+  Forget(partial);
+}
+
+const char* PartialInFlight(int slot) {
+  if (slot < 0 || slot >= kPartialSlots || !g_partialUsed[slot].load()) return nullptr;
+  return g_partialNames[slot];
+}
+
 bool WriteThroughPartial(const std::string& path, std::string* error,
                          const std::function<bool(std::FILE*, std::string*)>& encode) {
-  const std::string partial = PartialName(path);
+  std::string partial;
+  if (!CreatePartial(path, &partial, error)) return false;
   std::FILE* file = std::fopen(partial.c_str(), "wb");
   if (!file) {
-    *error = "cannot create " + path + ": " + std::strerror(errno);
+    *error = "cannot create " + path + ": " + SystemText(errno);
+    DiscardPartial(partial);
     return false;
   }
   std::string why;
+  errno = 0;
   bool ok = encode(file, &why);
+  int code = ok ? 0 : errno;
   if (std::fclose(file) != 0 && ok) {
     ok = false;
-    why = std::strerror(errno);
+    code = errno;
   }
   if (!ok) {
-    *error = "cannot write " + path + ": " + why;
-    std::remove(partial.c_str());
+    *error = WriteFailure(path, code, why);
+    DiscardPartial(partial);
     return false;
   }
   return PublishPartial(partial, path, error);

@@ -37,16 +37,34 @@ struct PageImage {
   }
 };
 
-// The name a file is written under until it is complete: a hidden
-// ".<name>.part" beside the output, so an interrupted write never leaves a
-// partial file under the output's own name; PublishPartial renames it.
-std::string PartialName(const std::string& path);
+// A file is written under a name of its own until it is complete: a hidden
+// ".<name>.<random>.part" beside the output, so an interrupted write never
+// leaves a partial file under the output's name, and two programs writing the
+// same output never share a partial file (the last to finish replaces the
+// output whole). CreatePartial makes the empty file (one system call per
+// system, ImageFormats*.cpp) and records it for RemovePartialFilesNow;
+// PublishPartial renames it to the output, DiscardPartial removes it.
+bool CreatePartial(const std::string& path, std::string* partial, std::string* error);
 bool PublishPartial(const std::string& partial, const std::string& path, std::string* error);
-// Opens the partial file, lets `encode` write it (false with a message on
+void DiscardPartial(const std::string& partial);
+// Opens a partial file, lets `encode` write it (false with a message on
 // failure), closes it and gives it the output's name; on any failure the
 // partial file is removed and `error` says why.
 bool WriteThroughPartial(const std::string& path, std::string* error,
                          const std::function<bool(std::FILE*, std::string*)>& encode);
+// The message for a write that failed with the system's error `code` (0 when
+// unknown) and the codec's own words `why`: a full disk reads the same for
+// every format.
+std::string WriteFailure(const std::string& path, int code, const std::string& why);
+
+// Creates `name` as a new empty file, failing if it exists; `code` is the
+// system's error then (errno values). One per system, ImageFormats*.cpp.
+bool CreateNewFile(const std::string& name, int* code);
+
+// The partial files being written, for an interrupt that ends the program at
+// once: slot i's name or nullptr. Safe to call in a signal handler.
+constexpr int kPartialSlots = 4;
+const char* PartialInFlight(int slot);
 
 // Whether this build can write the format the output's name asks for; the
 // reason when not. Asked before a scan, so that no page is scanned in vain.
@@ -66,7 +84,7 @@ class PdfWriter {
   PdfWriter& operator=(const PdfWriter&) = delete;
 
   bool AppendPage(const PageImage& page, std::string* error);
-  // Writes the document as a hidden ".<name>.part" and renames it to `path`.
+  // Writes the document as a partial file and renames it to `path`.
   bool Close(const std::string& path, std::string* error);
   int Pages() const { return pages_; }
 
@@ -84,8 +102,8 @@ class TiffWriter {
   TiffWriter(const TiffWriter&) = delete;
   TiffWriter& operator=(const TiffWriter&) = delete;
 
-  // The file is written as a hidden ".<name>.part" beside the output and
-  // takes the output's name only when Close completes it.
+  // The file is written as a partial file beside the output and takes the
+  // output's name only when Close completes it.
   bool Open(const std::string& path, std::string* error);
   bool AppendPage(const PageImage& page, std::string* error);
   bool Close(std::string* error);
@@ -93,6 +111,7 @@ class TiffWriter {
 
  private:
   std::string path_;
+  std::string partial_;
   void* file_ = nullptr;  // TIFF*
   uint16_t pages_ = 0;
 };

@@ -213,12 +213,21 @@ bool ApplySettings(const std::vector<SettingChange>& changes) {
 // otherwise scatter folders, even at the root.
 bool PrepareOutputFolder(const std::string& output) {
   std::filesystem::path parent = std::filesystem::path(output).parent_path();
-  if (parent.empty()) return true;
   std::error_code ec;
-  if (std::filesystem::is_directory(parent, ec)) return true;
-  std::fprintf(stderr, "sxscan: the folder %s does not exist; create it first (mkdir -p %s)\n",
-               parent.string().c_str(), parent.string().c_str());
-  return false;
+  if (!parent.empty() && !std::filesystem::is_directory(parent, ec)) {
+    std::fprintf(stderr, "sxscan: the folder %s does not exist; create it first (mkdir -p %s)\n",
+                 parent.string().c_str(), parent.string().c_str());
+    return false;
+  }
+  // A folder that takes no new file is found before anything is scanned:
+  // the pages would otherwise be lost at the end.
+  std::string partial, error;
+  if (!CreatePartial(output, &partial, &error)) {
+    std::fprintf(stderr, "sxscan: %s\n", error.c_str());
+    return false;
+  }
+  DiscardPartial(partial);
+  return true;
 }
 
 // The transfer buffer: a movable global block, locked while the scan runs.
@@ -251,7 +260,8 @@ struct TransferBuffer {
 int Report(int32_t result, const Transfer& transfer, const OutputDocument& document, bool finished) {
   EndProgressLine();
   std::string written = document.WrittenPath();
-  if (document.PagesDone() > 0 && finished)
+  const bool cancelled = g_interrupted.load() || result == SX_ERR_CANCELLED;
+  if (document.PagesDone() > 0 && finished && !cancelled)
     std::printf("wrote %d page%s to %s\n", document.PagesDone(), document.PagesDone() == 1 ? "" : "s",
                 written.c_str());
   if (document.PagesSkipped() > 0)
@@ -260,8 +270,14 @@ int Report(int32_t result, const Transfer& transfer, const OutputDocument& docum
     std::fprintf(stderr, "sxscan: %s\n", document.Error().c_str());
     return kExitFailed;
   }
-  if (g_interrupted.load() || result == SX_ERR_CANCELLED) {
-    std::fprintf(stderr, "sxscan: scan cancelled\n");
+  if (cancelled) {
+    // The pages complete before the interrupt are kept, and said so once.
+    if (document.PagesDone() > 0)
+      std::fprintf(stderr, "sxscan: scan cancelled; the %d page%s scanned before it %s kept in %s\n",
+                   document.PagesDone(), document.PagesDone() == 1 ? "" : "s",
+                   document.PagesDone() == 1 ? "is" : "are", written.c_str());
+    else
+      std::fprintf(stderr, "sxscan: scan cancelled\n");
     return kExitCancelled;
   }
   if (result != SX_OK) {

@@ -1,0 +1,107 @@
+// Output files never lose data: scans writing one output at once each
+// publish a whole file of their own, a folder that takes no file is refused
+// before the scan, and a full disk reads the same for every format.
+#include <gtest/gtest.h>
+
+#ifdef SX_HOST_BUILT
+#include <sys/wait.h>
+
+#include <cstdlib>
+
+#include "ImageRead.h"
+#include "support/TestEnv.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+int ExitCode(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+
+void SelectScanner(const sxtest::TempRoot& root) {
+  root.InstallVscan("Corvane/QM7110V", "[Scanner]\nModel=QM7110V\n[Feeder]\nSheets=1000\n");
+  ASSERT_EQ(std::system(("cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN "' select QM7110V >/dev/null").c_str()), 0);
+}
+
+bool HasPartialFile(const fs::path& folder) {
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    if (entry.path().extension() == ".part") return true;
+  }
+  return false;
+}
+
+TEST(HostOutputFiles, ConcurrentScansToOneOutputEachWriteAWholeFile) {
+  sxtest::TempRoot root;
+  SelectScanner(root);
+  // Each scan has its own resolution, so the pages that won tell their
+  // writer. A feeder stack keeps its TIFF open through the scan, and large
+  // pages take a while to write: the writes overlap.
+  const int resolutions[] = {100, 200, 300};
+  constexpr int kRounds = 3;
+  for (int round = 0; round < kRounds; ++round) {
+    const std::string output = round % 2 ? "same.png" : "same.tif";
+    SCOPED_TRACE(output);
+    std::string script = "cd '" + root.Path().string() + "' && rm -f same.*; ";
+    for (int dpi : resolutions) {
+      const std::string tag = std::to_string(dpi);
+      const std::string options = round % 2 ? "--source flatbed --area 0,0,4,2 " : "--source feeder --pages 3 --area 0,0,2,1 ";
+      script += "('" SX_TEST_SXSCAN "' scan --mode gray " + options + "--resolution " + tag + " --output " +
+                output + " >out" + tag + " 2>&1; echo $? >code" + tag + ") & ";
+    }
+    ASSERT_EQ(ExitCode(std::system((script + "wait").c_str())), 0);
+    for (int dpi : resolutions) {
+      const std::string tag = std::to_string(dpi);
+      EXPECT_EQ(sxtest::ReadFile(root.Path() / ("code" + tag)), "0\n") << sxtest::ReadFile(root.Path() / ("out" + tag));
+    }
+    uint32_t width = 0, height = 0;
+    if (round % 2) {
+      sx::host::PngRead png = sx::host::ReadPng((root.Path() / output).string());
+      ASSERT_TRUE(png.ok);
+      width = png.width, height = png.height;
+    } else {
+      std::vector<sx::host::TiffPage> pages = sx::host::ReadTiff((root.Path() / output).string());
+      ASSERT_EQ(pages.size(), 3u);
+      width = pages[0].width, height = pages[0].height;
+      for (const auto& page : pages) EXPECT_TRUE(page.width == width && page.height == height);
+    }
+    // Twice as wide as long, at the winner's resolution, whole.
+    const int dpi = static_cast<int>(round % 2 ? height / 2 : height);
+    EXPECT_EQ(width, 2 * height);
+    EXPECT_TRUE(std::find(std::begin(resolutions), std::end(resolutions), dpi) != std::end(resolutions)) << dpi;
+    EXPECT_FALSE(HasPartialFile(root.Path()));
+  }
+}
+
+TEST(HostOutputFiles, UnwritableFolderAndFullDiskAreNamed) {
+  sxtest::TempRoot root;
+  SelectScanner(root);
+  const fs::path log = root.Path() / "log.txt";
+  // A folder no file can be created in, even for root: refused before the scan.
+  int status = std::system(("cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN
+                            "' scan --output /sys/page.png >'" + log.string() + "' 2>&1").c_str());
+  EXPECT_EQ(ExitCode(status), 2);
+  std::string text = sxtest::ReadFile(log);
+  EXPECT_NE(text.find("cannot create a file in the folder /sys: "), std::string::npos) << text;
+  EXPECT_EQ(text.find("page 1"), std::string::npos) << text;
+
+  // A full disk: a tiny file system, filled, mounted in a namespace of the
+  // test's own.
+  const fs::path script = root.Path() / "full.sh";
+  sxtest::WriteFile(script,
+      "cd '" + root.Path().string() + "' && mkdir -p full && mount -t tmpfs -o size=16k tmpfs full || exit 77\n"
+      "head -c 65536 /dev/zero >full/filler 2>/dev/null\n"
+      "for f in png tif jpg pdf; do '" SX_TEST_SXSCAN "' scan --source flatbed --area 0,0,4,4 --output full/page.$f\n"
+      "echo \"status $f $?\"; done; echo left: $(ls -A full)\n");
+  status = std::system(("unshare -rm sh '" + script.string() + "' >'" + log.string() + "' 2>&1").c_str());
+  text = sxtest::ReadFile(log);
+  if (ExitCode(status) == 77 || text.find("unshare: ") != std::string::npos)
+    GTEST_SKIP() << "no mount namespace here: " << text;
+  for (std::string format : {"png", "tif", "jpg", "pdf"}) {
+    EXPECT_NE(text.find("no space left on device while writing full/page." + format + "\n"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("status " + format + " 1"), std::string::npos) << text;
+  }
+  EXPECT_NE(text.find("left: filler\n"), std::string::npos) << text;
+}
+
+}  // namespace
+#endif
