@@ -1,9 +1,11 @@
 #include "CommandLine.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <iterator>
 
 namespace sx::host {
 namespace {
@@ -16,7 +18,7 @@ struct CommandName {
 };
 
 constexpr CommandName kCommands[] = {
-    {"help", CommandKind::Help, 0, 0},       {"version", CommandKind::Version, 0, 0},
+    {"help", CommandKind::Help, 0, 1},       {"version", CommandKind::Version, 0, 0},
     {"sources", CommandKind::Sources, 0, 0}, {"select", CommandKind::Select, 1, 1},
     {"info", CommandKind::Info, 0, 0},       {"caps", CommandKind::Caps, 0, 0},
     {"get", CommandKind::Get, 1, -1},        {"set", CommandKind::Set, 2, -1},
@@ -322,6 +324,16 @@ ParseOutcome ParseCommandLine(const std::vector<std::string>& args) {
   if (line.kind == CommandKind::Set && line.operands.size() % 2 != 0) {
     result.error = "set wants NAME VALUE pairs";
     return result;
+  }
+  // "help COMMAND" is that command's help, as "COMMAND --help" is.
+  if (line.kind == CommandKind::Help && !line.operands.empty()) {
+    const auto named = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                    [&](const CommandName& c) { return line.operands[0] == c.name; });
+    if (named == std::end(kCommands)) {
+      result.error = "no help for '" + line.operands[0] + "': it is not a command";
+      return result;
+    }
+    line.helpFor = named->kind;
   }
   if (!CheckScanOptions(line, sawScanOption, &result.error)) return result;
   result.ok = true;

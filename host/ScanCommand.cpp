@@ -27,6 +27,8 @@ namespace {
 // page it cannot write); any nonzero answer stops it, and this one is not a
 // library code, so the reason is told from HostStop.
 constexpr int32_t kHostStop = -1;
+// Line widths are rounded down to a multiple of at most this many pixels.
+constexpr unsigned kLargestAlignment = 32;
 
 // Set by the interrupt handler (Console.h), read by the transfer callback.
 std::atomic<bool> g_interrupted{false};
@@ -45,6 +47,8 @@ struct Transfer {
   std::string lastDrawn;
   int lastDecile = -1;
   std::string stopReason;
+  bool stopForValue = false;  // the stop names a value the person gave (exit 2)
+  bool areaTooSmall = false;  // the area holds less than the widest alignment unit
   PageFormat format;  // of the page being delivered
   uint32_t askedPixels = 0;  // the area's width at the resolution, as set
   uint32_t askedLines = 0;
@@ -119,6 +123,15 @@ int32_t OnImageInfo(Transfer& t, const void* data, int64_t* byteCount) {
   PageFormat format;
   std::string error;
   if (!PageFormatFromInfo(info, &format, &error)) return HostStop(t, error);
+  // Direct transfers come a whole number of lines at a time: a buffer smaller
+  // than one line could never take the page. Said before the scanner starts.
+  if (t.bufferBytes < format.bytesPerLine) {
+    t.stopForValue = true;
+    return HostStop(t, "the transfer buffer of " + std::to_string(t.bufferBytes) +
+                           " bytes is smaller than one line of this page (" +
+                           std::to_string(format.bytesPerLine) + " bytes); give --buffer " +
+                           std::to_string(format.bytesPerLine) + " or more, or leave it out");
+  }
   // A page that was never marked as ended is over once the next one begins.
   if (t.document->PageOpen() && !t.document->EndPage()) return HostStop(t, t.document->Error());
   if (!t.document->BeginPage(format)) return HostStop(t, t.document->Error());
@@ -230,6 +243,41 @@ bool PrepareOutputFolder(const std::string& output) {
   return true;
 }
 
+double InchesPer(int units) {
+  constexpr double kCentimetresPerInch = 2.54;
+  constexpr double kThreeHundredthsPerInch = 300;
+  switch (static_cast<AreaUnits>(units)) {
+    case AreaUnits::Inches: return 1;
+    case AreaUnits::Centimetres: return 1 / kCentimetresPerInch;
+    case AreaUnits::ThreeHundredths: return 1 / kThreeHundredthsPerInch;
+  }
+  return 0;  // a unit the host does not know: no check
+}
+
+// An area that starts beyond the source's bed holds nothing: refused before
+// the scan, with the bed's size. (One that runs past the edge is clipped.)
+bool AreaOnSource(const ScanOptions& options, ScanSource source, const SourceFacts& facts) {
+  const auto at = std::find(facts.sources.begin(), facts.sources.end(), static_cast<int>(source));
+  const size_t index = static_cast<size_t>(at - facts.sources.begin());
+  const double asked = InchesPer(static_cast<int>(options.units)), bed = InchesPer(facts.units);
+  if (!options.hasArea || index >= facts.maxWidths.size() || index >= facts.maxLengths.size() || !asked || !bed)
+    return true;
+  const double width = facts.maxWidths[index] * bed, length = facts.maxLengths[index] * bed;
+  if (options.area.x * asked < width && options.area.y * asked < length) return true;
+  std::fprintf(stderr, "sxscan: the area starts at %g,%g in, outside the source's %g x %g in\n",
+               options.area.x * asked, options.area.y * asked, width, length);
+  return false;
+}
+
+// Whether the area is narrower than the widest pixel alignment a model uses
+// or shorter than a line: the library then refuses the scan without saying why.
+bool AreaMayBeTooSmall(const ScanOptions& options) {
+  const double inches = InchesPer(static_cast<int>(options.units));
+  if (!options.hasArea || !options.resolution || !inches) return false;
+  return options.area.width * inches * options.resolution < kLargestAlignment ||
+         options.area.length * inches * options.resolution < 1;
+}
+
 // The transfer buffer: a movable global block, locked while the scan runs.
 struct TransferBuffer {
   SxHandle handle = nullptr;
@@ -280,6 +328,16 @@ int Report(int32_t result, const Transfer& transfer, const OutputDocument& docum
       std::fprintf(stderr, "sxscan: scan cancelled\n");
     return kExitCancelled;
   }
+  if (result == kHostStop && transfer.stopForValue) {
+    std::fprintf(stderr, "sxscan: %s\n", transfer.stopReason.c_str());
+    return kExitUsage;
+  }
+  if (result == SX_ERR_UNSUPPORTED && transfer.areaTooSmall && transfer.progress.page == 0) {
+    std::fprintf(stderr, "sxscan: the area is too small: narrower than the scanner's smallest line (%u "
+                         "pixels) or shorter than one line at this resolution; make it larger\n",
+                 kLargestAlignment);
+    return kExitUsage;
+  }
   if (result != SX_OK) {
     if (result == kHostStop && !transfer.stopReason.empty())
       std::fprintf(stderr, "sxscan: scan stopped: %s\n", transfer.stopReason.c_str());
@@ -318,6 +376,10 @@ int RunScan(const ScanOptions& options) {
   const SourceFacts facts = ReadSourceFacts();
   const ScanSource source = ChooseSource(options.source, facts);
   AddSourceChanges(options, source, facts, &changes);
+  if (!AreaOnSource(options, source, facts)) {
+    SxFree();
+    return kExitUsage;
+  }
   if (!AllAdmissible(changes)) {
     SxFree();
     return kExitUsage;
@@ -338,6 +400,7 @@ int RunScan(const ScanOptions& options) {
   transfer.buffer = buffer.address;
   transfer.bufferBytes = buffer.bytes;
   transfer.terminal = StderrIsTerminal();
+  transfer.areaTooSmall = AreaMayBeTooSmall(options);
   // The library's own progress dialog is the progress line, and an
   // interrupt presses its Cancel.
   LibraryDialogs dialogs(g_interrupted, options.progress || transfer.terminal);

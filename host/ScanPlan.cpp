@@ -50,7 +50,7 @@ bool BuildScanSettings(const ScanOptions& o, std::vector<SettingChange>* changes
     const CapabilityInfo* cap = FindToneChannel(name, &element);
     if (!cap) cap = FindCapability(name);
     if (!cap) {
-      *error = "unknown capability " + name;
+      *error = "unknown capability '" + name + "' (see 'sxscan caps')";
       return false;
     }
     if (!cap->setType) {
