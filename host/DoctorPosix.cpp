@@ -6,7 +6,10 @@
 // its list of data sources, so it explains a set-up without changing it.
 #include <dlfcn.h>
 #include <elf.h>
+#include <fcntl.h>
 #include <stdlib.h>  // setenv, unsetenv
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -174,6 +177,66 @@ std::string TextValue(const std::string& raw) {
   return text;
 }
 
+// Text from the store as it may be shown on a terminal: control bytes and
+// bytes outside ASCII as \xNN, and no more than a line's worth.
+std::string Printable(const std::string& text) {
+  constexpr size_t kShown = 80;
+  std::string out;
+  for (const char c : text.substr(0, kShown)) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte < 0x7F) {
+      out += c;
+      continue;
+    }
+    char escaped[8];
+    std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
+    out += escaped;
+  }
+  return text.size() > kShown ? out + "..." : out;
+}
+
+// Why the store cannot be written, and a fix that works for that cause;
+// empty when it can. The library keeps its lock file and any new store
+// beside the store, so the folder must take a file as well.
+struct WriteBlock {
+  std::string cause, fix;
+};
+
+WriteBlock ExplainWriteError(int code, const fs::path& target, bool folder) {
+  const std::string name = target.string();
+  struct stat st {};
+  const bool othersOwn = ::stat(name.c_str(), &st) == 0 && st.st_uid != ::geteuid();
+  switch (code) {
+    case EPERM:
+      return {std::string(folder ? "the folder" : "the file") + " is marked immutable or append-only",
+              "sudo chattr -i -a " + name + " (lsattr " + name + " shows the marks)"};
+    case EROFS:
+      return {"it is on a read-only file system", "remount it read-write, or set SX_ROOT to a tree on a writable disk"};
+    case EACCES:
+      if (othersOwn) return {"it belongs to another user", "sudo chown $(id -u) " + name};
+      return {folder ? "the user may not create files in the folder" : "the user may not write the file",
+              "chmod u+w " + name};
+    default:
+      return {std::strerror(code), "make " + name + " writable"};
+  }
+}
+
+WriteBlock StoreWriteBlock(const fs::path& root) {
+  const fs::path path = root / "user.reg";
+  std::error_code ec;
+  if (fs::exists(path, ec)) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (fd < 0) return ExplainWriteError(errno, path, false);
+    ::close(fd);
+  }
+  const fs::path probe = root / (".user.reg.probe." + std::to_string(::getpid()));
+  const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) return errno == EEXIST ? WriteBlock{} : ExplainWriteError(errno, root, true);
+  ::close(fd);
+  ::unlink(probe.c_str());
+  return {};
+}
+
 // The default system tree of an installed program, found from the program's
 // own place (<prefix>/bin) wherever the prefix was moved; empty when the
 // program runs from a build tree.
@@ -226,6 +289,8 @@ void ReportStore(const fs::path& root) {
   std::error_code ec;
   if (!fs::exists(path, ec)) {
     std::printf("  absent: read as empty; 'sxscan select' creates it\n");
+    if (const WriteBlock block = StoreWriteBlock(root); !block.cause.empty())
+      Problem("the store cannot be made (" + block.cause + "), so 'sxscan select' is refused", block.fix);
     ReportTrace(0, "");
     return;
   }
@@ -243,12 +308,12 @@ void ReportStore(const fs::path& root) {
     auto it = store.Values.find(std::string(kRegistryKeyOptions) + "|" + name);
     return it == store.Values.end() ? std::string() : it->second;
   };
-  const std::string source = TextValue(value("sourcename"));
+  const std::string source = Printable(TextValue(value("sourcename")));
   std::printf("  chosen source: %s\n", source.empty() ? "none ('sxscan select NAME' chooses one)" : source.c_str());
-  if (!std::ofstream(path, std::ios::app)) {
-    Problem("the store cannot be written: the chosen source and other values go to " +
-                (root / "temp/scandiag.ini").string() + " instead",
-            "give the user write access: chmod u+w " + path.string());
+  if (const WriteBlock block = StoreWriteBlock(root); !block.cause.empty()) {
+    Problem("the store cannot be written (" + block.cause + "): the library reads and writes " +
+                (root / "temp/scandiag.ini").string() + " instead, so 'sxscan select' is refused",
+            block.fix);
   }
   const std::string level = value("debuglevel");
   const long traceLevel = level.rfind("dword:", 0) == 0 ? std::strtol(level.c_str() + 6, nullptr, 16) : 0;
@@ -655,18 +720,40 @@ bool RegistryStoreProblem(std::string* message) {
   std::string why;
   const fs::path path = Root(why) / "user.reg";
   std::error_code ec;
-  if (!fs::exists(path, ec)) return false;
+  if (!fs::exists(path, ec)) {
+    const WriteBlock block = StoreWriteBlock(Root(why));
+    if (!block.cause.empty())
+      *message = "the registry store " + path.string() + " cannot be made: " + block.cause + "; fix: " + block.fix;
+    return !block.cause.empty();
+  }
   if (!std::ifstream(path)) {
     *message = "the registry store " + path.string() + " cannot be read; give the user read and write "
                "access (chmod u+rw " + path.string() + ")";
     return true;
   }
   const Store store = ReadStore(path);
-  if (store.Damaged == 0) return false;
-  *message = path.string() + ":" + std::to_string(store.FirstDamagedLine) + ": the registry store has " +
-             std::to_string(store.Damaged) + " line(s) the library does not understand, the first: " +
-             store.FirstDamagedText + "; correct or delete it ('sxscan doctor' checks the store)";
-  return true;
+  if (store.Damaged > 0) {
+    *message = path.string() + ":" + std::to_string(store.FirstDamagedLine) + ": the registry store has " +
+               std::to_string(store.Damaged) + " line(s) the library does not understand, the first: " +
+               Printable(store.FirstDamagedText) + "; correct or delete it ('sxscan doctor' checks the store)";
+    return true;
+  }
+  if (const WriteBlock block = StoreWriteBlock(Root(why)); !block.cause.empty()) {
+    *message = "the registry store " + path.string() + " cannot be written: " + block.cause + "; fix: " + block.fix;
+    return true;
+  }
+  return false;
+}
+
+bool UnwritableStoreChoice(std::string* name) {
+  std::string why;
+  const fs::path root = Root(why);
+  std::error_code ec;
+  if (!fs::exists(root / "user.reg", ec) || StoreWriteBlock(root).cause.empty()) return false;
+  const Store store = ReadStore(root / "user.reg");
+  const auto it = store.Values.find(std::string(kRegistryKeyOptions) + "|sourcename");
+  *name = it == store.Values.end() ? std::string() : TextValue(it->second);
+  return !name->empty();
 }
 
 int RunDoctor() {

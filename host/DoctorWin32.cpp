@@ -330,6 +330,10 @@ void ReportSystemModules(const std::string& windows) {
 // The registry itself is never damaged as a text store can be; what keeps a
 // choice from it is a key the user may not write, whose values then go to
 // the fall-back profile unseen.
+// The registry of the system serves every read and write: no store of its
+// own is ever set aside.
+bool UnwritableStoreChoice(std::string*) { return false; }
+
 bool RegistryStoreProblem(std::string* message) {
   HKEY key = nullptr;
   const LONG opened = RegOpenKeyExA(HKEY_CURRENT_USER, kKey, 0, KEY_SET_VALUE, &key);

@@ -28,9 +28,30 @@ std::vector<SxDataSource> ListSources(int32_t* result) {
   return sources;
 }
 
+namespace {
+// Binds the listed source whose display name is `name`.
+bool BindSourceNamed(const std::string& name) {
+  int32_t listed = 0;
+  for (SxDataSource source : ListSources(&listed)) {
+    if (FieldText(source.DisplayName, sizeof source.DisplayName) == name)
+      return SxSetDriverById(&source, 0) == SX_OK;
+  }
+  return false;
+}
+}  // namespace
+
 bool OpenStoredSource() {
   int32_t result = SxLoad(nullptr);
   if (result == SX_OK) return true;
+  // A store that cannot be written is set aside by the library, choice and
+  // all; the choice in it is still the person's, so it is used.
+  if (std::string stored; result == SX_ERR_NO_SOURCE && UnwritableStoreChoice(&stored)) {
+    if (BindSourceNamed(stored)) {
+      std::fprintf(stderr, "sxscan: the registry store cannot be written ('sxscan doctor' says why); using the "
+                           "source chosen in it, %s\n", stored.c_str());
+      return true;
+    }
+  }
   std::string problem;
   if (result == SX_ERR_NO_SOURCE && RegistryStoreProblem(&problem))
     std::fprintf(stderr, "sxscan: no data source could be read from the store: %s\n", problem.c_str());
