@@ -18,6 +18,9 @@ namespace sx::plat {
 
 // SX_ROOT, or ${XDG_DATA_HOME:-$HOME/.local/share}/sxscan; no trailing '/'.
 std::string RootDirectory();
+// Whether SX_ROOT names the root. The default root is made when the store is
+// first written; a named one never is, so a mistyped name makes no tree.
+bool RootIsNamed();
 // <root>/windows: what the library calls the Windows directory.
 std::string WindowsDirectory();
 // <root>/windows/system32.

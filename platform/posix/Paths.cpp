@@ -33,11 +33,16 @@ std::string HomeDirectory() {
 }  // namespace
 
 std::string RootDirectory() {
-  if (const char* root = std::getenv("SX_ROOT"); root && *root) return WithoutTrailingSlashes(root);
+  if (RootIsNamed()) return WithoutTrailingSlashes(std::getenv("SX_ROOT"));
   // Relative XDG paths are invalid by that convention and are ignored.
   if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && xdg[0] == '/')
     return WithoutTrailingSlashes(xdg) + "/sxscan";
   return WithoutTrailingSlashes(HomeDirectory()) + "/.local/share/sxscan";
+}
+
+bool RootIsNamed() {
+  const char* root = std::getenv("SX_ROOT");
+  return root && *root;
 }
 
 std::string WindowsDirectory() { return RootDirectory() + "/windows"; }

@@ -14,6 +14,7 @@ namespace sx::plat {
 namespace {
 
 constexpr int32_t kRegErrorInvalidParameter = 87;  // ERROR_INVALID_PARAMETER
+constexpr int32_t kRegErrorPathNotFound = 3;       // ERROR_PATH_NOT_FOUND
 
 // The last store that was read, kept while its file stamp is unchanged: the
 // trace writer reads a value for every line it writes.
@@ -73,7 +74,9 @@ int32_t CodeForErrno(int err) {
 template <typename Change>
 int32_t ModifyStore(Change&& change) {
   const std::string path = RegistryStorePath();
-  if (!MakeFolders(ParentFolder(path))) return kRegErrorAccess;
+  const std::string folder = ParentFolder(path);
+  if (RootIsNamed() && !IsDirectory(folder)) return kRegErrorPathNotFound;
+  if (!MakeFolders(folder)) return kRegErrorAccess;
   FileLock lock(path + ".lock", FileLock::On::File);
   if (!lock.Locked()) return CodeForErrno(lock.Error());
   std::string text;

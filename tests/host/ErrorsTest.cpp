@@ -54,13 +54,15 @@ TEST(HostErrors, BadValuesAreNamedBeforeScanning) {
   Outcome bare = RunShell(root, sxscan);
   EXPECT_TRUE(bare.exitCode == 2 && bare.out.empty() && bare.err.rfind("usage: sxscan", 0) == 0) << bare.err;
 
-  // SX_ROOT that names no tree: a mistyped name (the library has made the
-  // folder for its store as it loaded), a file, or empty.
+  // SX_ROOT that names no tree: a mistyped name (which must not become a
+  // new tree), a file, or empty.
+  fs::create_directories(root.Path() / "empty");
   const struct {
     std::string root;
     const char* says;
   } roots[] = {
-      {(root.Path() / "no/such/tree").string(), "which holds no system tree (no windows folder in it)"},
+      {(root.Path() / "no/such/tree").string(), "which does not exist"},
+      {(root.Path() / "empty").string(), "which holds no system tree (no windows folder in it)"},
       {(root.Path() / "windows/twain_32/Corvane/QM7110V/vscan.ini").string(), "which is a file, not a folder"},
       {"", "SX_ROOT is set but empty"},
   };
@@ -69,6 +71,7 @@ TEST(HostErrors, BadValuesAreNamedBeforeScanning) {
     EXPECT_EQ(o.exitCode, 2) << r.root << ": " << o.err;
     EXPECT_NE(o.err.find(r.says), std::string::npos) << r.root << ": " << o.err;
   }
+  EXPECT_FALSE(fs::exists(root.Path() / "no")) << "a mistyped SX_ROOT made a tree";
 }
 
 }  // namespace
