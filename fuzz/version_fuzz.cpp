@@ -1,11 +1,13 @@
 // Version records: ELF section extraction, the version block built from its
-// text, and queries of the block never read outside what they were given.
+// text, and queries of the block never read outside what they were given;
+// the loadable-segment check made before a module is loaded likewise.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string>
 
 #include "platform/Module.h"
+#include "platform/VersionRecord.h"
 
 using namespace sx::plat;
 
@@ -37,5 +39,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     QueryAll(BuildVersionBlock(section.data(), section.size()));
   }
   QueryAll(BuildVersionBlock(image.data(), image.size()));
+  ByteSource source;
+  source.Size = image.size();
+  source.Context = &image;
+  source.Read = [](void* context, uint64_t offset, void* dst, size_t count) {
+    const auto* bytes = static_cast<const std::string*>(context);
+    if (offset > bytes->size() || count > bytes->size() - offset) __builtin_trap();
+    std::memcpy(dst, bytes->data() + offset, count);
+    return true;
+  };
+  ElfSegmentsInFile(source);
   return 0;
 }

@@ -24,4 +24,10 @@ struct ByteSource {
 // little-endian ELF32/ELF64 file, is malformed, or lacks the section.
 bool ExtractVersionSectionFrom(const ByteSource& source, std::string& section);
 
+// Whether every loadable segment of an ELF image lies within the file. The
+// system's loader maps a segment whole and faults on pages past the end of a
+// truncated file, so a module cut short must be refused before it is loaded.
+// True for an image that is not ELF (the loader refuses it by itself).
+bool ElfSegmentsInFile(const ByteSource& source);
+
 }  // namespace sx::plat

@@ -29,21 +29,29 @@ bool FileRead(void* context, uint64_t offset, void* dst, size_t count) {
   return true;
 }
 
-std::string VersionBlockOfFile(const std::string& path) {
+// Calls `use` with the bytes of a regular file; false when it cannot be read.
+template <typename Use>
+bool WithFileBytes(const std::string& path, Use&& use) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return {};
+  if (fd < 0) return false;
   struct stat st {};
-  std::string section;
-  bool found = false;
+  bool result = false;
   if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
     ByteSource src;
     src.Size = static_cast<uint64_t>(st.st_size);
     src.Read = &FileRead;
     src.Context = &fd;
-    found = ExtractVersionSectionFrom(src, section);
+    result = use(src);
   }
   ::close(fd);
-  return found ? BuildVersionBlock(section.data(), section.size()) : std::string{};
+  return result;
+}
+
+std::string VersionBlockOfFile(const std::string& path) {
+  std::string section;
+  if (!WithFileBytes(path, [&](const ByteSource& src) { return ExtractVersionSectionFrom(src, section); }))
+    return {};
+  return BuildVersionBlock(section.data(), section.size());
 }
 
 }  // namespace
@@ -57,6 +65,11 @@ ModuleHandle LoadModule(const std::string& pathOrName) {
     if (!FileExists(path)) path = LibraryDirectory() + "/" + pathOrName;
     if (!FileExists(path)) return nullptr;
   }
+  // A module cut short would fault inside the loader: refused first. (What
+  // cannot be read or is not a regular file is left to the loader.)
+  bool intact = true;
+  WithFileBytes(path, [&](const ByteSource& src) { return intact = ElfSegmentsInFile(src); });
+  if (!intact) return nullptr;
   return ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
 }
 

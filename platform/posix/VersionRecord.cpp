@@ -130,6 +130,31 @@ bool ExtractVersionSectionFrom(const ByteSource& src, std::string& section) {
   return false;
 }
 
+bool ElfSegmentsInFile(const ByteSource& src) {
+  constexpr uint32_t kLoadSegment = 1;  // PT_LOAD
+  constexpr uint64_t kMaxSegments = 0xFFFF;
+  unsigned char header[64];
+  if (!src.Read || !ReadAt(src, 0, header, 16)) return true;
+  if (std::memcmp(header, "\x7F" "ELF", 4) != 0) return true;
+  const bool wide = header[4] == kElfClass64;
+  if ((!wide && header[4] != kElfClass32) || header[5] != kElfLittleEndian) return false;
+  if (!ReadAt(src, 0, header, wide ? 64 : 52)) return false;
+  const uint64_t tableOffset = LittleEndian(header + (wide ? 32 : 28), wide ? 8 : 4);
+  const uint64_t entrySize = LittleEndian(header + (wide ? 54 : 42), 2);
+  const uint64_t count = LittleEndian(header + (wide ? 56 : 44), 2);
+  const size_t offsetAt = wide ? 8 : 4, sizeAt = wide ? 32 : 16, width = wide ? 8 : 4;
+  if (count > kMaxSegments || entrySize < sizeAt + width || !InFile(src, tableOffset, count * entrySize))
+    return false;
+  for (uint64_t i = 0; i < count; ++i) {
+    unsigned char entry[64];
+    if (!ReadAt(src, tableOffset + i * entrySize, entry, sizeAt + width)) return false;
+    if (LittleEndian(entry, 4) != kLoadSegment) continue;
+    if (!InFile(src, LittleEndian(entry + offsetAt, width), LittleEndian(entry + sizeAt, width)))
+      return false;
+  }
+  return true;
+}
+
 bool ExtractVersionSection(const void* image, size_t size, std::string& section) {
   section.clear();
   if (!image) return false;
