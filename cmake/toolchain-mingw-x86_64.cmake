@@ -1,14 +1,4 @@
-# Cross build for Windows with MinGW-w64 (x86_64), the posix-threads compilers
-# (they have std::thread). Used as cmake -DCMAKE_TOOLCHAIN_FILE=<this file>.
-set(CMAKE_SYSTEM_NAME Windows)
+# Cross build for Windows with MinGW-w64 (x86_64). Used as
+# cmake -DCMAKE_TOOLCHAIN_FILE=<this file>.
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
-set(SX_MINGW_TRIPLE x86_64-w64-mingw32)
-set(CMAKE_C_COMPILER ${SX_MINGW_TRIPLE}-gcc-posix)
-set(CMAKE_CXX_COMPILER ${SX_MINGW_TRIPLE}-g++-posix)
-set(CMAKE_RC_COMPILER ${SX_MINGW_TRIPLE}-windres)
-set(CMAKE_STRIP /usr/bin/${SX_MINGW_TRIPLE}-strip)
-set(CMAKE_FIND_ROOT_PATH /usr/${SX_MINGW_TRIPLE})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+include(${CMAKE_CURRENT_LIST_DIR}/MingwToolchain.cmake)

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "DoctorReport.h"
 #include "Session.h"
 #include "platform/VersionRecord.h"
 #include "sxscan.h"
@@ -38,9 +39,9 @@ namespace sx::host {
 
 namespace {
 
+using namespace doctor;
 namespace fs = std::filesystem;
 
-constexpr char kMakerPrefix[] = "corvane";  // what a driver's CompanyName must begin with
 constexpr char kRegistryKeyOptions[] = "[software\\quillmark]";
 constexpr char kTraceFile[] = "scandiag.txt";
 constexpr char kColourModule[] = "sxcmms.dll";
@@ -49,25 +50,6 @@ constexpr const char* kColourEntryPoints[] = {"SX_Icc_SetProfile", "SX_Icc_Conve
 // An ICC profile's header: 128 bytes, the size big-endian at 0, "acsp" at 36.
 constexpr size_t kIccHeaderBytes = 128;
 constexpr size_t kIccSignatureOffset = 36;
-// The library composes the log path in a 144-byte buffer.
-constexpr size_t kMaxTracePath = 143;
-
-int gProblems = 0;
-
-// Frees the library's state whichever way the command leaves.
-struct LibrarySession {
-  ~LibrarySession() { SxFree(); }
-};
-
-void Problem(const std::string& what, const std::string& fix) {
-  ++gProblems;
-  std::printf("  problem: %s\n  fix:     %s\n", what.c_str(), fix.c_str());
-}
-
-std::string Lower(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
 
 std::string Trim(const std::string& text) {
   const size_t first = text.find_first_not_of(" \t\r");

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "DoctorReport.h"
 #include "Session.h"
 #include "sxscan.h"
 
@@ -24,32 +25,14 @@ namespace sx::host {
 
 namespace {
 
+using namespace doctor;
 namespace fs = std::filesystem;
 
-constexpr char kMakerPrefix[] = "corvane";  // what CompanyName or ProductName must begin with
 constexpr char kKey[] = "Software\\Quillmark";
 constexpr char kShownKey[] = "HKEY_CURRENT_USER\\Software\\Quillmark";
 constexpr char kTraceFile[] = "scandiag.txt";
 constexpr char kFallbackFile[] = "c:\\temp\\scandiag.ini";
-// The library composes the log path in a 144-byte buffer.
-constexpr size_t kMaxTracePath = 143;
 constexpr size_t kMaxText = 1024;  // longest registry text the doctor reads
-
-int gProblems = 0;
-
-struct LibrarySession {
-  ~LibrarySession() { SxFree(); }
-};
-
-void Problem(const std::string& what, const std::string& fix) {
-  ++gProblems;
-  std::printf("  problem: %s\n  fix:     %s\n", what.c_str(), fix.c_str());
-}
-
-std::string Lower(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
 
 bool IsMakers(const std::string& name) { return Lower(name).rfind(kMakerPrefix, 0) == 0; }
 
