@@ -244,6 +244,7 @@ void ApplyIni(Config& c, const std::string& text, const std::string& folder) {
   ReadNumber(ini, "Page", "ReadDelayMs", c.ReadDelayMs);
   ReadNumber(ini, "Page", "LineDelayUs", c.LineDelayUs);
   ReadNumber(ini, "Page", "KeepLastPage", c.KeepLastPage);
+  ReadNumber(ini, "Page", "Prerender", c.Prerender);
   ApplyFaults(c, ini);
   if (const std::string* s = Find(ini, "Log", "File")) c.LogPath = Resolve(*s, folder);
 }

@@ -55,6 +55,7 @@ struct Config {
   uint32_t ReadDelayMs = 0;  // the scanner's speed: a pause in every read
   uint32_t LineDelayUs = 0;  // and a pause for every line a read delivers
   uint32_t KeepLastPage = 0;  // 1: a page drawn again is copied from memory
+  uint32_t Prerender = 0;     // 1: each page is drawn whole at StartScan, read by copy
   std::array<Fault, kEntryCount> Faults{};
   uint32_t ShortReadAtLine = 0;
   uint32_t FailReadAtLine = 0;
