@@ -83,12 +83,15 @@ inline int32_t SX_API CountingCallback(void*, int64_t* count, int32_t code) {
   return 0;
 }
 
+// Where InstallScanner puts the virtual scanner (its vscan.ini and call log).
+inline fs::path ScannerFolder(const fs::path& root) { return root / "windows" / "twain_32" / "Corvane" / "QM7110"; }
+
 // The virtual scanner (model QM7110V) installed under `root` with the extra
 // vscan.ini text, and a registry store that chooses it, with the given lines
 // of stored scan settings. Returns the scanner's folder.
 inline fs::path InstallScanner(const fs::path& root, const std::string& extraIni,
                                const std::string& scanData) {
-  const fs::path folder = root / "windows" / "twain_32" / "Corvane" / "QM7110";
+  const fs::path folder = ScannerFolder(root);
   fs::create_directories(folder);
   fs::copy_file(SX_BENCH_VSCAN, folder / "vscan.dll", fs::copy_options::overwrite_existing);
   WriteText(folder / "vscan.ini", "[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n" + extraIni);

@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
@@ -244,38 +245,70 @@ sxbench::HostApi gApi;
 using sxbench::CountingCallback;
 using sxbench::gDelivered;
 
-// Seconds for the best of three acquisitions in the given mode; 0 on failure.
-// The buffer is locked for each acquisition, as a host does: direct
-// descreening may move the block to make room for raw lines.
-double TimeAcquisition(uint8_t buffering, SxHandle buffer) {
-  if (gApi.SetValue(CAP_BUFFERING, TY_UINT8, &buffering) != 0) {
-    std::fprintf(stderr, "acquisition: buffering %d refused\n", buffering);
+// Seconds of one acquisition in the current mode; 0 on failure. The buffer
+// is locked for each acquisition, as a host does: direct descreening may
+// move the block to make room for raw lines.
+double TimeOnce(SxHandle buffer) {
+  gDelivered = 0;
+  const auto start = std::chrono::steady_clock::now();
+  const int32_t result = gApi.Acquire(CountingCallback, gApi.Lock(buffer));
+  gApi.Unlock(buffer);
+  if (result != 0 || gDelivered != int64_t{kPageBytes}) {
+    std::fprintf(stderr, "acquisition: result %d, %lld bytes delivered of %zu\n", result,
+                 static_cast<long long>(gDelivered), kPageBytes);
     return 0;
   }
-  double best = 1e9;
-  for (int i = 0; i < 3; ++i) {
-    gDelivered = 0;
-    const auto start = std::chrono::steady_clock::now();
-    const int32_t result = gApi.Acquire(CountingCallback, gApi.Lock(buffer));
-    gApi.Unlock(buffer);
-    if (result != 0 || gDelivered != int64_t{kPageBytes}) {
-      std::fprintf(stderr, "acquisition: result %d, %lld bytes delivered of %zu\n", result,
-                   static_cast<long long>(gDelivered), kPageBytes);
-      return 0;
-    }
-    best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// A median time and whether it can be trusted: another program taking the
+// processor for a while shows as a spread of the samples.
+struct Timing {
+  double Median = 0;
+  double Spread = 0;  // interquartile range over the median
+  bool Failed = false;
+  bool Stable() const { return !Failed && Median > 0 && Spread <= kMaxSpread; }
+  static constexpr double kMaxSpread = 0.15;
+};
+
+// Acquisitions in one mode until the median is stable (at least kMinRuns,
+// at most kMaxRuns).
+Timing TimeAcquisition(uint8_t buffering, SxHandle buffer) {
+  constexpr size_t kMinRuns = 5, kMaxRuns = 15;
+  Timing t;
+  if (gApi.SetValue(CAP_BUFFERING, TY_UINT8, &buffering) != 0) {
+    std::fprintf(stderr, "acquisition: buffering %d refused\n", buffering);
+    t.Failed = true;
+    return t;
   }
-  return best;
+  std::vector<double> samples;
+  while (samples.size() < kMaxRuns) {
+    const double seconds = TimeOnce(buffer);
+    if (seconds <= 0) {
+      t.Failed = true;
+      return t;
+    }
+    samples.push_back(seconds);
+    if (samples.size() < kMinRuns) continue;
+    std::vector<double> sorted = samples;
+    std::sort(sorted.begin(), sorted.end());
+    const size_t n = sorted.size();
+    t.Median = n % 2 ? sorted[n / 2] : (sorted[n / 2 - 1] + sorted[n / 2]) / 2;
+    t.Spread = (sorted[(3 * n) / 4] - sorted[n / 4]) / t.Median;
+    if (t.Stable()) break;
+  }
+  return t;
 }
 
 // Loads the library on a scanner that moves at `lineUs` per raw line and
-// keeps the page it drew, so that from the second acquisition on only the
-// library's processing competes for the processor, as with a real scanner.
+// draws each page before its first read, so that only the library's
+// processing competes for the processor, as with a real scanner. The
+// scanner's call log tells how many raw lines a page has.
 SxHandle LoadAtPace(const sxbench::fs::path& root, int32_t lineUs) {
   // The library's workers live from its loading to SxFree, so each set-up
   // loads the library afresh.
   gApi.Unbind();
-  sxbench::InstallScanner(root, "[Page]\nKeepLastPage=1\nLineDelayUs=" + std::to_string(lineUs) + "\n",
+  sxbench::InstallScanner(root, "[Page]\nPrerender=1\nLineDelayUs=" + std::to_string(lineUs) + "\n[Log]\nFile=calls.log\n",
                           "\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:00000002\n"
                           "\"XRESOLUTION\"=dword:0000012c\n\"YRESOLUTION\"=dword:0000012c\n"
                           "\"IMAGEWIDTH\"=str(2):\"2550\"\n\"IMAGELENGTH\"=str(2):\"3300\"\n"
@@ -291,31 +324,43 @@ SxHandle LoadAtPace(const sxbench::fs::path& root, int32_t lineUs) {
   return gApi.Alloc(SX_GHND, kHostBuffer);
 }
 
+// The raw lines of the last page the scanner started, from its call log
+// ("StartScan() -> 1 page=1 sheet=0 lines=N ..."); 0 when none was.
+int64_t RawLinesLogged(const sxbench::fs::path& log) {
+  std::ifstream in(log);
+  int64_t lines = 0;
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("StartScan()", 0) != 0) continue;
+    const size_t at = line.find(" lines=");
+    if (at != std::string::npos) lines = std::atoll(line.c_str() + at + 7);
+  }
+  return lines;
+}
+
 struct Overlap {
-  double Processing = 0, Direct = 0, Buffered = 0;
+  Timing Processing, Direct, Buffered;
+  int64_t RawLines = 0;
   int32_t LineUs = 0;
+  bool Failed() const { return Processing.Failed || Direct.Failed || Buffered.Failed || RawLines <= 0; }
+  bool Stable() const { return Processing.Stable() && Direct.Stable() && Buffered.Stable(); }
 };
 
 // The scanner's pace is set so that it spends as long moving as the library
-// spends processing the page. Two known paces give both unknowns of a direct
-// acquisition (time = raw lines x pace + processing): the raw lines and the
-// processing time. The pace is then processing time over raw lines, where a
-// buffered acquisition can at best halve the direct time.
+// spends processing the page, where a buffered acquisition can at best halve
+// the direct time. The processing time is a direct acquisition from the
+// scanner at memory speed; the raw lines come from the scanner's log.
 Overlap MeasureOverlap() {
-  constexpr int32_t kSlowUs = 200, kSlowerUs = 400;
   Overlap o;
   const auto root = sxbench::fs::temp_directory_path() / ("sximaging-" + std::to_string(::getpid()));
   ::setenv("SX_ROOT", root.c_str(), 1);
-  SxHandle buffer = LoadAtPace(root, kSlowUs);
-  const double slow = buffer ? TimeAcquisition(0, buffer) : 0;
-  buffer = slow > 0 ? LoadAtPace(root, kSlowerUs) : nullptr;
-  const double slower = buffer ? TimeAcquisition(0, buffer) : 0;
-  const double rawLines = (slower - slow) / ((kSlowerUs - kSlowUs) * 1e-6);
-  o.Processing = slow - rawLines * kSlowUs * 1e-6;
-  if (slower > 0 && rawLines > 0 && o.Processing > 0) {
-    o.LineUs = std::max(1, static_cast<int32_t>(o.Processing * 1e6 / rawLines + 0.5));
+  SxHandle buffer = LoadAtPace(root, 0);
+  o.Processing = buffer ? TimeAcquisition(0, buffer) : Timing{0, 0, true};
+  o.RawLines = RawLinesLogged(sxbench::ScannerFolder(root) / "calls.log");
+  if (!o.Processing.Failed && o.RawLines > 0) {
+    o.LineUs = std::max(1, static_cast<int32_t>(o.Processing.Median * 1e6 / double(o.RawLines) + 0.5));
     buffer = LoadAtPace(root, o.LineUs);
-    if (buffer) o.Direct = TimeAcquisition(0, buffer), o.Buffered = TimeAcquisition(1, buffer);
+    o.Direct = buffer ? TimeAcquisition(0, buffer) : Timing{0, 0, true};
+    o.Buffered = buffer ? TimeAcquisition(1, buffer) : Timing{0, 0, true};
   }
   gApi.Unbind();
   std::error_code ec;
@@ -348,12 +393,18 @@ int main(int argc, char** argv) {
   if (r["memcpy"] > 0) Goal("inversion vs memcpy", r["invert"] / r["memcpy"], 0.9);
   if (r["cv_LUT"] > 0) Goal("tone tables vs OpenCV LUT", r["tone"] / r["cv_LUT"], 0);
   const Overlap o = MeasureOverlap();
-  if (o.Buffered > 0) {
-    std::printf("  acquisition: processing %.3f s; scanner at %d us per raw line: direct %.3f s, "
-                "buffered %.3f s\n", o.Processing, o.LineUs, o.Direct, o.Buffered);
-    Goal("buffered vs direct", o.Direct / o.Buffered, 1.6);
-  } else {
+  if (o.Failed()) {
     std::printf("  buffered vs direct: the acquisition failed\n");
+  } else {
+    std::printf("  acquisition: processing %.3f s, %lld raw lines; scanner at %d us per raw line: direct %.3f s, "
+                "buffered %.3f s (medians; spreads %.0f %%, %.0f %%, %.0f %%)\n",
+                o.Processing.Median, static_cast<long long>(o.RawLines), o.LineUs, o.Direct.Median,
+                o.Buffered.Median, 100 * o.Processing.Spread, 100 * o.Direct.Spread, 100 * o.Buffered.Spread);
+    if (o.Stable())
+      Goal("buffered vs direct", o.Direct.Median / o.Buffered.Median, 1.6);
+    else
+      std::printf("  %-40s unstable (the machine is busy: a spread above %.0f %%)\n", "buffered vs direct",
+                  100 * Timing::kMaxSpread);
   }
   benchmark::Shutdown();
   return 0;
