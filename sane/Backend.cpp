@@ -602,8 +602,21 @@ SANE_Status StatusOf(int32_t result) {
   }
 }
 
+// SANE_DEBUG_SXSCAN, as every backend reads SANE_DEBUG_<name>: 1 and more
+// report each transfer's queue on stderr.
+int DebugLevel() {
+  static const int level = [] {
+    const char* value = std::getenv("SANE_DEBUG_SXSCAN");
+    return value ? std::atoi(value) : 0;
+  }();
+  return level;
+}
+
 void EndTransfer(Scanner& s) {
   if (s.transfer) {
+    if (DebugLevel() >= 1)
+      std::fprintf(stderr, "[sxscan] transfer queue: high-water %zu bytes, bound %zu bytes\n",
+                   s.transfer->HighWater(), sxsane::Transfer::kQueueBound);
     s.transfer->RequestCancel();
     s.transfer.reset();
   }

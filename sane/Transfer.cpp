@@ -9,8 +9,6 @@
 
 namespace sxsane {
 namespace {
-// Bytes the callback may queue before it waits for the frontend to read.
-constexpr size_t kQueueLimit = 4u << 20;
 // Waits poll the cancel flag this often, since Cancel takes no lock.
 constexpr auto kPoll = std::chrono::milliseconds(20);
 constexpr int kMaxUnlocks = 1 << 16;
@@ -94,9 +92,11 @@ int32_t Transfer::OnCallback(void* data, int64_t* count, int32_t code) {
     return SX_OK;
   }
   std::unique_lock<std::mutex> lock(mutex_);
-  while (queuedBytes_ > kQueueLimit && !cancel_.load()) cv_.wait_for(lock, kPoll);
+  while (queuedBytes_ > 0 && queuedBytes_ + item.bytes.size() > kQueueBound && !cancel_.load())
+    cv_.wait_for(lock, kPoll);
   if (cancel_.load()) return SX_ERR_CANCELLED;
   queuedBytes_ += item.bytes.size();
+  highWater_ = std::max(highWater_, queuedBytes_);
   queue_.push_back(std::move(item));
   Signal();
   cv_.notify_all();
@@ -178,6 +178,11 @@ long Transfer::Read(uint8_t* out, size_t max, bool block) {
 bool Transfer::Finished() {
   std::lock_guard<std::mutex> lock(mutex_);
   return done_ && queue_.empty();
+}
+
+size_t Transfer::HighWater() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return highWater_;
 }
 
 int32_t Transfer::Result() {

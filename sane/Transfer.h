@@ -28,11 +28,19 @@ struct AcquireApi {
 };
 
 // Thread contract: the acquisition thread runs SxAcquire and the callback;
-// the frontend's thread calls everything else. Queue, done flag and result
-// are guarded by mutex_; cancel_ is atomic so that Cancel may be called from
-// a signal handler (it takes no lock then).
+// the frontend's thread calls everything else. Queue, done flag, result and
+// high-water mark are guarded by mutex_; cancel_ is atomic so that Cancel may
+// be called from a signal handler (it takes no lock then).
+//
+// Memory: the queue holds at most kQueueBound bytes of image data, whatever
+// the page size or the number of pages. The callback waits (on the
+// acquisition thread, so the library stops reading the scanner) until the
+// frontend has read enough for its block to fit. A single block larger than
+// the bound is queued alone, so the queue never holds more than the larger
+// of the bound and one block.
 class Transfer {
  public:
+  static constexpr size_t kQueueBound = size_t{4} << 20;
   enum class Wait { Page, Ended };
   explicit Transfer(const AcquireApi& api) : api_(api) {}
   ~Transfer();
@@ -48,6 +56,8 @@ class Transfer {
   void RequestCancel() { cancel_.store(true); }
   void Join();
   int SelectFd() const { return pipe_[0]; }
+  // The most image bytes the queue has held at once.
+  size_t HighWater();
 
  private:
   struct Item {
@@ -70,6 +80,7 @@ class Transfer {
   std::condition_variable cv_;
   std::deque<Item> queue_;
   size_t queuedBytes_ = 0;
+  size_t highWater_ = 0;
   bool done_ = false;
   int32_t result_ = 0;
   std::atomic<bool> cancel_{false};

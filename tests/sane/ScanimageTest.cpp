@@ -3,6 +3,7 @@
 // settings.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -242,6 +243,38 @@ TEST_F(Scanimage, FeederBatchWritesEveryPageAndEndsCleanly) {
   EXPECT_EQ(status, 0);
   for (int i = 1; i <= 3; ++i) EXPECT_TRUE(fs::exists(root_.Path() / ("page" + std::to_string(i) + ".pnm"))) << i;
   EXPECT_FALSE(fs::exists(root_.Path() / "page4.pnm"));
+}
+
+// A 600 dpi colour Letter page (101 MB) to a frontend that stalls at first:
+// the page arrives whole, the backend's queue fills to its bound and never
+// past it, and scanimage's memory stays far below the page.
+TEST_F(Scanimage, ALargePageScansWholeInBoundedMemory) {
+  constexpr int kWidth = 5096, kHeight = 6600;  // 8.5 inch at 600 dpi, aligned to the scanner's 8 pixels
+  constexpr size_t kQueueBound = size_t{4} << 20;  // the backend's, as it reports it
+  constexpr long kMaxRssKb = 64 * 1024;
+  int status = 0;
+  RunShell("cd '" + root_.Path().string() + "' && " + env_ + "SANE_DEBUG_SXSCAN=1 timeout 120 scanimage -d '" +
+               kDevice + "' --format=pnm --mode Color --resolution 600 -l 0 -t 0 -x 215.9 -y 279.4 2>queue.log "
+               "| (sleep 1; cat >big.pnm)",
+           &status);
+  ASSERT_EQ(status, 0);
+  std::string head(64, '\0');
+  std::ifstream(root_.Path() / "big.pnm", std::ios::binary).read(head.data(), static_cast<long>(head.size()));
+  int w = 0, h = 0;
+  const size_t headerBytes = head.size() - PnmPixels(head, &w, &h).size();
+  EXPECT_TRUE(w == kWidth && h == kHeight) << w << " x " << h;
+  EXPECT_EQ(fs::file_size(root_.Path() / "big.pnm"), headerBytes + size_t{3} * kWidth * kHeight);
+  rusage usage{};
+  getrusage(RUSAGE_CHILDREN, &usage);
+  EXPECT_LT(usage.ru_maxrss, kMaxRssKb);
+
+  const std::string log = ReadFile(root_.Path() / "queue.log");
+  const size_t at = log.find("high-water ");
+  ASSERT_NE(at, std::string::npos) << log;
+  const size_t highWater = std::stoull(log.substr(at + 11));
+  EXPECT_NE(log.find("bound " + std::to_string(kQueueBound) + " bytes"), std::string::npos) << log;
+  EXPECT_LE(highWater, kQueueBound);
+  EXPECT_GE(highWater, kQueueBound / 2) << "the stalled frontend should have filled the queue";
 }
 
 TEST_F(Scanimage, InterruptMidPageEndsScanimage) {
