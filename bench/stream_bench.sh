@@ -1,0 +1,167 @@
+#!/usr/bin/env bash
+# Scan to file with sxscan and with scanimage through the sxscan SANE backend,
+# side by side in one run: the same virtual scanner, the same 600 dpi colour
+# Letter page (5096 x 6600 pixels, 101 MB raw), one page from the flatbed and
+# a feeder batch, as PNG, TIFF, JPEG and PDF, with the scanner
+#   (a) at memory speed: each page drawn before its first read, reads copied;
+#   (b) paced like hardware: LineDelayUs per line (750 us: 5 s a page).
+# For each run: wall time and peak memory of the program (/usr/bin/time),
+# the size of what it wrote, and sxscan's tail (last block delivered to file
+# closed) from `sxscan scan --stats` when this sxscan has it.
+#
+# Goals: sxscan's memory <= scanimage's; PNG wall time <= scanimage's at a
+# file no larger than 1.1x its; sxscan's tail <= 50 ms (judged on the paced
+# runs, where the scanner, not the encoder, sets the pace).
+#
+# Usage: bench/stream_bench.sh [BUILD_DIR]
+#   BUILD_DIR defaults to build/x64-bench, configured as a Release build and
+#   built (only the targets this needs) when it lacks them.
+# Environment: SX_BENCH_PAGES (feeder batch, default 2), SX_BENCH_LINE_US
+#   (pace, default 750), SX_BENCH_FORMATS (default "png tiff jpeg pdf").
+# Not part of the test run: it takes about three minutes.
+set -euo pipefail
+
+SRC=$(cd "$(dirname "$0")/.." && pwd)
+BUILD=${1:-$SRC/build/x64-bench}
+PAGES=${SX_BENCH_PAGES:-2}
+LINE_US=${SX_BENCH_LINE_US:-750}
+FORMATS=${SX_BENCH_FORMATS:-"png tiff jpeg pdf"}
+TAIL_GOAL_MS=50
+SIZE_SLACK=1.1
+DEVICE=sxscan:QM7110V
+# Letter at 600 dpi, in each program's units.
+SX_AREA=0,0,8.5,11
+SI_AREA=(-l 0 -t 0 -x 215.9 -y 279.4)
+DPI=600
+
+die() { echo "stream_bench: $*" >&2; exit 1; }
+command -v scanimage >/dev/null || die "scanimage is not installed (Debian: sane-utils)"
+[ -x /usr/bin/time ] || die "/usr/bin/time is not installed (Debian: time)"
+
+# ---- build ---------------------------------------------------------------
+SXSCAN=$BUILD/host/sxscan
+if [ ! -x "$SXSCAN" ] || [ ! -e "$BUILD/sane/libsane-sxscan.so.1" ] || [ ! -e "$BUILD/modules/vscan/vscan.dll" ]; then
+  if [ ! -e "$BUILD/CMakeCache.txt" ]; then
+    cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release >/dev/null
+  fi
+  cmake --build "$BUILD" -j2 --target sxscan sxscan_host vscan sane-sxscan >/dev/null
+fi
+LIBSXSCAN=$(find "$BUILD" -maxdepth 1 -name 'libsxscan.so*' -type f | head -1)
+[ -n "$LIBSXSCAN" ] || die "no libsxscan.so in $BUILD"
+VSCAN=$BUILD/modules/vscan/vscan.dll
+[ -e "$VSCAN" ] || die "no virtual scanner module in $BUILD"
+HAVE_STATS=0
+if "$SXSCAN" help scan 2>&1 | grep -q -- '--stats'; then HAVE_STATS=1; fi
+
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/sxstream.XXXXXX")
+trap 'rm -rf "$WORK"' EXIT
+ROOT=$WORK/root
+SCANNER=$ROOT/windows/twain_32/Corvane/QM7110
+mkdir -p "$SCANNER" "$WORK/conf"
+cp "$VSCAN" "$SCANNER/vscan.dll"
+echo sxscan >"$WORK/conf/dll.conf"
+printf 'root %s\nlibrary %s\n' "$ROOT" "$LIBSXSCAN" >"$WORK/conf/sxscan.conf"
+
+# The scanner's behaviour for one speed: memory or paced.
+configure_scanner() {
+  local page
+  if [ "$1" = memory ]; then page="Prerender=1"; else page="LineDelayUs=$LINE_US"; fi
+  printf '[Scanner]\nModel=QM7110V\nFirmware=1.00\nPort=USB\n[Feeder]\nSheets=1000\n[Page]\n%s\n' "$page" \
+    >"$SCANNER/vscan.ini"
+}
+
+# Runs a command in a fresh folder under /usr/bin/time; sets WALL (s), RSS
+# (KB), BYTES (everything it wrote), OK, and ERR (its stderr file).
+measure() {
+  local dir=$1; shift
+  rm -rf "$dir"; mkdir -p "$dir"
+  ERR=$dir.err
+  OK=1
+  (cd "$dir" && /usr/bin/time -f '%e %M' -o "$dir.time" "$@" >/dev/null 2>"$ERR") || OK=0
+  read -r WALL RSS <"$dir.time" || { WALL=0; RSS=0; }
+  [ -n "${RSS:-}" ] || RSS=0
+  BYTES=$(find "$dir" -type f -printf '%s\n' | awk '{s += $1} END {print s + 0}')
+}
+
+sx_ext() { case $1 in png) echo png ;; tiff) echo tif ;; jpeg) echo jpg ;; pdf) echo pdf ;; esac; }
+
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else printf "n/a" }'; }
+le() { awk -v a="$1" -v b="$2" 'BEGIN { exit !(a <= b) }'; }
+
+declare -a MEM_MISSED=() PNG_MISSED=() TAIL_MISSED=() FAILED=()
+TAIL_SEEN=0
+OTHER_FORMAT=0
+
+printf '%-6s %-6s %-5s | %7s %7s %5s | %6s %6s %5s | %8s %8s %5s | %7s\n' \
+  speed job fmt "sx s" "si s" ratio "sx MB" "si MB" ratio "sx MB" "si MB" ratio "tail ms"
+printf '%-6s %-6s %-5s | %21s | %20s | %23s |\n' "" "" "" "wall time" "peak memory" "file size"
+
+for speed in memory paced; do
+  configure_scanner "$speed"
+  for job in page batch; do
+    for fmt in $FORMATS; do
+      ext=$(sx_ext "$fmt")
+      if [ "$job" = page ]; then
+        sx_src=(--source flatbed); si_src=(--source Flatbed -o "out.$ext")
+      else
+        sx_src=(--source feeder --pages "$PAGES"); si_src=(--source ADF --batch="out%d.$ext" --batch-count="$PAGES")
+      fi
+      stats=(); [ "$HAVE_STATS" = 1 ] && stats=(--stats)
+      measure "$WORK/sx" env SX_ROOT="$ROOT" "$SXSCAN" scan --resolution $DPI --mode color --area $SX_AREA \
+        "${sx_src[@]}" "${stats[@]}" --output "out.$ext"
+      sx_ok=$OK sx_wall=$WALL sx_rss=$RSS sx_bytes=$BYTES
+      # A row where sxscan wrote another format than the one named (several
+      # pages for a .png name become one multi-page TIFF) is marked.
+      mark=" "
+      if find "$WORK/sx" -type f ! -name "*.$ext" | grep -q .; then mark="*"; OTHER_FORMAT=1; fi
+      tail=$(sed -n 's/^stats: .*tail-ms \([0-9.]*\).*/\1/p' "$ERR" | tail -1)
+      [ -n "$tail" ] || tail=n/a
+      measure "$WORK/si" env SANE_CONFIG_DIR="$WORK/conf" LD_LIBRARY_PATH="$BUILD/sane" \
+        scanimage -d "$DEVICE" --mode Color --resolution $DPI "${SI_AREA[@]}" --format="$fmt" "${si_src[@]}"
+      si_ok=$OK si_wall=$WALL si_rss=$RSS si_bytes=$BYTES
+      [ "$job" = batch ] && [ "$si_ok" = 0 ] && grep -q "Batch terminated" "$ERR" && si_ok=1
+
+      row="$speed $job $fmt"
+      [ "$sx_ok" = 1 ] || FAILED+=("sxscan $row")
+      [ "$si_ok" = 1 ] || FAILED+=("scanimage $row")
+      printf '%-6s %-6s %-5s%s| %7.2f %7.2f %5s | %6.1f %6.1f %5s | %8.1f %8.1f %5s | %7s\n' \
+        "$speed" "$job" "$fmt" "$mark" "$sx_wall" "$si_wall" "$(ratio "$sx_wall" "$si_wall")" \
+        "$(awk -v k="$sx_rss" 'BEGIN{print k/1024}')" "$(awk -v k="$si_rss" 'BEGIN{print k/1024}')" \
+        "$(ratio "$sx_rss" "$si_rss")" \
+        "$(awk -v b="$sx_bytes" 'BEGIN{print b/1e6}')" "$(awk -v b="$si_bytes" 'BEGIN{print b/1e6}')" \
+        "$(ratio "$sx_bytes" "$si_bytes")" "$tail"
+
+      le "$sx_rss" "$si_rss" || MEM_MISSED+=("$row")
+      if [ "$fmt" = png ]; then
+        { le "$sx_wall" "$si_wall" && le "$sx_bytes" "$(awk -v b="$si_bytes" -v s=$SIZE_SLACK 'BEGIN{print b*s}')"; } ||
+          PNG_MISSED+=("$row")
+      fi
+      if [ "$speed" = paced ] && [ "$tail" != n/a ]; then
+        TAIL_SEEN=1
+        le "$tail" "$TAIL_GOAL_MS" || TAIL_MISSED+=("$row")
+      fi
+    done
+  done
+done
+
+verdict() {  # name, then the rows that missed
+  local name=$1; shift
+  if [ $# -eq 0 ]; then echo "  $name: met"; else echo "  $name: NOT met ($(IFS=,; echo "$*" | sed 's/,/, /g'))"; fi
+}
+echo
+echo "sxscan ($SXSCAN) against scanimage with the sxscan backend; batch: $PAGES feeder pages;"
+echo "paced: $LINE_US us per line. At memory speed the virtual scanner holds the page it drew"
+echo "(101 MB) inside each program, so both memory figures include it."
+if [ "$OTHER_FORMAT" = 1 ]; then echo "*: sxscan wrote another format than the one named (its files' sizes are summed)."; fi
+echo "Goals:"
+verdict "memory <= scanimage's" "${MEM_MISSED[@]}"
+verdict "PNG wall <= scanimage's at a file <= ${SIZE_SLACK}x its size" "${PNG_MISSED[@]}"
+if [ "$TAIL_SEEN" = 1 ]; then
+  verdict "tail <= $TAIL_GOAL_MS ms (paced)" "${TAIL_MISSED[@]}"
+else
+  echo "  tail <= $TAIL_GOAL_MS ms: n/a (this sxscan prints no stats line)"
+fi
+if [ ${#FAILED[@]} -gt 0 ]; then
+  echo "Failed runs: ${FAILED[*]}"
+  exit 1
+fi
