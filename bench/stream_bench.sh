@@ -33,6 +33,9 @@ DEVICE=sxscan:QM7110V
 SX_AREA=0,0,8.5,11
 SI_AREA=(-l 0 -t 0 -x 215.9 -y 279.4)
 DPI=600
+# At memory speed the virtual scanner holds the page it drew (5096 x 6600
+# colour pixels) inside each program; memory is reported net of it.
+HELD_PAGE_KB=$((5096 * 6600 * 3 / 1024))
 
 die() { echo "stream_bench: $*" >&2; exit 1; }
 command -v scanimage >/dev/null || die "scanimage is not installed (Debian: sane-utils)"
@@ -91,6 +94,7 @@ le() { awk -v a="$1" -v b="$2" 'BEGIN { exit !(a <= b) }'; }
 declare -a MEM_MISSED=() PNG_MISSED=() TAIL_MISSED=() FAILED=()
 TAIL_SEEN=0
 OTHER_FORMAT=0
+PNG_SEEN=0
 
 printf '%-6s %-6s %-5s | %7s %7s %5s | %6s %6s %5s | %8s %8s %5s | %7s\n' \
   speed job fmt "sx s" "si s" ratio "sx MB" "si MB" ratio "sx MB" "si MB" ratio "tail ms"
@@ -119,6 +123,10 @@ for speed in memory paced; do
       measure "$WORK/si" env SANE_CONFIG_DIR="$WORK/conf" LD_LIBRARY_PATH="$BUILD/sane" \
         scanimage -d "$DEVICE" --mode Color --resolution $DPI "${SI_AREA[@]}" --format="$fmt" "${si_src[@]}"
       si_ok=$OK si_wall=$WALL si_rss=$RSS si_bytes=$BYTES
+      if [ "$speed" = memory ]; then
+        sx_rss=$((sx_rss > HELD_PAGE_KB ? sx_rss - HELD_PAGE_KB : 0))
+        si_rss=$((si_rss > HELD_PAGE_KB ? si_rss - HELD_PAGE_KB : 0))
+      fi
       [ "$job" = batch ] && [ "$si_ok" = 0 ] && grep -q "Batch terminated" "$ERR" && si_ok=1
 
       row="$speed $job $fmt"
@@ -133,6 +141,7 @@ for speed in memory paced; do
 
       le "$sx_rss" "$si_rss" || MEM_MISSED+=("$row")
       if [ "$fmt" = png ]; then
+        PNG_SEEN=1
         { le "$sx_wall" "$si_wall" && le "$sx_bytes" "$(awk -v b="$si_bytes" -v s=$SIZE_SLACK 'BEGIN{print b*s}')"; } ||
           PNG_MISSED+=("$row")
       fi
@@ -151,11 +160,13 @@ verdict() {  # name, then the rows that missed
 echo
 echo "sxscan ($SXSCAN) against scanimage with the sxscan backend; batch: $PAGES feeder pages;"
 echo "paced: $LINE_US us per line. At memory speed the virtual scanner holds the page it drew"
-echo "(101 MB) inside each program, so both memory figures include it."
+echo "inside each program: peak memory there is shown net of it ($((HELD_PAGE_KB / 1024)) MB)."
 if [ "$OTHER_FORMAT" = 1 ]; then echo "*: sxscan wrote another format than the one named (its files' sizes are summed)."; fi
 echo "Goals:"
 verdict "memory <= scanimage's" "${MEM_MISSED[@]}"
-verdict "PNG wall <= scanimage's at a file <= ${SIZE_SLACK}x its size" "${PNG_MISSED[@]}"
+if [ "$PNG_SEEN" = 1 ]; then
+  verdict "PNG wall <= scanimage's at a file <= ${SIZE_SLACK}x its size" "${PNG_MISSED[@]}"
+fi
 if [ "$TAIL_SEEN" = 1 ]; then
   verdict "tail <= $TAIL_GOAL_MS ms (paced)" "${TAIL_MISSED[@]}"
 else
