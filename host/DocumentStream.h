@@ -8,6 +8,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -31,6 +32,17 @@ class ByteSink {
     return false;
   }
   virtual bool CanRewrite() const { return false; }
+  // Reads bytes written earlier (a TIFF's directories link through them) and
+  // cuts the output back to `size` bytes (a page left unfinished is taken
+  // out). Only a file can.
+  virtual bool Read(uint64_t offset, void* data, size_t bytes) {
+    (void)offset, (void)data, (void)bytes;
+    return false;
+  }
+  virtual bool Truncate(uint64_t size) {
+    (void)size;
+    return false;
+  }
   // The system's error code of the failed write (errno values; 0 when none
   // applies) and the sink's own words.
   virtual int FailureCode() const { return 0; }
@@ -54,10 +66,53 @@ class DocumentEncoder {
   // announced is recorded at its true length where the sink can rewrite;
   // on a stream that cannot, the missing lines are written white.
   virtual bool EndPage(std::string* error) = 0;
+  // The scan stopped inside the page: it is left out of the document, which
+  // may still be finished with the pages before it. Needs a sink that can
+  // truncate; on a stream it fails and the document is incomplete.
+  virtual bool AbandonPage(std::string* error) = 0;
   // Completes the document (a PDF's cross-reference table, a TIFF's last
   // directory). Nothing may be written after it.
   virtual bool Finish(std::string* error) = 0;
 };
+
+// A file sink over a partial file (ImageWriter.h): appends through a buffer
+// of its own, and can rewrite, read back and truncate. Failure() names the
+// system's error; Close() flushes and reports a write that failed late.
+class FileSink : public ByteSink {
+ public:
+  FileSink() = default;
+  ~FileSink() override;
+  FileSink(const FileSink&) = delete;
+  FileSink& operator=(const FileSink&) = delete;
+
+  // Opens `name` (an existing, empty partial file) for writing.
+  bool Open(const std::string& name);
+  bool Close();
+  bool IsOpen() const { return file_ != nullptr; }
+  uint64_t Size() const { return size_; }
+
+  bool Write(const void* data, size_t bytes) override;
+  bool Rewrite(uint64_t offset, const void* data, size_t bytes) override;
+  bool CanRewrite() const override { return true; }
+  bool Read(uint64_t offset, void* data, size_t bytes) override;
+  bool Truncate(uint64_t size) override;
+  int FailureCode() const override { return code_; }
+  std::string Failure() const override;
+
+ private:
+  bool Seek(uint64_t offset);
+  bool Fail();
+
+  std::string name_;
+  std::FILE* file_ = nullptr;
+  uint64_t size_ = 0;
+  uint64_t position_ = 0;  // where the next append would go when == size_
+  int code_ = 0;
+};
+
+// Whether the encoders of this build can write `format` (PDF has none on
+// Windows); the reason when not.
+bool DocumentFormatAvailable(DocumentFormat format, std::string* error);
 
 // An encoder of `format` writing to `sink`, which must outlive it. `quality`
 // is the JPEG quality, 1..100.

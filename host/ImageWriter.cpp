@@ -1,5 +1,8 @@
 #include "ImageWriter.h"
 
+#include "DocumentStream.h"
+#include "Encoders.h"
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -40,8 +43,8 @@ bool CheckPageFormat(const PageFormat& f, std::string* error) {
     *error = "a line holds fewer bytes than its pixels need";
     return false;
   }
-  if (uint64_t{f.lines} * f.bytesPerLine > OutputDocument::kMaxPageBytes) {
-    *error = "the page is too large to hold";
+  if (uint64_t{f.lines} * f.bytesPerLine > kMaxPageBytes) {
+    *error = "the page is larger than an image file can hold";
     return false;
   }
   return true;
@@ -148,31 +151,25 @@ const char* PartialInFlight(int slot) {
   return g_partialNames[slot];
 }
 
-bool WriteThroughPartial(const std::string& path, std::string* error,
-                         const std::function<bool(std::FILE*, std::string*)>& encode) {
+// The file being written: its sink over a partial file and its encoder.
+struct OutputDocument::File {
+  std::string path;
   std::string partial;
-  if (!CreatePartial(path, &partial, error)) return false;
-  std::FILE* file = std::fopen(partial.c_str(), "wb");
-  if (!file) {
-    *error = "cannot create " + path + ": " + SystemText(errno);
-    DiscardPartial(partial);
-    return false;
-  }
-  std::string why;
-  errno = 0;
-  bool ok = encode(file, &why);
-  int code = ok ? 0 : errno;
-  if (std::fclose(file) != 0 && ok) {
-    ok = false;
-    code = errno;
-  }
-  if (!ok) {
-    *error = WriteFailure(path, code, why);
-    DiscardPartial(partial);
-    return false;
-  }
-  return PublishPartial(partial, path, error);
+  FileSink sink;
+  std::unique_ptr<DocumentEncoder> encoder;
+  bool pageOpen = false;  // the encoder has a page begun
+  ~File() { DiscardPartial(partial); }
+};
+
+namespace {
+
+DocumentFormat EncoderFormat(int format) {
+  constexpr DocumentFormat kFormats[] = {DocumentFormat::Png, DocumentFormat::Tiff, DocumentFormat::Pdf,
+                                         DocumentFormat::Jpeg};
+  return kFormats[format];
 }
+
+}  // namespace
 
 OutputDocument::OutputDocument(std::string path, int jpegQuality)
     : path_(std::move(path)), quality_(jpegQuality) {
@@ -186,6 +183,8 @@ OutputDocument::OutputDocument(std::string path, int jpegQuality)
                                                 : Format::Png;
 }
 
+OutputDocument::~OutputDocument() = default;
+
 // The first page takes the name itself, the next ones "<stem>-2.jpg" and on.
 std::string OutputDocument::JpegPath(int page) const {
   if (page <= 1) return path_;
@@ -194,82 +193,185 @@ std::string OutputDocument::JpegPath(int page) const {
       .string();
 }
 
+bool OutputDocument::Fail(const std::string& why) {
+  if (!failed_) {
+    const int code = file_ ? file_->sink.FailureCode() : 0;
+    const std::string path = file_ ? file_->path : path_;
+    error_ = file_ && code ? WriteFailure(path, code, file_->sink.Failure()) : why;
+  }
+  failed_ = true;
+  open_ = false;
+  file_.reset();  // its partial file goes with it
+  return false;
+}
+
+bool OutputDocument::StartFile(const std::string& path, Format format) {
+  auto file = std::make_unique<File>();
+  file->path = path;
+  std::string error;
+  if (!CreatePartial(path, &file->partial, &error)) return Fail(error);
+  if (!file->sink.Open(file->partial)) {
+    const std::string why = "cannot create " + path + ": " + file->sink.Failure();
+    return Fail(why);
+  }
+  file->encoder = MakeDocumentEncoder(EncoderFormat(static_cast<int>(format)), file->sink, quality_);
+  file_ = std::move(file);
+  return true;
+}
+
+// A second page for a PNG name: the finished PNG is read back into a TIFF
+// beside it, line by line, and the new page follows there. The PNG stays
+// until that page is complete: should the scan stop inside it, the document
+// is the PNG again.
+bool OutputDocument::TurnIntoTiff() {
+  png_ = std::move(file_);
+  if (!StartFile(tiffPath_, Format::Tiff)) return false;
+  converted_ = true;
+  std::string why;
+  if (!file_->encoder->BeginPage(firstPage_, &why) || !CopyPngPage(png_->partial, firstPage_, *file_->encoder, &why) ||
+      !file_->encoder->EndPage(&why))
+    return Fail(file_->path + ": " + why);
+  return true;
+}
+
+// The open page's first whole line: the page enters its file.
+bool OutputDocument::StartPageInFile() {
+  if (format_ == Format::Jpeg) {
+    if (!StartFile(JpegPath(pagesDone_ + 1), Format::Jpeg)) return false;
+  } else if (format_ == Format::Png && !tiffNamed_ && pagesDone_ == 1 && file_ &&
+             file_->path == path_) {
+    if (!TurnIntoTiff()) return false;
+  } else if (!file_ && !StartFile(format_ == Format::Png && pagesDone_ > 0 ? tiffPath_ : path_, format_)) {
+    return false;
+  }
+  std::string why;
+  if (!file_->encoder->BeginPage(page_, &why)) return Fail(why);
+  file_->pageOpen = inFile_ = true;
+  return true;
+}
+
 bool OutputDocument::BeginPage(const PageFormat& format) {
-  if (finished_) {
-    error_ = "the document is already finished";
+  if (finished_ || failed_) {
+    if (error_.empty()) error_ = "the document is already finished";
     return false;
   }
   if (!CheckPageFormat(format, &error_)) return false;
   DropPage();
-  current_.format = format;
+  page_ = format;
+  part_.clear();
+  pageBytes_ = 0;
+  pageLines_ = 0;
   open_ = true;
+  inFile_ = false;
   return true;
 }
 
-size_t OutputDocument::Append(const uint8_t* data, size_t bytes) {
-  if (!open_ || !data) return 0;
-  uint64_t room = PageExpectedBytes() - current_.raster.size();
-  size_t take = static_cast<size_t>(std::min<uint64_t>(bytes, room));
-  current_.raster.insert(current_.raster.end(), data, data + take);
-  return take;
+bool OutputDocument::EncodeLines(const uint8_t* data, uint32_t lines) {
+  if (!inFile_ && !StartPageInFile()) return false;
+  std::string why;
+  if (!file_->encoder->WriteLines(data, lines, &why)) return Fail(why);
+  pageLines_ += lines;
+  return true;
 }
 
-bool OutputDocument::WriteTiffPage(const PageImage& page) {
-  if (!tiff_.IsOpen() && !tiff_.Open(tiffPath_, &error_)) return false;
-  return tiff_.AppendPage(page, &error_);
+bool OutputDocument::Append(const uint8_t* data, size_t bytes) {
+  if (failed_) return false;
+  if (!open_ || !data) return true;
+  const size_t take = static_cast<size_t>(std::min<uint64_t>(bytes, PageExpectedBytes() - pageBytes_));
+  pageBytes_ += take;
+  const size_t stride = page_.bytesPerLine;
+  // A line split between blocks is completed first.
+  if (!part_.empty()) {
+    const size_t more = std::min(take, stride - part_.size());
+    part_.insert(part_.end(), data, data + more);
+    data += more;
+    bytes = take - more;
+    if (part_.size() < stride) return true;
+    if (!EncodeLines(part_.data(), 1)) return false;
+    part_.clear();
+  } else {
+    bytes = take;
+  }
+  const auto whole = static_cast<uint32_t>(bytes / stride);
+  if (whole && !EncodeLines(data, whole)) return false;
+  part_.assign(data + size_t{whole} * stride, data + bytes);
+  return true;
 }
 
 bool OutputDocument::EndPage() {
+  if (failed_) return false;
   if (!open_) return true;
   open_ = false;
-  PageImage page = std::move(current_);
-  current_ = PageImage{};
-  if (page.Lines() == 0) {
+  part_.clear();
+  if (!inFile_) {
     ++pagesSkipped_;
     return true;
   }
-  bool ok = true;
-  if (format_ == Format::Pdf) {
-    ok = pdf_.AppendPage(page, &error_);
-  } else if (format_ == Format::Jpeg) {
-    ok = WriteJpeg(JpegPath(pagesDone_ + 1), page, quality_, &error_);
-  } else if (tiffNamed_ || tiff_.IsOpen()) {
-    ok = WriteTiffPage(page);
-  } else if (!kept_) {
-    kept_ = std::move(page);
-  } else {
-    // A second page: the document becomes a TIFF holding both.
-    ok = WriteTiffPage(*kept_) && WriteTiffPage(page);
-    kept_.reset();
+  inFile_ = false;
+  std::string why;
+  file_->pageOpen = false;
+  if (!file_->encoder->EndPage(&why)) return Fail(why);
+  ++pagesDone_;
+  png_.reset();
+  if (format_ == Format::Png && pagesDone_ == 1 && !tiffNamed_) {
+    // Kept until the scan ends or a second page turns it into a TIFF,
+    // which reads it back: its bytes must all be in the file now.
+    firstPage_ = page_;
+    firstPage_.lines = pageLines_;
+    firstPage_.bytesPerLine = PackedLineBytes(page_);
+    if (!file_->encoder->Finish(&why)) return Fail(why);
+    if (!file_->sink.Close()) return Fail("cannot write " + file_->path);
   }
-  if (ok) ++pagesDone_;
-  return ok;
+  if (format_ == Format::Jpeg) return CloseFile(true);
+  return true;
 }
 
 void OutputDocument::DropPage() {
+  if (!open_) return;
   open_ = false;
-  current_ = PageImage{};
+  part_.clear();
+  if (!inFile_) return;
+  inFile_ = false;
+  // A file of one page goes entirely; a document keeps its pages before.
+  if (format_ == Format::Jpeg || (file_ && file_->path == path_ && format_ == Format::Png)) {
+    file_.reset();
+    return;
+  }
+  if (png_) {
+    file_ = std::move(png_);
+    converted_ = false;
+    return;
+  }
+  std::string why;
+  file_->pageOpen = false;
+  if (!file_->encoder->AbandonPage(&why)) Fail(why);
+}
+
+bool OutputDocument::CloseFile(bool publish) {
+  std::unique_ptr<File> file = std::move(file_);
+  if (!file || !publish) return true;  // a file without pages goes unnamed
+  std::string why;
+  if (file->sink.IsOpen() && !file->encoder->Finish(&why)) {
+    file_ = std::move(file);
+    return Fail(why);
+  }
+  if (!file->sink.Close()) {
+    file_ = std::move(file);
+    return Fail("cannot write " + file_->path);
+  }
+  std::string error;
+  const bool published = PublishPartial(file->partial, file->path, &error);
+  file->partial.clear();
+  return published || Fail(error);
 }
 
 bool OutputDocument::Finish() {
-  if (finished_) return error_.empty();
+  if (finished_) return !failed_;
   finished_ = true;
   DropPage();
-  bool ok = true;
-  if (kept_) {
-    ok = WritePng(path_, *kept_, &error_);
-    kept_.reset();
-  }
-  std::string closeError;
-  if (!pdf_.Close(path_, &closeError) && ok) {
-    error_ = closeError;
-    ok = false;
-  }
-  if (!tiff_.Close(&closeError) && ok) {
-    error_ = closeError;
-    ok = false;
-  }
-  return ok;
+  if (failed_) return false;
+  // Only a document with pages takes the output's name.
+  return CloseFile(pagesDone_ > 0);
 }
 
 std::string OutputDocument::WrittenPath() const {
@@ -283,7 +385,7 @@ std::string OutputDocument::WrittenPath() const {
     return path_ + between + " and " + JpegPath(pagesDone_);
   }
   // A PNG document holds one page; a second one turned it into a TIFF.
-  return (tiffNamed_ || pagesDone_ > 1) ? tiffPath_ : path_;
+  return (tiffNamed_ || converted_) ? tiffPath_ : path_;
 }
 
 }  // namespace sx::host

@@ -1,15 +1,15 @@
 // Image files for scanned pages: PNG for one page, multi-page TIFF for a
-// stack of feeder pages, line art as 1 bit per pixel. Design note: pixel
-// bytes are written as the library delivers them, never reinterpreted; line
-// art included, whose 0 bits are black as in the grey scale (PNG's only
-// reading, and TIFF's min-is-black).
+// stack of feeder pages, JPEG one file a page, PDF any number of pages; line
+// art as 1 bit per pixel. Design note: pixel bytes are written as the library
+// delivers them, never reinterpreted; line art included, whose 0 bits are
+// black as in the grey scale (PNG's only reading, and TIFF's min-is-black).
+// Pages are encoded line by line as they arrive (DocumentStream.h): no page
+// is ever held whole.
 #pragma once
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,16 +26,13 @@ struct PageFormat {
   uint32_t ydpi = 0;
 };
 
+// A TIFF addresses its bytes with 32 bits: a page and the pages beside it
+// must fit in 4 GiB, so no one page may take more than half of that.
+constexpr uint64_t kMaxPageBytes = 1ull << 31;
+
 // Whether the file formats can hold a page of this format; the reason if not.
 bool CheckPageFormat(const PageFormat& format, std::string* error);
 
-struct PageImage {
-  PageFormat format;
-  std::vector<uint8_t> raster;  // delivered bytes; only whole lines are written
-  uint32_t Lines() const {
-    return format.bytesPerLine ? static_cast<uint32_t>(raster.size() / format.bytesPerLine) : 0;
-  }
-};
 
 // A file is written under a name of its own until it is complete: a hidden
 // ".<name>.<random>.part" beside the output, so an interrupted write never
@@ -47,11 +44,6 @@ struct PageImage {
 bool CreatePartial(const std::string& path, std::string* partial, std::string* error);
 bool PublishPartial(const std::string& partial, const std::string& path, std::string* error);
 void DiscardPartial(const std::string& partial);
-// Opens a partial file, lets `encode` write it (false with a message on
-// failure), closes it and gives it the output's name; on any failure the
-// partial file is removed and `error` says why.
-bool WriteThroughPartial(const std::string& path, std::string* error,
-                         const std::function<bool(std::FILE*, std::string*)>& encode);
 // The message for a write that failed with the system's error `code` (0 when
 // unknown) and the codec's own words `why`: a full disk reads the same for
 // every format.
@@ -70,81 +62,42 @@ const char* PartialInFlight(int slot);
 // reason when not. Asked before a scan, so that no page is scanned in vain.
 bool OutputFormatAvailable(const std::string& path, std::string* error);
 
-bool WritePng(const std::string& path, const PageImage& page, std::string* error);
-// A baseline JPEG of the page (line art becomes gray), at quality 1..100.
-bool WriteJpeg(const std::string& path, const PageImage& page, int quality, std::string* error);
+class ByteSink;
+class DocumentEncoder;
+class FileSink;
 
-// A PDF document that takes one page after another, each image sized from
-// its resolution; written (compressed) when Close is called.
-class PdfWriter {
- public:
-  PdfWriter() = default;
-  ~PdfWriter();
-  PdfWriter(const PdfWriter&) = delete;
-  PdfWriter& operator=(const PdfWriter&) = delete;
-
-  bool AppendPage(const PageImage& page, std::string* error);
-  // Writes the document as a partial file and renames it to `path`.
-  bool Close(const std::string& path, std::string* error);
-  int Pages() const { return pages_; }
-
- private:
-  void* doc_ = nullptr;  // HPDF_Doc
-  int pages_ = 0;
-};
-
-// A TIFF file that takes one page after another; each page is complete in the
-// file once AppendPage returns.
-class TiffWriter {
- public:
-  TiffWriter() = default;
-  ~TiffWriter();
-  TiffWriter(const TiffWriter&) = delete;
-  TiffWriter& operator=(const TiffWriter&) = delete;
-
-  // The file is written as a partial file beside the output and takes the
-  // output's name only when Close completes it.
-  bool Open(const std::string& path, std::string* error);
-  bool AppendPage(const PageImage& page, std::string* error);
-  bool Close(std::string* error);
-  bool IsOpen() const { return file_ != nullptr; }
-
- private:
-  std::string path_;
-  std::string partial_;
-  void* file_ = nullptr;  // TIFF*
-  uint16_t pages_ = 0;
-};
-
-// The output of one scan. A .tif/.tiff name gets every page as it completes.
-// Design note: a feeder may deliver any number of pages, known only as they
-// come, so a .png name gets its page when the scan ends with one page; when
-// a second page arrives, the document becomes a multi-page TIFF beside it
-// (the name with .tif), holding every page, and no PNG is written.
+// The output of one scan, written as the lines arrive. A .tif/.tiff name gets
+// every page in one file, as does a .pdf name; a .jpg name gets a file a page
+// ("a.jpg", "a-2.jpg", ...). Design note: a feeder may deliver any number of
+// pages, known only as they come, so a .png name gets its page when the scan
+// ends with one page; when a second page arrives, the document becomes a
+// multi-page TIFF beside it (the name with .tif), holding every page (the
+// first read back from its finished PNG), and no PNG is written. Every file is
+// written as a partial file and takes its name only when complete.
+// Thread contract: one thread at a time (the scan's encoder thread).
 class OutputDocument {
  public:
   explicit OutputDocument(std::string path, int jpegQuality = 85);
-
-  // Pages larger than this are refused: a page is held in memory until it
-  // is complete.
-  static constexpr uint64_t kMaxPageBytes = 1ull << 30;
+  ~OutputDocument();
+  OutputDocument(const OutputDocument&) = delete;
+  OutputDocument& operator=(const OutputDocument&) = delete;
 
   bool BeginPage(const PageFormat& format);
-  // Adds delivered bytes to the open page; bytes past the announced page are
-  // dropped. Returns the bytes kept.
-  size_t Append(const uint8_t* data, size_t bytes);
-  // The page is complete: written (TIFF) or kept until Finish (PNG).
+  // Adds delivered bytes to the open page: whole lines are encoded at once,
+  // a part of a line waits for the rest; bytes past the announced page are
+  // dropped. False when the page cannot be written (Error says why).
+  bool Append(const uint8_t* data, size_t bytes);
+  // The page is complete; a page shorter than announced is recorded at its
+  // true length, one without a whole line is left out (PagesSkipped).
   bool EndPage();
-  // Forgets an unfinished page (the scan stopped inside it).
+  // Leaves an unfinished page out (the scan stopped inside it).
   void DropPage();
-  // Writes what is still kept and closes the file. Idempotent.
+  // Completes the files and gives them their names. Idempotent.
   bool Finish();
 
   bool PageOpen() const { return open_; }
-  uint64_t PageBytes() const { return current_.raster.size(); }
-  uint64_t PageExpectedBytes() const {
-    return uint64_t{current_.format.lines} * current_.format.bytesPerLine;
-  }
+  uint64_t PageBytes() const { return pageBytes_; }
+  uint64_t PageExpectedBytes() const { return uint64_t{page_.lines} * page_.bytesPerLine; }
   int PagesDone() const { return pagesDone_; }
   int PagesSkipped() const { return pagesSkipped_; }
   // The file written (or to be written); empty before the first page is done.
@@ -152,22 +105,33 @@ class OutputDocument {
   const std::string& Error() const { return error_; }
 
  private:
-  bool WriteTiffPage(const PageImage& page);
-
   enum class Format { Png, Tiff, Pdf, Jpeg };
+  struct File;
   std::string JpegPath(int page) const;
+  bool StartFile(const std::string& path, Format format);
+  bool StartPageInFile();
+  bool TurnIntoTiff();
+  bool CloseFile(bool publish);
+  bool Fail(const std::string& why);
+  bool EncodeLines(const uint8_t* data, uint32_t lines);
 
   std::string path_;
   std::string tiffPath_;
   bool tiffNamed_ = false;
   Format format_ = Format::Png;
   int quality_ = 85;
-  TiffWriter tiff_;
-  PdfWriter pdf_;
-  std::optional<PageImage> kept_;
-  PageImage current_;
+  std::unique_ptr<File> file_;
+  std::unique_ptr<File> png_;  // a PNG turned into a TIFF, until the TIFF's second page is complete
+  PageFormat page_;            // of the open page
+  PageFormat firstPage_;       // a PNG's page, as stored, for its move into a TIFF
+  std::vector<uint8_t> part_;  // the start of a line whose rest has not come
+  uint64_t pageBytes_ = 0;
+  uint32_t pageLines_ = 0;
   bool open_ = false;
+  bool inFile_ = false;  // the open page has reached the encoder
+  bool converted_ = false;  // a PNG name's pages went into a TIFF
   bool finished_ = false;
+  bool failed_ = false;
   int pagesDone_ = 0;
   int pagesSkipped_ = 0;
   std::string error_;

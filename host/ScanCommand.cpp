@@ -163,7 +163,7 @@ int32_t OnImageData(Transfer& t, const void* data, const int64_t* byteCount, int
   // neighbour of a 32-bit count (a block status); they are ignored.
   if (count > INT64_C(0xFFFFFFFF)) count &= INT64_C(0xFFFFFFFF);
   size_t bytes = count > 0 ? static_cast<size_t>(std::min<uint64_t>(count, ReadableBytes(t, data))) : 0;
-  t.document->Append(static_cast<const uint8_t*>(data), bytes);
+  if (!t.document->Append(static_cast<const uint8_t*>(data), bytes)) return HostStop(t, t.document->Error());
   DrawProgress(t);
   if (code == SX_XFER_PAGE_END || code == SX_XFER_SHORT_PAGE) {
     const uint64_t lines = t.format.bytesPerLine ? t.document->PageBytes() / t.format.bytesPerLine : 0;

@@ -7,7 +7,7 @@ set -euo pipefail
 
 PACKAGES=(cmake g++ g++-multilib make binutils googletest libgtest-dev libbenchmark-dev
           libpng-dev libtiff-dev clang libclang-rt-14-dev pkg-config liblcms2-dev
-          libjpeg-dev libhpdf-dev libsane-dev sane-utils libopencv-dev qemu-user
+          libjpeg-dev zlib1g-dev libsane-dev sane-utils libopencv-dev qemu-user
           g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix binutils-mingw-w64 wine64 xvfb)
 
 missing=()

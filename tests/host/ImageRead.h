@@ -1,12 +1,18 @@
-// Test helpers: a temporary folder, and PNG and TIFF files read back with
-// libpng and libtiff, independently of the writers under test.
+// Test helpers: a temporary folder, and PNG, TIFF, JPEG and PDF files read
+// back with libpng, libtiff, libjpeg and zlib, independently of the writers
+// under test.
 #pragma once
 #include <png.h>
 #include <tiffio.h>
+#include <zlib.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
+
+#include <jpeglib.h>
 
 #include "support/TestEnv.h"
 
@@ -77,6 +83,93 @@ inline std::vector<TiffPage> ReadTiff(const std::string& path) {
     pages.push_back(std::move(p));
   } while (TIFFReadDirectory(tif));
   TIFFClose(tif);
+  return pages;
+}
+
+struct JpegRead {
+  bool ok = false;
+  uint32_t width = 0, height = 0;
+  int components = 0;
+  std::vector<uint8_t> raster;
+};
+
+// Decodes JPEG bytes; a warning (data after the image, a marker out of
+// place) counts as a failure, so a file that merely decodes is not enough.
+inline JpegRead DecodeJpeg(const std::vector<uint8_t>& bytes) {
+  JpegRead out;
+  jpeg_decompress_struct jpeg;
+  jpeg_error_mgr errors;
+  jpeg.err = jpeg_std_error(&errors);
+  jpeg_create_decompress(&jpeg);
+  jpeg_mem_src(&jpeg, bytes.data(), static_cast<unsigned long>(bytes.size()));
+  if (jpeg_read_header(&jpeg, TRUE) == JPEG_HEADER_OK) {
+    // Plain replication of colour: the last lines do not borrow from below.
+    jpeg.do_fancy_upsampling = FALSE;
+    jpeg_start_decompress(&jpeg);
+    out.width = jpeg.output_width, out.height = jpeg.output_height, out.components = jpeg.output_components;
+    const size_t stride = size_t{out.width} * out.components;
+    out.raster.resize(stride * out.height);
+    while (jpeg.output_scanline < jpeg.output_height) {
+      JSAMPROW row = out.raster.data() + stride * jpeg.output_scanline;
+      jpeg_read_scanlines(&jpeg, &row, 1);
+    }
+    jpeg_finish_decompress(&jpeg);
+    out.ok = errors.num_warnings == 0;
+  }
+  jpeg_destroy_decompress(&jpeg);
+  return out;
+}
+
+inline std::vector<uint8_t> ReadBytes(const std::string& path) {
+  std::vector<uint8_t> bytes;
+  if (std::FILE* file = std::fopen(path.c_str(), "rb")) {
+    uint8_t block[65536];
+    for (size_t n; (n = std::fread(block, 1, sizeof block, file)) > 0;) bytes.insert(bytes.end(), block, block + n);
+    std::fclose(file);
+  }
+  return bytes;
+}
+
+// One page of a PDF as the writers make it: its size in points and its one
+// image, inflated.
+struct PdfPage {
+  double width = 0, height = 0;
+  uint32_t imageWidth = 0, imageHeight = 0;
+  int bits = 0;
+  bool rgb = false;
+  std::vector<uint8_t> raster;
+};
+
+inline double NumberAfter(const std::string& text, size_t at, const char* key) {
+  const size_t k = text.find(key, at);
+  return k == std::string::npos ? -1 : std::atof(text.c_str() + k + std::strlen(key));
+}
+
+// Pages in file order; each image is followed by its page's MediaBox.
+inline std::vector<PdfPage> ReadPdf(const std::vector<uint8_t>& bytes) {
+  const std::string text(bytes.begin(), bytes.end());
+  std::vector<PdfPage> pages;
+  for (size_t at = 0; (at = text.find("/Subtype /Image", at)) != std::string::npos; ++at) {
+    PdfPage page;
+    page.imageWidth = static_cast<uint32_t>(NumberAfter(text, at, "/Width "));
+    page.imageHeight = static_cast<uint32_t>(NumberAfter(text, at, "/Height "));
+    page.bits = static_cast<int>(NumberAfter(text, at, "/BitsPerComponent "));
+    page.rgb = text.compare(text.find("/ColorSpace ", at) + 12, 10, "/DeviceRGB") == 0;
+    const size_t start = text.find("stream\n", at) + 7, end = text.find("\nendstream", start);
+    const size_t box = text.find("/MediaBox [0 0 ", end);
+    page.width = NumberAfter(text, box, "[0 0 ");
+    page.height = std::atof(text.c_str() + text.find(' ', box + 15));
+    z_stream z{};
+    inflateInit(&z);
+    std::vector<uint8_t> out(size_t{page.imageWidth} * (page.rgb ? 3 : 1) * page.imageHeight + 64);
+    z.next_in = const_cast<Bytef*>(bytes.data() + start);
+    z.avail_in = static_cast<uInt>(end - start);
+    z.next_out = out.data();
+    z.avail_out = static_cast<uInt>(out.size());
+    if (inflate(&z, Z_FINISH) == Z_STREAM_END) page.raster.assign(out.begin(), out.begin() + z.total_out);
+    inflateEnd(&z);
+    pages.push_back(std::move(page));
+  }
   return pages;
 }
 
