@@ -14,8 +14,8 @@
 # runs, where the scanner, not the encoder, sets the pace).
 #
 # Usage: bench/stream_bench.sh [BUILD_DIR]
-#   BUILD_DIR defaults to build/x64-bench, configured as a Release build and
-#   built (only the targets this needs) when it lacks them.
+#   BUILD_DIR defaults to build/x64-bench (configured as a Release build
+#   when new); the targets this needs are brought up to date first.
 # Environment: SX_BENCH_PAGES (feeder batch, default 2), SX_BENCH_LINE_US
 #   (pace, default 750), SX_BENCH_FORMATS (default "png tiff jpeg pdf").
 # Not part of the test run: it takes about three minutes.
@@ -42,13 +42,13 @@ command -v scanimage >/dev/null || die "scanimage is not installed (Debian: sane
 [ -x /usr/bin/time ] || die "/usr/bin/time is not installed (Debian: time)"
 
 # ---- build ---------------------------------------------------------------
+# Always brought up to date, so the figures are those of the sources.
 SXSCAN=$BUILD/host/sxscan
-if [ ! -x "$SXSCAN" ] || [ ! -e "$BUILD/sane/libsane-sxscan.so.1" ] || [ ! -e "$BUILD/modules/vscan/vscan.dll" ]; then
-  if [ ! -e "$BUILD/CMakeCache.txt" ]; then
-    cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release >/dev/null
-  fi
-  cmake --build "$BUILD" -j2 --target sxscan sxscan_host vscan sane-sxscan >/dev/null
+if [ ! -e "$BUILD/CMakeCache.txt" ]; then
+  cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release >/dev/null || die "cannot configure $BUILD"
 fi
+cmake --build "$BUILD" -j2 --target sxscan sxscan_host vscan sane-sxscan >"$BUILD/stream_bench-build.log" 2>&1 ||
+  die "the build failed (see $BUILD/stream_bench-build.log)"
 LIBSXSCAN=$(find "$BUILD" -maxdepth 1 -name 'libsxscan.so*' -type f | head -1)
 [ -n "$LIBSXSCAN" ] || die "no libsxscan.so in $BUILD"
 VSCAN=$BUILD/modules/vscan/vscan.dll
@@ -81,7 +81,8 @@ measure() {
   ERR=$dir.err
   OK=1
   (cd "$dir" && /usr/bin/time -f '%e %M' -o "$dir.time" "$@" >/dev/null 2>"$ERR") || OK=0
-  read -r WALL RSS <"$dir.time" || { WALL=0; RSS=0; }
+  # A failed command adds a line before the figures.
+  read -r WALL RSS < <(tail -n 1 "$dir.time") || { WALL=0; RSS=0; }
   [ -n "${RSS:-}" ] || RSS=0
   BYTES=$(find "$dir" -type f -printf '%s\n' | awk '{s += $1} END {print s + 0}')
 }
