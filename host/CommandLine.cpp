@@ -207,6 +207,10 @@ bool ParseOption(const std::vector<std::string>& args, size_t* i, CommandLine* l
     line->scan.progress = true;
     return true;
   }
+  if (arg == "--stats") {
+    line->scan.stats = true;
+    return true;
+  }
   std::string_view name = arg;
   std::string_view value;
   size_t eq = arg.find('=');
@@ -400,6 +404,8 @@ std::string UsageText() {
          "                              contrast, highlight and shadow act on the whole image,\n"
          "                              gamma-r, gamma-g, gamma-b (and so on) on one colour\n"
          "  --progress                  draw the progress bar even when stderr is no terminal\n"
+         "  --stats                     after the scan, one line on stderr: pages, milliseconds from\n"
+         "                              the last block to the file complete, peak memory in KiB\n"
          "\n"
          "The library finds its system tree through SX_ROOT. Ctrl-C stops a scan cleanly.\n"
          "Exit status: 0 success, 1 the library or scanner failed, 2 a wrong command line,\n"

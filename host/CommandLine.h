@@ -50,6 +50,7 @@ struct ScanOptions {
   bool buffered = false;
   uint32_t transferBytes = kDefaultTransferBytes;
   bool progress = false;  // draw the bar even when stderr is not a terminal
+  bool stats = false;     // print the scan's figures for a benchmark
   // --set NAME=VALUE, applied after the options above, in the order given.
   std::vector<std::pair<std::string, std::string>> settings;
 };

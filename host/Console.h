@@ -3,6 +3,7 @@
 // implementation per system (ConsolePosix.cpp, ConsoleWin32.cpp).
 #pragma once
 #include <atomic>
+#include <cstdint>
 #include <string>
 
 namespace sx::host {
@@ -24,5 +25,9 @@ void EndProgressLine();
 // status is 130.
 void WatchInterrupts(std::atomic<bool>* flag);
 void StopWatchingInterrupts();
+
+// The most memory the process has held in physical pages so far, in KiB
+// (POSIX: the resident set's peak; Windows: the peak working set).
+uint64_t PeakMemoryKb();
 
 }  // namespace sx::host

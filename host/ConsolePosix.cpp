@@ -1,6 +1,7 @@
 #include "Console.h"
 
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -89,6 +90,13 @@ void WatchInterrupts(std::atomic<bool>* flag) {
 void StopWatchingInterrupts() {
   for (size_t i = 0; i < std::size(kInterruptSignals); ++i) sigaction(kInterruptSignals[i], &g_previous[i], nullptr);
   g_interruptFlag = nullptr;
+}
+
+// Linux counts ru_maxrss in KiB.
+uint64_t PeakMemoryKb() {
+  rusage usage{};
+  if (getrusage(RUSAGE_SELF, &usage) != 0) return 0;
+  return static_cast<uint64_t>(usage.ru_maxrss);
 }
 
 }  // namespace sx::host

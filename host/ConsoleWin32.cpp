@@ -3,6 +3,7 @@
 // through a console control handler.
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
+#include <psapi.h>
 
 #include <cstdio>
 
@@ -102,6 +103,14 @@ void WatchInterrupts(std::atomic<bool>* flag) {
 void StopWatchingInterrupts() {
   SetConsoleCtrlHandler(OnControl, FALSE);
   g_interruptFlag.store(nullptr);
+}
+
+uint64_t PeakMemoryKb() {
+  PROCESS_MEMORY_COUNTERS counters{};
+  counters.cb = sizeof counters;
+  if (!GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters)) return 0;
+  constexpr uint64_t kBytesPerKb = 1024;
+  return static_cast<uint64_t>(counters.PeakWorkingSetSize) / kBytesPerKb;
 }
 
 }  // namespace sx::host

@@ -1,8 +1,10 @@
 // The scan command: settings from the options, a transfer buffer from the
-// library's memory functions, one SxAcquire, and the pages written to a file
-// as the transfer callback receives them.
+// library's memory functions, one SxAcquire, and the pages encoded into a
+// file beside the acquisition (BackgroundEncoder.h) as the transfer callback
+// receives them.
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -11,6 +13,7 @@
 #include <new>
 #include <system_error>
 
+#include "BackgroundEncoder.h"
 #include "Commands.h"
 #include "Console.h"
 #include "ImageWriter.h"
@@ -35,9 +38,13 @@ std::atomic<bool> g_interrupted{false};
 
 // Everything the transfer callback works on. Thread contract: the library
 // calls the callback on the host's thread inside SxAcquire in both transfer
-// modes, so this is touched by that thread only.
+// modes, so this is touched by that thread only; the document is the
+// encoder's thread's until the scan ends.
 struct Transfer {
-  OutputDocument* document = nullptr;
+  BackgroundEncoder* encoder = nullptr;
+  uint64_t pageBytes = 0;  // of the page being delivered, up to its announced size
+  std::chrono::steady_clock::time_point lastBlock;  // when the library delivered the last one
+  bool pageOpen = false;
   const uint8_t* buffer = nullptr;  // the address handed to SxAcquire
   size_t bufferBytes = 0;
   const void* lastData = nullptr;   // the current block address, if it moved
@@ -57,7 +64,7 @@ Transfer* g_transfer = nullptr;
 
 void DrawProgress(Transfer& t) {
   if (!t.showProgress) return;
-  t.progress.bytesDone = t.document->PageBytes();
+  t.progress.bytesDone = t.pageBytes;
   if (t.terminal) {
     std::string text = RenderProgress(t.progress, TerminalWidth() - 1);
     if (text != t.lastDrawn) DrawProgressLine(text);
@@ -116,6 +123,13 @@ int32_t HostStop(Transfer& t, const std::string& reason) {
   return kHostStop;
 }
 
+// The encoder failed (a full disk): the scan stops with its words.
+int32_t EncoderStop(Transfer& t) {
+  std::string why;
+  t.encoder->Failed(&why);
+  return HostStop(t, why.empty() ? "the page could not be written" : why);
+}
+
 int32_t OnImageInfo(Transfer& t, const void* data, int64_t* byteCount) {
   if (!data) return HostStop(t, "the library announced a page without its description");
   SxImageInfo info;
@@ -132,12 +146,12 @@ int32_t OnImageInfo(Transfer& t, const void* data, int64_t* byteCount) {
                            std::to_string(format.bytesPerLine) + " bytes); give --buffer " +
                            std::to_string(format.bytesPerLine) + " or more, or leave it out");
   }
-  // A page that was never marked as ended is over once the next one begins.
-  if (t.document->PageOpen() && !t.document->EndPage()) return HostStop(t, t.document->Error());
-  if (!t.document->BeginPage(format)) return HostStop(t, t.document->Error());
+  if (!t.encoder->BeginPage(format)) return EncoderStop(t);
   t.format = format;
+  t.pageBytes = 0;
+  t.pageOpen = true;
   ++t.progress.page;
-  t.progress.bytesExpected = t.document->PageExpectedBytes();
+  t.progress.bytesExpected = uint64_t{format.lines} * format.bytesPerLine;
   t.lastDecile = -1;
   DrawProgress(t);
   // Direct transfers size their blocks from this answer.
@@ -156,18 +170,23 @@ size_t ReadableBytes(const Transfer& t, const void* data) {
 }
 
 int32_t OnImageData(Transfer& t, const void* data, const int64_t* byteCount, int32_t code) {
-  if (!t.document->PageOpen() || !data) return SX_OK;
+  if (!t.pageOpen || !data) return SX_OK;
   t.lastData = data;
+  t.lastBlock = std::chrono::steady_clock::now();
   int64_t count = byteCount ? *byteCount : 0;
   // Design note: no block reaches 4 GiB, so bits above 32 can only be the
   // neighbour of a 32-bit count (a block status); they are ignored.
   if (count > INT64_C(0xFFFFFFFF)) count &= INT64_C(0xFFFFFFFF);
   size_t bytes = count > 0 ? static_cast<size_t>(std::min<uint64_t>(count, ReadableBytes(t, data))) : 0;
-  if (!t.document->Append(static_cast<const uint8_t*>(data), bytes)) return HostStop(t, t.document->Error());
+  // Bytes past the announced page are the document's to drop; the count
+  // shown stops at the page's size.
+  t.pageBytes = std::min(t.pageBytes + bytes, t.progress.bytesExpected);
+  if (!t.encoder->Append(static_cast<const uint8_t*>(data), bytes)) return EncoderStop(t);
   DrawProgress(t);
   if (code == SX_XFER_PAGE_END || code == SX_XFER_SHORT_PAGE) {
-    const uint64_t lines = t.format.bytesPerLine ? t.document->PageBytes() / t.format.bytesPerLine : 0;
-    if (!t.document->EndPage()) return HostStop(t, t.document->Error());
+    const uint64_t lines = t.format.bytesPerLine ? t.pageBytes / t.format.bytesPerLine : 0;
+    t.pageOpen = false;
+    if (!t.encoder->EndPage()) return EncoderStop(t);
     ReportPage(t, lines, code == SX_XFER_SHORT_PAGE);
   }
   return SX_OK;
@@ -305,6 +324,19 @@ struct TransferBuffer {
   }
 };
 
+// The figures a benchmark reads, on one line of their own: the pages
+// written, the time from the last block the library delivered to the file
+// complete under its name, and the process's peak memory.
+void PrintStats(int pages, std::chrono::steady_clock::time_point lastBlock,
+                std::chrono::steady_clock::time_point closed) {
+  const double tailMs =
+      lastBlock.time_since_epoch().count() == 0
+          ? 0.0
+          : std::chrono::duration<double, std::milli>(closed - lastBlock).count();
+  std::fprintf(stderr, "stats: pages %d, tail-ms %.1f, peak-rss-kb %llu\n", pages, tailMs,
+               static_cast<unsigned long long>(PeakMemoryKb()));
+}
+
 int Report(int32_t result, const Transfer& transfer, const OutputDocument& document, bool finished) {
   EndProgressLine();
   std::string written = document.WrittenPath();
@@ -395,8 +427,15 @@ int RunScan(const ScanOptions& options) {
   }
 
   OutputDocument document(options.output, options.quality);
+  BackgroundEncoder encoder(document);
+  if (!encoder.Start(&error)) {
+    std::fprintf(stderr, "sxscan: %s\n", error.c_str());
+    buffer.Release(nullptr);
+    SxFree();
+    return kExitFailed;
+  }
   Transfer transfer;
-  transfer.document = &document;
+  transfer.encoder = &encoder;
   transfer.buffer = buffer.address;
   transfer.bufferBytes = buffer.bytes;
   transfer.terminal = StderrIsTerminal();
@@ -417,11 +456,16 @@ int RunScan(const ScanOptions& options) {
   int32_t result = SxAcquire(OnTransfer, buffer.address);
 
   g_transfer = nullptr;
+  // What is queued is encoded; then the document is this thread's again.
+  encoder.Drain();
   bool finished = document.Finish();
+  const auto closed = std::chrono::steady_clock::now();
   StopWatchingInterrupts();
   buffer.Release(transfer.lastData);
   SxFree();
-  return Report(result, transfer, document, finished);
+  const int status = Report(result, transfer, document, finished);
+  if (options.stats) PrintStats(document.PagesDone(), transfer.lastBlock, closed);
+  return status;
 }
 
 }  // namespace sx::host
