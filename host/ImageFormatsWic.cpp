@@ -1,10 +1,19 @@
-// The file formats on Windows, through the Windows Imaging Component (the
-// system's own codecs): PNG pages, multi-page TIFF and JPEG pages. The pixel
+// The document encoders on Windows, through the Windows Imaging Component
+// (the system's own codecs): PNG pages, multi-page TIFF and JPEG pages,
+// written into the byte sink through a stream of this file's own, a few
+// lines per WritePixels call as they arrive. The pixel
 // bytes go to the encoders as the POSIX build writes them: colour lines with
 // red and blue swapped (WIC's 24-bit format is blue first), gray as it is,
 // line art at 1 bit with 0 as black (WIC's BlackWhite) in PNG and TIFF, and
 // spread to gray with 1 as black in JPEG. PDF has no codec in WIC: a .pdf
 // output is refused before the scan.
+//
+// Design note: a WIC frame's size is fixed before its pixels come, so a page
+// the scanner ends early is padded white to the announced height here (the
+// file's header says that height). WIC cannot drop a frame it has begun: a
+// TIFF page left unfinished is padded and committed, and once the document
+// is complete its directory is unlinked from the chain and the file cut
+// before it.
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 #include <wincodec.h>
@@ -19,13 +28,14 @@
 #include <filesystem>
 #include <vector>
 
+#include "Encoders.h"
 #include "ImageWriter.h"
 
 namespace sx::host {
 namespace {
 
-// Lines handed to an encoder per call: a few hundred kilobytes of a wide page.
-constexpr uint32_t kLinesPerWrite = 64;
+// Lines converted and handed to the encoder per call.
+constexpr uint32_t kLinesPerWrite = 16;
 constexpr float kPercent = 100.0f;
 
 // An interface pointer released when it goes out of scope.
@@ -155,103 +165,258 @@ HRESULT SetOptions(Codec codec, int quality, IPropertyBag2* bag) {
   return S_OK;
 }
 
-HRESULT WritePixels(IWICBitmapFrameEncode* frame, Codec codec, const PageImage& page) {
-  const PageFormat& f = page.format;
-  const uint32_t stride = FileStride(codec, f);
-  std::vector<uint8_t> chunk(size_t{stride} * kLinesPerWrite);
-  for (uint32_t y = 0; y < page.Lines();) {
-    const uint32_t lines = std::min(kLinesPerWrite, page.Lines() - y);
-    for (uint32_t i = 0; i < lines; ++i)
-      FileLine(codec, f, page.raster.data() + size_t{y + i} * f.bytesPerLine, chunk.data() + size_t{i} * stride);
-    const HRESULT hr = frame->WritePixels(lines, stride, stride * lines, chunk.data());
-    if (FAILED(hr)) return hr;
-    y += lines;
+// An IStream over a byte sink: WIC's encoders write through it, and seek
+// back to patch what they wrote (a TIFF's directory links), which a file
+// sink can take.
+class SinkStream final : public IStream {
+ public:
+  explicit SinkStream(ByteSink& sink, uint64_t* size) : sink_(sink), size_(*size) {}
+  bool failed = false;
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** out) override {
+    if (IsEqualIID(id, IID_IUnknown) || IsEqualIID(id, IID_ISequentialStream) || IsEqualIID(id, IID_IStream)) {
+      *out = static_cast<IStream*>(this);
+      AddRef();
+      return S_OK;
+    }
+    *out = nullptr;
+    return E_NOINTERFACE;
   }
-  return S_OK;
+  // Owned by its encoder object, which outlives every WIC reference.
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
+  ULONG STDMETHODCALLTYPE Release() override { return --references_; }
+
+  HRESULT STDMETHODCALLTYPE Read(void* data, ULONG bytes, ULONG* done) override {
+    const uint64_t n = std::min<uint64_t>(bytes, position_ < size_ ? size_ - position_ : 0);
+    if (n && !sink_.Read(position_, data, static_cast<size_t>(n))) return Fail();
+    position_ += n;
+    if (done) *done = static_cast<ULONG>(n);
+    return n == bytes ? S_OK : S_FALSE;
+  }
+  HRESULT STDMETHODCALLTYPE Write(const void* data, ULONG bytes, ULONG* done) override {
+    const auto* p = static_cast<const uint8_t*>(data);
+    const uint8_t zero = 0;
+    while (position_ > size_) {  // a gap past the end reads as zeros
+      if (!sink_.Write(&zero, 1)) return Fail();
+      ++size_;
+    }
+    const uint64_t over = std::min<uint64_t>(bytes, size_ - position_);
+    if (over && !sink_.Rewrite(position_, p, static_cast<size_t>(over))) return Fail();
+    if (bytes > over && !sink_.Write(p + over, bytes - static_cast<size_t>(over))) return Fail();
+    size_ = std::max(size_, position_ + bytes);
+    position_ += bytes;
+    if (done) *done = bytes;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* at) override {
+    const int64_t base = origin == STREAM_SEEK_SET ? 0 : origin == STREAM_SEEK_CUR ? static_cast<int64_t>(position_)
+                                                                                  : static_cast<int64_t>(size_);
+    const int64_t to = base + move.QuadPart;
+    if (to < 0) return STG_E_INVALIDFUNCTION;
+    position_ = static_cast<uint64_t>(to);
+    if (at) at->QuadPart = position_;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER size) override {
+    if (size.QuadPart >= size_) return S_OK;
+    if (!sink_.Truncate(size.QuadPart)) return Fail();
+    size_ = size.QuadPart;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE Stat(STATSTG* stat, DWORD) override {
+    *stat = {};
+    stat->type = STGTY_STREAM;
+    stat->cbSize.QuadPart = size_;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE Commit(DWORD) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override {
+    return E_NOTIMPL;
+  }
+  HRESULT STDMETHODCALLTYPE Revert() override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE Clone(IStream**) override { return E_NOTIMPL; }
+
+ private:
+  HRESULT Fail() {
+    failed = true;
+    return STG_E_MEDIUMFULL;
+  }
+  ByteSink& sink_;
+  uint64_t& size_;  // the encoder's count of the sink's bytes
+  uint64_t position_ = 0;
+  ULONG references_ = 1;
+};
+
+uint32_t TiffNumber(const uint8_t* p, bool big, int bytes) {
+  uint32_t v = 0;
+  for (int i = 0; i < bytes; ++i) v |= uint32_t{p[big ? bytes - 1 - i : i]} << (8 * i);
+  return v;
 }
 
-// One page as a frame of the encoder; `why` says which step failed.
-bool AddFrame(IWICBitmapEncoder* encoder, Codec codec, const PageImage& page, int quality, std::string* why) {
-  const PageFormat& f = page.format;
-  Com<IWICBitmapFrameEncode> frame;
-  Com<IPropertyBag2> options;
-  HRESULT hr = encoder->CreateNewFrame(frame.Out(), options.Out());
-  if (SUCCEEDED(hr) && options.Get()) hr = SetOptions(codec, quality, options.Get());
-  if (SUCCEEDED(hr)) hr = frame->Initialize(options.Get());
-  if (SUCCEEDED(hr)) hr = frame->SetSize(f.width, page.Lines());
-  if (SUCCEEDED(hr) && f.xdpi && f.ydpi) hr = frame->SetResolution(f.xdpi, f.ydpi);
-  if (FAILED(hr)) {
-    *why = std::string("cannot start a ") + CodecName(codec) + " page: " + HresultText(hr);
-    return false;
+// The first strip's offset of the directory at `at` (a page's bytes begin
+// there); 0 when it cannot be read.
+uint64_t FirstStrip(ByteSink& sink, uint64_t at, bool big) {
+  constexpr uint16_t kStripOffsets = 273, kShort = 3;
+  constexpr uint32_t kEntryBytes = 12;
+  uint8_t count[2];
+  if (!sink.Read(at, count, sizeof count)) return 0;
+  for (uint32_t i = 0; i < TiffNumber(count, big, 2); ++i) {
+    uint8_t entry[kEntryBytes];
+    if (!sink.Read(at + 2 + uint64_t{i} * kEntryBytes, entry, sizeof entry)) return 0;
+    if (TiffNumber(entry, big, 2) != kStripOffsets) continue;
+    const int bytes = TiffNumber(entry + 2, big, 2) == kShort ? 2 : 4;
+    const uint32_t n = TiffNumber(entry + 4, big, 4);
+    if (n * bytes <= 4) return TiffNumber(entry + 8, big, bytes);
+    uint8_t first[4];
+    return sink.Read(TiffNumber(entry + 8, big, 4), first, bytes) ? TiffNumber(first, big, bytes) : 0;
   }
-  WICPixelFormatGUID format = FileFormat(codec, f.kind);
-  hr = frame->SetPixelFormat(&format);
-  if (SUCCEEDED(hr) && !IsEqualGUID(format, FileFormat(codec, f.kind))) {
-    *why = std::string("the system's ") + CodecName(codec) + " encoder does not take these pixels";
-    return false;
-  }
-  if (SUCCEEDED(hr)) hr = WritePixels(frame.Get(), codec, page);
-  if (SUCCEEDED(hr)) hr = frame->Commit();
-  if (FAILED(hr)) *why = std::string("cannot write a ") + CodecName(codec) + " page: " + HresultText(hr);
-  return SUCCEEDED(hr);
+  return 0;
 }
 
-// The whole file in memory, handed to WriteThroughPartial afterwards, so
-// that the partial-file rules hold for WIC output as for the others.
-bool EncodeToMemory(Codec codec, const PageImage& page, int quality, std::vector<uint8_t>& bytes,
-                    std::string* why) {
-  Com<IWICImagingFactory> factory;
-  Com<IStream> stream;
-  Com<IWICBitmapEncoder> encoder;
-  HRESULT hr = CreateFactory(factory);
-  if (SUCCEEDED(hr)) hr = CreateStreamOnHGlobal(nullptr, TRUE, stream.Out());
-  if (SUCCEEDED(hr)) hr = factory->CreateEncoder(Container(codec), nullptr, encoder.Out());
-  if (SUCCEEDED(hr)) hr = encoder->Initialize(stream.Get(), WICBitmapEncoderNoCache);
-  if (FAILED(hr)) {
-    *why = std::string("the system's ") + CodecName(codec) + " encoder is not available: " + HresultText(hr);
-    return false;
+// Takes the last page out of the complete TIFF in the sink: the link to its
+// directory becomes the end of the chain, and the file is cut where the page
+// began when nothing of the pages before lies past it. `size` is the sink's.
+// Design note: the directory is found by walking the chain, not from where
+// the page began, since an encoder may write a frame's bytes only when the
+// next frame or the document is committed.
+bool DropLastTiffPage(ByteSink& sink, uint64_t* size) {
+  uint8_t header[8];
+  if (!sink.Read(0, header, sizeof header)) return false;
+  const bool big = header[0] == 'M';
+  constexpr uint32_t kEntryBytes = 12;
+  uint64_t link = 4, previous = 0, end = sizeof header, endBefore = end;
+  uint64_t last = 0;
+  for (;;) {
+    uint8_t word[4];
+    if (!sink.Read(link, word, sizeof word)) return false;
+    const uint32_t at = TiffNumber(word, big, 4);
+    if (at == 0) break;
+    uint8_t count[2];
+    if (!sink.Read(at, count, sizeof count)) return false;
+    previous = link, last = at, endBefore = end;
+    link = at + 2 + uint64_t{kEntryBytes} * TiffNumber(count, big, 2);
+    end = std::max(end, link + 4);
   }
-  if (!AddFrame(encoder.Get(), codec, page, quality, why)) return false;
-  hr = encoder->Commit();
-  HGLOBAL block = nullptr;
-  STATSTG stat{};
-  if (SUCCEEDED(hr)) hr = stream->Stat(&stat, STATFLAG_NONAME);
-  if (SUCCEEDED(hr)) hr = GetHGlobalFromStream(stream.Get(), &block);
-  const void* data = SUCCEEDED(hr) ? GlobalLock(block) : nullptr;
-  if (!data) {
-    *why = std::string("cannot finish the ") + CodecName(codec) + " file: " + HresultText(FAILED(hr) ? hr : E_OUTOFMEMORY);
-    return false;
+  if (last == 0) return true;
+  const uint8_t none[4] = {0, 0, 0, 0};
+  if (!sink.Rewrite(previous, none, sizeof none)) return false;
+  const uint64_t strip = FirstStrip(sink, last, big);
+  const uint64_t cut = strip ? std::min<uint64_t>(strip, last) : last;
+  if (endBefore <= cut && cut < *size) {
+    if (!sink.Truncate(cut)) return false;
+    *size = cut;
   }
-  const auto* begin = static_cast<const uint8_t*>(data);
-  bytes.assign(begin, begin + stat.cbSize.QuadPart);
-  GlobalUnlock(block);
   return true;
 }
 
-bool WriteOnePage(Codec codec, const std::string& path, const PageImage& page, int quality, std::string* error) {
-  if (!CheckPageFormat(page.format, error)) return false;
-  if (page.Lines() == 0) {
-    *error = "the page has no complete line";
-    return false;
+class WicEncoder final : public PageEncoder {
+ public:
+  WicEncoder(ByteSink& sink, Codec codec, int quality)
+      : PageEncoder(sink, codec != Codec::Tiff), codec_(codec), quality_(quality), stream_(sink, &offset_) {}
+  ~WicEncoder() override {
+    frame_.Reset();
+    encoder_.Reset();
   }
-  std::vector<uint8_t> bytes;
-  std::string why;
-  if (!EncodeToMemory(codec, page, quality, bytes, &why)) {
-    *error = "cannot write " + path + ": " + why;
-    return false;
-  }
-  return WriteThroughPartial(path, error, [&](std::FILE* file, std::string* failure) {
-    if (std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size()) return true;
-    *failure = "the file could not be written whole";
-    return false;
-  });
-}
 
-// An open multi-page TIFF: the encoder writes frames into the partial file.
-struct TiffFile {
-  Com<IWICImagingFactory> Factory;
-  Com<IWICStream> Stream;
-  Com<IWICBitmapEncoder> Encoder;
+ private:
+  bool Failure(const char* what, HRESULT hr, std::string* error) {
+    if (stream_.failed) return SinkFailed(error);
+    *error = std::string(what) + " " + CodecName(codec_) + (codec_ == Codec::Tiff ? " page: " : " file: ") + HresultText(hr);
+    return false;
+  }
+
+  bool OnBeginPage(std::string* error) override {
+    HRESULT hr = S_OK;
+    if (abandoned_) {
+      *error = "no page may follow one left unfinished";
+      return false;
+    }
+    if (!encoder_.Get()) {
+      if (codec_ == Codec::Tiff && !sink_.CanRewrite()) {
+        *error = "a TIFF document needs a file";
+        return false;
+      }
+      hr = CreateFactory(factory_);
+      if (SUCCEEDED(hr)) hr = factory_->CreateEncoder(Container(codec_), nullptr, encoder_.Out());
+      if (SUCCEEDED(hr)) hr = encoder_->Initialize(&stream_, WICBitmapEncoderNoCache);
+      if (FAILED(hr)) return Failure("the system's encoder cannot start a", hr, error);
+    }
+    const PageFormat& f = format_;
+    Com<IPropertyBag2> options;
+    hr = encoder_->CreateNewFrame(frame_.Out(), options.Out());
+    if (SUCCEEDED(hr) && options.Get()) hr = SetOptions(codec_, quality_, options.Get());
+    if (SUCCEEDED(hr)) hr = frame_->Initialize(options.Get());
+    if (SUCCEEDED(hr)) hr = frame_->SetSize(f.width, f.lines);
+    if (SUCCEEDED(hr) && f.xdpi && f.ydpi) hr = frame_->SetResolution(f.xdpi, f.ydpi);
+    WICPixelFormatGUID pixels = FileFormat(codec_, f.kind);
+    if (SUCCEEDED(hr)) hr = frame_->SetPixelFormat(&pixels);
+    if (FAILED(hr)) return Failure("cannot start a", hr, error);
+    if (!IsEqualGUID(pixels, FileFormat(codec_, f.kind))) {
+      *error = std::string("the system's ") + CodecName(codec_) + " encoder does not take these pixels";
+      return false;
+    }
+    stride_ = FileStride(codec_, f);
+    written_ = 0;
+    chunk_.resize(size_t{stride_} * kLinesPerWrite);
+    white_ = WhiteLine(f, codec_ != Codec::Jpeg);
+    return true;
+  }
+
+  bool OnLines(const uint8_t* data, uint32_t lines, std::string* error) override {
+    for (uint32_t y = 0; y < lines;) {
+      const uint32_t n = std::min(kLinesPerWrite, lines - y);
+      for (uint32_t i = 0; i < n; ++i)
+        FileLine(codec_, format_, data + size_t{y + i} * format_.bytesPerLine, chunk_.data() + size_t{i} * stride_);
+      const HRESULT hr = frame_->WritePixels(n, stride_, stride_ * n, chunk_.data());
+      if (FAILED(hr)) return Failure("cannot write a", hr, error);
+      y += n;
+      written_ += n;
+    }
+    return true;
+  }
+
+  // The frame's height was set before its lines came: a short page is
+  // padded white to it.
+  bool OnEndPage(uint32_t lines, std::string* error) override {
+    for (uint32_t y = lines; y < format_.lines; ++y) {
+      if (!OnLines(white_.data(), 1, error)) return false;
+    }
+    const HRESULT hr = frame_->Commit();
+    frame_.Reset();
+    if (FAILED(hr)) return Failure("cannot finish a", hr, error);
+    return true;
+  }
+
+  bool OnAbandonPage(std::string* error) override {
+    // Completed white and committed; taken out when the document is done.
+    if (codec_ != Codec::Tiff || !sink_.CanRewrite()) {
+      *error = "a page left unfinished cannot be taken out of this output";
+      return false;
+    }
+    abandoned_ = true;
+    return OnEndPage(written_, error);
+  }
+
+  bool OnFinish(std::string* error) override {
+    const HRESULT hr = encoder_->Commit();
+    encoder_.Reset();
+    if (FAILED(hr)) return Failure("cannot finish the", hr, error);
+    if (abandoned_ && !DropLastTiffPage(sink_, &offset_)) return SinkFailed(error);
+    return true;
+  }
+
+  Codec codec_;
+  int quality_;
+  SinkStream stream_;
+  Com<IWICImagingFactory> factory_;
+  Com<IWICBitmapEncoder> encoder_;
+  Com<IWICBitmapFrameEncode> frame_;
+  std::vector<uint8_t> chunk_;
+  uint32_t stride_ = 0;
+  uint32_t written_ = 0;  // lines of the open page given to the frame
+  bool abandoned_ = false;
 };
 
 std::string Lower(std::string text) {
@@ -263,85 +428,48 @@ std::string Lower(std::string text) {
 
 bool OutputFormatAvailable(const std::string& path, std::string* error) {
   if (Lower(std::filesystem::path(path).extension().string()) != ".pdf") return true;
+  return DocumentFormatAvailable(DocumentFormat::Pdf, error);
+}
+
+bool DocumentFormatAvailable(DocumentFormat format, std::string* error) {
+  if (format != DocumentFormat::Pdf) return true;
   *error = "PDF output is not available on Windows (the system has no PDF encoder); write .png, .tif or .jpg";
   return false;
 }
 
-bool WritePng(const std::string& path, const PageImage& page, std::string* error) {
-  return WriteOnePage(Codec::Png, path, page, 0, error);
-}
-
-bool WriteJpeg(const std::string& path, const PageImage& page, int quality, std::string* error) {
-  return WriteOnePage(Codec::Jpeg, path, page, quality, error);
-}
-
-PdfWriter::~PdfWriter() = default;
-
-bool PdfWriter::AppendPage(const PageImage&, std::string* error) {
-  return OutputFormatAvailable(".pdf", error);
-}
-
-bool PdfWriter::Close(const std::string&, std::string*) { return true; }
-
-TiffWriter::~TiffWriter() {
-  std::string ignored;
-  Close(&ignored);
-}
-
-bool TiffWriter::Open(const std::string& path, std::string* error) {
-  if (!Close(error)) return false;
-  if (!CreatePartial(path, &partial_, error)) return false;
-  auto file = std::make_unique<TiffFile>();
-  HRESULT hr = CreateFactory(file->Factory);
-  if (SUCCEEDED(hr)) hr = file->Factory->CreateStream(file->Stream.Out());
-  if (SUCCEEDED(hr)) hr = file->Stream->InitializeFromFilename(Wide(partial_).c_str(), GENERIC_WRITE);
-  if (SUCCEEDED(hr)) hr = file->Factory->CreateEncoder(GUID_ContainerFormatTiff, nullptr, file->Encoder.Out());
-  if (SUCCEEDED(hr)) hr = file->Encoder->Initialize(file->Stream.Get(), WICBitmapEncoderNoCache);
-  if (FAILED(hr)) {
-    *error = "cannot create " + path + ": " + HresultText(hr);
-    file.reset();
-    DiscardPartial(partial_);
-    return false;
+std::unique_ptr<DocumentEncoder> MakeDocumentEncoder(DocumentFormat format, ByteSink& sink, int quality) {
+  switch (format) {
+    case DocumentFormat::Png: return std::make_unique<WicEncoder>(sink, Codec::Png, quality);
+    case DocumentFormat::Jpeg: return std::make_unique<WicEncoder>(sink, Codec::Jpeg, quality);
+    case DocumentFormat::Tiff: return std::make_unique<WicEncoder>(sink, Codec::Tiff, quality);
+    case DocumentFormat::Pdf: break;
   }
-  path_ = path;
-  file_ = file.release();
-  pages_ = 0;
-  return true;
+  return nullptr;
 }
 
-bool TiffWriter::AppendPage(const PageImage& page, std::string* error) {
-  if (!file_) {
-    *error = "no TIFF file is open";
-    return false;
+// The PNG's lines come back in the delivered layout: colour red first.
+bool CopyPngPage(const std::string& png, const PageFormat& format, DocumentEncoder& into, std::string* error) {
+  Com<IWICImagingFactory> factory;
+  Com<IWICBitmapDecoder> decoder;
+  Com<IWICBitmapFrameDecode> frame;
+  HRESULT hr = CreateFactory(factory);
+  if (SUCCEEDED(hr))
+    hr = factory->CreateDecoderFromFilename(Wide(png).c_str(), nullptr, GENERIC_READ, WICDecodeMetadataCacheOnDemand,
+                                            decoder.Out());
+  if (SUCCEEDED(hr)) hr = decoder->GetFrame(0, frame.Out());
+  std::vector<uint8_t> row(format.bytesPerLine);
+  for (uint32_t y = 0; SUCCEEDED(hr) && y < format.lines; ++y) {
+    const WICRect line{0, static_cast<INT>(y), static_cast<INT>(format.width), 1};
+    hr = frame->CopyPixels(&line, format.bytesPerLine, format.bytesPerLine, row.data());
+    if (FAILED(hr)) break;
+    if (format.kind == PixelKind::Rgb) {
+      for (uint32_t x = 0; x < format.width; ++x) std::swap(row[3 * x], row[3 * x + 2]);
+    }
+    if (!into.WriteLines(row.data(), 1, error)) return false;
   }
-  if (!CheckPageFormat(page.format, error)) return false;
-  std::string why;
-  if (!AddFrame(static_cast<TiffFile*>(file_)->Encoder.Get(), Codec::Tiff, page, 0, &why)) {
-    *error = why;
-    return false;
-  }
-  ++pages_;
-  return true;
-}
-
-bool TiffWriter::Close(std::string* error) {
-  if (!file_) return true;
-  std::unique_ptr<TiffFile> file(static_cast<TiffFile*>(file_));
-  file_ = nullptr;
-  // An encoder without frames cannot be committed; such a file is dropped.
-  const HRESULT hr = pages_ > 0 ? file->Encoder->Commit() : S_OK;
-  file.reset();  // closes the stream
-  if (FAILED(hr)) {
-    *error = hr == HRESULT_FROM_WIN32(ERROR_DISK_FULL) ? WriteFailure(path_, ENOSPC, "")
-                                                       : "cannot finish the TIFF file: " + HresultText(hr);
-    DiscardPartial(partial_);
-    return false;
-  }
-  if (pages_ == 0) {
-    DiscardPartial(partial_);
-    return true;
-  }
-  return PublishPartial(partial_, path_, error);
+  if (SUCCEEDED(hr)) return true;
+  *error = "cannot read back " + png + ": " + HresultText(hr);
+  return false;
 }
 
 // Exclusive creation, as the C library of the system offers it.
