@@ -23,6 +23,7 @@ constexpr CommandName kCommands[] = {
     {"info", CommandKind::Info, 0, 0},       {"caps", CommandKind::Caps, 0, 0},
     {"get", CommandKind::Get, 1, -1},        {"set", CommandKind::Set, 2, -1},
     {"scan", CommandKind::Scan, 0, 0},       {"doctor", CommandKind::Doctor, 0, 0},
+    {"serve", CommandKind::Serve, 0, 0},
 };
 
 std::string Lower(std::string_view text) {
@@ -227,6 +228,45 @@ bool ParseOption(const std::vector<std::string>& args, size_t* i, CommandLine* l
   return ApplyValueOption(name, value, &line->scan, error);
 }
 
+// The serve command's options, as "--name value" or "--name=value".
+bool ParseServeOption(const std::vector<std::string>& args, size_t* i, ServeOptions* serve, std::string* error) {
+  std::string_view arg = args[*i];
+  if (arg == "--no-announce") {
+    serve->announce = false;
+    return true;
+  }
+  std::string_view name = arg, value;
+  const size_t eq = arg.find('=');
+  if (eq != std::string_view::npos) {
+    name = arg.substr(0, eq);
+    value = arg.substr(eq + 1);
+  } else if (name == "--listen" || name == "--port" || name == "--source" || name == "--name") {
+    if (*i + 1 >= args.size()) {
+      *error = std::string(name) + " needs a value";
+      return false;
+    }
+    value = args[++*i];
+  }
+  int64_t n = 0;
+  if (name == "--port") {
+    if (!ParseInteger(value, 0, 65535, &n)) {
+      *error = "--port wants a TCP port, 0 to 65535 (0: any free port)";
+      return false;
+    }
+    serve->port = static_cast<int>(n);
+  } else if (name == "--listen" || name == "--source" || name == "--name") {
+    if (value.empty()) {
+      *error = std::string(name) + " wants a value";
+      return false;
+    }
+    (name == "--listen" ? serve->listen : name == "--source" ? serve->source : serve->name) = std::string(value);
+  } else {
+    *error = "unknown option " + std::string(name) + " for serve";
+    return false;
+  }
+  return true;
+}
+
 bool CheckScanOptions(const CommandLine& line, bool sawScanOption, std::string* error) {
   if (line.kind != CommandKind::Scan) {
     if (sawScanOption) {
@@ -285,6 +325,10 @@ ParseOutcome ParseCommandLine(const std::vector<std::string>& args) {
       line.kind = version ? CommandKind::Version : CommandKind::Help;
       result.ok = true;
       return result;
+    }
+    if (arg.size() > 1 && arg[0] == '-' && sawCommand && line.kind == CommandKind::Serve) {
+      if (!ParseServeOption(args, &i, &line.serve, &result.error)) return result;
+      continue;
     }
     if (arg.size() > 1 && arg[0] == '-' && !(sawCommand && line.kind == CommandKind::Set)) {
       if (!ParseOption(args, &i, &line, &result.error)) return result;
@@ -383,6 +427,7 @@ std::string UsageText() {
          "  scan [OPTIONS]       scan to a file\n"
          "  doctor               explain the set-up: system tree, registry store, driver modules\n"
          "                       and why each is or is not offered, each problem with its fix\n"
+         "  serve [OPTIONS]      serve the source to phones and computers over eSCL (AirScan)\n"
          "  help, version\n"
          "\n"
          "scan options:\n"
@@ -435,6 +480,17 @@ std::string CommandHelpText(CommandKind kind) {
              "source's whole area, to scan.png. Every value is checked against what the\n"
              "scanner admits before anything is set (exit 2 when one is not).\n\n" +
              UsageText().substr(UsageText().find("scan options:"));
+    case CommandKind::Serve:
+      return "usage: sxscan serve [--listen ADDR] [--port N] [--source NAME] [--name TEXT] [--no-announce]\n\n"
+             "Serves the chosen source (or the one NAME matches) over eSCL, the driverless\n"
+             "scanning protocol of phones and computers, until interrupted. One job at a time.\n\n"
+             "  --listen ADDR   the address to listen on; default 127.0.0.1 (this computer only);\n"
+             "                  0.0.0.0 serves every network the computer is on\n"
+             "  --port N        the TCP port; default 8090; 0 takes any free port\n"
+             "  --source NAME   the data source to serve instead of the chosen one\n"
+             "  --name TEXT     the name clients list; default the make and model\n"
+             "  --no-announce   do not announce the scanner on the local network (mDNS,\n"
+             "                  _uscan._tcp); a server on loopback is never announced\n";
     case CommandKind::Doctor:
       return "usage: sxscan doctor\n\nExplains the set-up: the system tree in use and why, the registry store,\n"
              "every driver module and why it is or is not offered, the ASPI and\n"

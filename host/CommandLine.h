@@ -9,7 +9,7 @@
 
 namespace sx::host {
 
-enum class CommandKind { Help, Version, Sources, Select, Info, Caps, Get, Set, Scan, Doctor };
+enum class CommandKind { Help, Version, Sources, Select, Info, Caps, Get, Set, Scan, Doctor, Serve };
 
 // Values are those of CAP_SCANTYPE.
 enum class ScanSource : int { Keep = -1, Auto = 0, Feeder = 1, Flatbed = 2 };
@@ -55,6 +55,19 @@ struct ScanOptions {
   std::vector<std::pair<std::string, std::string>> settings;
 };
 
+// The eSCL server's port when none is given: clear of the ports that web
+// servers and printers take.
+constexpr int kDefaultServePort = 8090;
+
+struct ServeOptions {
+  // Loopback unless the person opens the server to the network.
+  std::string listen = "127.0.0.1";
+  int port = kDefaultServePort;  // 0: any free port, printed when serving
+  std::string source;            // a display name (or part); empty: the chosen source
+  std::string name;              // what clients list; empty: make and model
+  bool announce = true;
+};
+
 struct CommandLine {
   CommandKind kind = CommandKind::Help;
   // With kind Help: the command whose help was asked for ("scan --help");
@@ -62,6 +75,7 @@ struct CommandLine {
   CommandKind helpFor = CommandKind::Help;
   std::vector<std::string> operands;
   ScanOptions scan;
+  ServeOptions serve;
 };
 
 struct ParseOutcome {

@@ -11,6 +11,7 @@
 
 #include "CommandLine.h"
 #include "Commands.h"
+#include "serve/Serve.h"
 
 #ifndef SXSCAN_VERSION
 #define SXSCAN_VERSION "unknown"
@@ -78,6 +79,7 @@ int Dispatch(const sx::host::CommandLine& line) {
     case CommandKind::Set: return RunSet(line.operands);
     case CommandKind::Scan: return RunScan(line.scan);
     case CommandKind::Doctor: return RunDoctor();
+    case CommandKind::Serve: return RunServe(line.serve);
   }
   return kExitUsage;
 }

@@ -1,0 +1,97 @@
+// The scanner behind the eSCL server: the library (one per process) and the
+// jobs that use it, one at a time.
+//
+// Thread contract: the library is called by one thread at a time. Before the
+// server starts, ReadScannerFacts on the main thread; afterwards only a job's
+// own thread, from its start to its end, and a job starts only once the
+// previous job's thread has ended (library_ is held for the whole of it).
+// HTTP handler threads never call the library: they read the cached facts,
+// the job table and the jobs' queues, each guarded by its own lock.
+#pragma once
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "EsclModel.h"
+#include "EsclQueue.h"
+
+namespace sx::host::escl {
+
+// Opens the data source the server serves: `sourceName` (a display name, or
+// a unique part of it) or, when empty, the chosen one. Says why not on stderr.
+bool OpenServedSource(const std::string& sourceName);
+
+// What the open source offers, in the eSCL document's terms. Opens the source
+// and frees the library again.
+bool ReadScannerFacts(const std::string& sourceName, const std::string& displayName, ScannerFacts* facts);
+
+struct Job {
+  using Clock = std::chrono::steady_clock;
+  Job(std::string id, const ScanRequest& scan);
+
+  const std::string uuid;
+  const ScanRequest request;
+  const Clock::time_point created = Clock::now();
+  DocumentQueue queue;
+  std::atomic<bool> cancel{false};
+  // One response streams a job's pages at a time.
+  std::mutex reader;
+
+  enum class Start { Waiting, Accepted, Refused };
+  // Set by the job's thread, read by handlers; guarded by lock.
+  mutable std::mutex lock;
+  std::condition_variable startChanged;
+  Start start = Start::Waiting;
+  std::string refusal;
+  bool running = true;  // the job's thread has not ended yet
+  JobState state = JobState::Processing;
+  int32_t result = 0;   // the library's answer to SxAcquire
+  bool noPaper = false;
+  uint32_t pagesScanned = 0;
+  uint32_t pagesSent = 0;
+  Clock::time_point lastRead = Clock::now();
+
+  JobSummary Summary() const;
+  // Whether the job still holds the scanner: its thread runs, or pages wait
+  // for a client that read recently.
+  bool Holds() const;
+  void Cancel();
+};
+
+class Scanner {
+ public:
+  Scanner(std::string sourceName, ScannerFacts facts);
+  ~Scanner();  // cancels the running job and waits for its thread
+  Scanner(const Scanner&) = delete;
+  Scanner& operator=(const Scanner&) = delete;
+
+  ScannerFacts Facts() const;
+  bool Busy() const;
+
+  enum class Start { Started, Busy, Refused };
+  // Starts a job and waits until the scanner took its settings (Started, with
+  // the job) or refused them (Refused, with the reason).
+  Start StartJob(const ScanRequest& request, std::shared_ptr<Job>* job, std::string* error);
+  std::shared_ptr<Job> Find(const std::string& uuid) const;
+  std::vector<JobSummary> Summaries() const;
+
+ private:
+  void RunJob(const std::shared_ptr<Job>& job);
+  bool Prepare(Job& job, std::string* refusal);
+
+  const std::string sourceName_;
+  mutable std::mutex lock_;  // guards facts_, jobs_, active_ and thread_
+  ScannerFacts facts_;
+  std::vector<std::shared_ptr<Job>> jobs_;  // newest last, a few kept for status
+  std::shared_ptr<Job> active_;
+  std::thread thread_;  // the active job's
+  std::mutex library_;  // held by a job's thread while it uses the library
+};
+
+}  // namespace sx::host::escl
