@@ -3,7 +3,7 @@
 # sanitizers) straight from the platform sources and runs each one for a
 # bounded time on its seed corpus.
 #
-#   tools/fuzz.sh [target...]      targets: registry profile version values driver vscan kernels aspibus
+#   tools/fuzz.sh [target...]      targets: registry profile version values driver vscan kernels aspibus escl
 #                                  (default: all)
 #
 # Environment: FUZZ_SECONDS (default 20) per target; FUZZ_BUILD_DIR (default
@@ -34,11 +34,13 @@ sources[values]="$core"
 sources[driver]="$core"
 sources[vscan]="modules/vscan/VscanConfig.cpp modules/common/ModuleIni.cpp modules/common/ModuleIniPosix.cpp modules/vscan/TestChart.cpp $kernels"
 sources[aspibus]="modules/aspisim/AspiBus.cpp modules/common/ModuleIni.cpp modules/common/ModuleIniPosix.cpp"
+# The eSCL server's ScanSettings parser and its check (links pugixml).
+sources[escl]="host/serve/EsclSettings.cpp"
 # The kernels against the tests' reference; on x86-64 the AVX2 set too.
 sources[kernels]="$kernels tests/support/ReferenceKernels.cpp"
 
 targets=("$@")
-[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version values driver vscan kernels aspibus)
+[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version values driver vscan kernels aspibus escl)
 mkdir -p "$out"
 
 status=0
@@ -53,13 +55,15 @@ for t in "${targets[@]}"; do
   flags=(-std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined
          -I"$root" -I"$root/include" -I"$root/tests")
   extra=()
+  libs=()
+  [[ $t == escl ]] && libs=(-lpugixml)
   if [[ $t == kernels && $(uname -m) == x86_64 ]]; then
     "$cxx" "${flags[@]/-fsanitize=fuzzer,/-fsanitize=fuzzer-no-link,}" -mavx2 -c "$root/imaging/kernels/KernelsAvx2.cpp" \
       -o "$out/KernelsAvx2.o"
     extra=(-DSX_HAVE_AVX2_KERNELS "$out/KernelsAvx2.o")
   fi
   echo "== building $t"
-  "$cxx" "${flags[@]}" "${extra[@]}" "$root/fuzz/${t}_fuzz.cpp" "${srcs[@]}" -o "$bin" -lpthread -ldl
+  "$cxx" "${flags[@]}" "${extra[@]}" "$root/fuzz/${t}_fuzz.cpp" "${srcs[@]}" -o "$bin" "${libs[@]}" -lpthread -ldl
   # New inputs go to a work corpus; the seed corpus in the tree stays as it is.
   work="$out/corpus-$t"
   mkdir -p "$work"
