@@ -17,10 +17,18 @@ class Announcer {
   virtual ~Announcer() = default;
 };
 
-// Announces `name` on `port` with `txt` until the object is destroyed. Null
-// with the reason in *problem when announcing is unavailable (a build without
-// Avahi, no Avahi daemon running); serving goes on without it.
-std::unique_ptr<Announcer> Announce(const std::string& name, uint16_t port, const TxtRecord& txt,
-                                    std::string* problem);
+struct Announcement {
+  ScannerFacts facts;  // its name and the TXT record (DiscoveryTxt)
+  std::string listen;  // the address served: only the network it is on hears of it
+  uint16_t port = 0;
+  // The path of the scanner's icon, announced as a URL on the host's mDNS
+  // name; empty: none.
+  std::string iconPath;
+};
+
+// Announces until the object is destroyed. Null with the reason in *problem
+// when announcing is unavailable (a build without Avahi, no Avahi daemon
+// running); serving goes on without it.
+std::unique_ptr<Announcer> Announce(const Announcement& announcement, std::string* problem);
 
 }  // namespace sx::host::escl

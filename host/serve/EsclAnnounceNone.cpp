@@ -3,7 +3,7 @@
 
 namespace sx::host::escl {
 
-std::unique_ptr<Announcer> Announce(const std::string&, uint16_t, const TxtRecord&, std::string* problem) {
+std::unique_ptr<Announcer> Announce(const Announcement&, std::string* problem) {
   *problem = "this build has no Avahi client library";
   return nullptr;
 }

@@ -7,8 +7,10 @@
 #include <csignal>
 #include <cstdio>
 #include <thread>
+#include <vector>
 
 #include "Commands.h"
+#include "DocumentStream.h"
 #include "EsclAnnounce.h"
 #include "EsclScanner.h"
 #include "Serve.h"
@@ -33,6 +35,7 @@ constexpr auto kFirstBytesWait = 120s;
 constexpr auto kNextBytesWait = 120s;
 constexpr auto kStopPoll = 100ms;
 constexpr char kJobPath[] = "/eSCL/ScanJobs/";
+constexpr char kIconPath[] = "/eSCL/icon.png";
 constexpr char kXml[] = "text/xml";
 
 std::atomic<bool> g_stop{false};
@@ -46,6 +49,41 @@ void Fail(httplib::Response& res, int status, const std::string& why) {
 void Busy(httplib::Response& res, const std::string& why) {
   res.set_header("Retry-After", kRetryAfterSeconds);
   Fail(res, 503, why);
+}
+
+// The picture clients show beside the scanner's name: a flatbed seen from
+// the front, lid over glass, drawn once at start.
+std::string ScannerIconPng() {
+  constexpr uint32_t kSide = 128;
+  struct StringSink : ByteSink {
+    std::string bytes;
+    bool Write(const void* data, size_t n) override {
+      bytes.append(static_cast<const char*>(data), n);
+      return true;
+    }
+  } sink;
+  PageFormat format;
+  format.kind = PixelKind::Rgb;
+  format.width = format.lines = kSide;
+  format.bytesPerLine = kSide * 3;
+  std::vector<uint8_t> line(format.bytesPerLine);
+  auto encoder = MakeDocumentEncoder(DocumentFormat::Png, sink, 0);
+  std::string error;
+  if (!encoder || !encoder->BeginPage(format, &error)) return {};
+  for (uint32_t y = 0; y < kSide; ++y) {
+    for (uint32_t x = 0; x < kSide; ++x) {
+      const bool body = x >= 12 && x < 116 && y >= 44 && y < 96;
+      const bool lid = x >= 12 && x < 116 && y >= 36 && y < 44;
+      const bool glass = body && y >= 52 && y < 58 && x >= 20 && x < 108;
+      const uint8_t rgb[3] = {static_cast<uint8_t>(glass ? 90 : lid ? 60 : body ? 120 : 255),
+                              static_cast<uint8_t>(glass ? 170 : lid ? 60 : body ? 120 : 255),
+                              static_cast<uint8_t>(glass ? 230 : lid ? 70 : body ? 130 : 255)};
+      std::copy(rgb, rgb + 3, line.begin() + x * 3);
+    }
+    if (!encoder->WriteLines(line.data(), 1, &error)) return {};
+  }
+  if (!encoder->EndPage(&error) || !encoder->Finish(&error)) return {};
+  return sink.bytes;
 }
 
 void PostJob(Scanner& scanner, const httplib::Request& req, httplib::Response& res) {
@@ -127,7 +165,8 @@ void DeleteJob(Scanner& scanner, const httplib::Request& req, httplib::Response&
   res.status = 200;
 }
 
-void Route(httplib::Server& server, Scanner& scanner) {
+void Route(httplib::Server& server, Scanner& scanner, const std::string& icon) {
+  server.Get(kIconPath, [&](const httplib::Request&, httplib::Response& res) { res.set_content(icon, "image/png"); });
   server.Get("/eSCL/ScannerCapabilities", [&](const httplib::Request&, httplib::Response& res) {
     res.set_content(escl::CapabilitiesXml(scanner.Facts(), ""), kXml);
   });
@@ -173,8 +212,7 @@ std::unique_ptr<escl::Announcer> StartAnnouncing(const ServeOptions& options, co
     return nullptr;
   }
   std::string problem;
-  auto announcer = escl::Announce(facts.name, static_cast<uint16_t>(port), escl::DiscoveryTxt(facts, "", ""),
-                                  &problem);
+  auto announcer = escl::Announce({facts, options.listen, static_cast<uint16_t>(port), kIconPath}, &problem);
   if (!announcer) std::fprintf(stderr, "sxscan: announcing is unavailable: %s; serving goes on\n", problem.c_str());
   return announcer;
 }
@@ -190,9 +228,10 @@ int RunServe(const ServeOptions& options) {
   escl::ScannerFacts facts;
   if (!escl::ReadScannerFacts(options.source, options.name, &facts)) return kExitFailed;
   Scanner scanner(options.source, facts);
+  const std::string icon = ScannerIconPng();
   httplib::Server server;
   Limit(server);
-  Route(server, scanner);
+  Route(server, scanner, icon);
   const int port = Bind(server, options);
   if (port <= 0) {
     std::fprintf(stderr, "sxscan: cannot listen on %s port %d (in use, or not an address of this host)\n",
