@@ -15,6 +15,10 @@ namespace {
 // Writes go out in blocks of this size: few system calls for a page of many
 // megabytes, little memory.
 constexpr size_t kFileBufferBytes = 256 * 1024;
+// The system is asked to start writing the file to disk after each run of
+// this many bytes, so that little is left to write when it is closed and
+// renamed (a file system may write a renamed file's data out first).
+constexpr uint64_t kWriteBackBytes = 8ull << 20;
 
 int SeekTo(std::FILE* file, uint64_t offset) {
 #ifdef _WIN32
@@ -32,11 +36,14 @@ bool FileSink::Open(const std::string& name) {
   Close();
   name_ = name;
   // Read and write: a TIFF's later directories read back the earlier ones.
-  file_ = std::fopen(name.c_str(), "w+b");
-  size_ = position_ = 0;
+  // The partial file is new and empty: opened without truncating it, which
+  // a file system may answer by writing the whole file out when it closes.
+  file_ = std::fopen(name.c_str(), "r+b");
+  size_ = position_ = writtenBack_ = 0;
   code_ = 0;
   if (!file_) return Fail();
-  std::setvbuf(file_, nullptr, _IOFBF, kFileBufferBytes);
+  buffer_.resize(kFileBufferBytes);
+  std::setvbuf(file_, buffer_.data(), _IOFBF, buffer_.size());
   return true;
 }
 
@@ -67,6 +74,11 @@ bool FileSink::Write(const void* data, size_t bytes) {
   if (std::fwrite(data, 1, bytes, file_) != bytes) return Fail();
   size_ += bytes;
   position_ = size_;
+  if (size_ - writtenBack_ >= kWriteBackBytes) {
+    if (std::fflush(file_) != 0) return Fail();
+    StartWriteBack(file_, writtenBack_, size_ - writtenBack_);
+    writtenBack_ = size_;
+  }
   return true;
 }
 
@@ -162,7 +174,6 @@ bool PageEncoder::EndPage(std::string* error) {
     return false;
   }
   pageOpen_ = false;
-  if (white_.size() != format_.bytesPerLine) white_.clear();
   if (OnEndPage(lines_, error)) {
     ++pages_;
     return true;

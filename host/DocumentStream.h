@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ImageWriter.h"
 
@@ -105,7 +106,9 @@ class FileSink : public ByteSink {
 
   std::string name_;
   std::FILE* file_ = nullptr;
+  std::vector<char> buffer_;
   uint64_t size_ = 0;
+  uint64_t writtenBack_ = 0;  // bytes the system was asked to write to disk
   uint64_t position_ = 0;  // where the next append would go when == size_
   int code_ = 0;
 };

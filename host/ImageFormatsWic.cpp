@@ -1,8 +1,8 @@
 // The document encoders on Windows, through the Windows Imaging Component
 // (the system's own codecs): PNG pages, multi-page TIFF and JPEG pages,
 // written into the byte sink through a stream of this file's own, a few
-// lines per WritePixels call as they arrive. The pixel
-// bytes go to the encoders as the POSIX build writes them: colour lines with
+// lines per WritePixels call as they arrive. The pixel bytes go to the
+// encoders as the POSIX build writes them: colour lines with
 // red and blue swapped (WIC's 24-bit format is blue first), gray as it is,
 // line art at 1 bit with 0 as black (WIC's BlackWhite) in PNG and TIFF, and
 // spread to gray with 1 as black in JPEG. PDF has no codec in WIC: a .pdf
@@ -482,5 +482,8 @@ bool CreateNewFile(const std::string& name, int* code) {
   _close(fd);
   return true;
 }
+
+// Windows' cache manager writes dirty pages out steadily by itself.
+void StartWriteBack(std::FILE*, uint64_t, uint64_t) {}
 
 }  // namespace sx::host

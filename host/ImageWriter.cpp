@@ -58,7 +58,8 @@ constexpr size_t kPartialNameBytes = 4096;
 // Names tried before giving up: each is new with near certainty.
 constexpr int kPartialAttempts = 16;
 
-// Thread contract: written by the host's thread, read by the interrupt
+// Thread contract: written by one thread at a time (the scan's encoder
+// thread, then the host's once that one has ended), read by the interrupt
 // handler, which may run at any moment: the name is complete before its slot
 // is marked used, and the mark is a lock-free atomic.
 char g_partialNames[kPartialSlots][kPartialNameBytes];
@@ -128,15 +129,37 @@ bool CreatePartial(const std::string& path, std::string* partial, std::string* e
   return false;
 }
 
-bool PublishPartial(const std::string& partial, const std::string& path, std::string* error) {
+bool PublishPartial(const std::string& partial, const std::string& path, std::string* error,
+                    std::string* replaced) {
+  std::error_code ec;
+  // The file replaced is first moved aside under a partial name of its own:
+  // removing a large file whose pages the system still caches takes tens of
+  // milliseconds, which the new file need not wait for to take its name.
+  std::string aside;
+  if (replaced && std::filesystem::is_regular_file(path, ec)) {
+    aside = PartialCandidate(path);
+    Remember(aside);
+    std::filesystem::rename(path, aside, ec);
+    if (ec) {
+      Forget(aside);
+      aside.clear();
+    }
+  }
   // The filesystem library replaces an existing output on every system
   // (std::rename does not on Windows).
-  std::error_code ec;
   std::filesystem::rename(partial, path, ec);
   Forget(partial);
-  if (!ec) return true;
+  if (!ec) {
+    if (replaced) *replaced = aside;
+    return true;
+  }
   *error = "cannot write " + path + ": " + ec.message();
   std::remove(partial.c_str());
+  if (!aside.empty()) {
+    std::error_code ignored;
+    std::filesystem::rename(aside, path, ignored);
+    Forget(aside);
+  }
   return false;
 }
 
@@ -183,7 +206,12 @@ OutputDocument::OutputDocument(std::string path, int jpegQuality)
                                                 : Format::Png;
 }
 
-OutputDocument::~OutputDocument() = default;
+OutputDocument::~OutputDocument() { RemoveReplaced(); }
+
+void OutputDocument::RemoveReplaced() {
+  for (const std::string& name : replaced_) DiscardPartial(name);
+  replaced_.clear();
+}
 
 // The first page takes the name itself, the next ones "<stem>-2.jpg" and on.
 std::string OutputDocument::JpegPath(int page) const {
@@ -359,9 +387,12 @@ bool OutputDocument::CloseFile(bool publish) {
     file_ = std::move(file);
     return Fail("cannot write " + file_->path);
   }
-  std::string error;
-  const bool published = PublishPartial(file->partial, file->path, &error);
+  std::string error, replaced;
+  const bool published = PublishPartial(file->partial, file->path, &error, &replaced);
   file->partial.clear();
+  if (!replaced.empty()) replaced_.push_back(replaced);
+  // Pages published during the scan leave nothing for later.
+  if (!finished_) RemoveReplaced();
   return published || Fail(error);
 }
 

@@ -40,9 +40,12 @@ bool CheckPageFormat(const PageFormat& format, std::string* error);
 // same output never share a partial file (the last to finish replaces the
 // output whole). CreatePartial makes the empty file (one system call per
 // system, ImageFormats*.cpp) and records it for RemovePartialFilesNow;
-// PublishPartial renames it to the output, DiscardPartial removes it.
+// PublishPartial renames it to the output, DiscardPartial removes it. With
+// `replaced`, an output that existed is moved aside under a partial name
+// given there (empty when none), for the caller to discard when it likes.
 bool CreatePartial(const std::string& path, std::string* partial, std::string* error);
-bool PublishPartial(const std::string& partial, const std::string& path, std::string* error);
+bool PublishPartial(const std::string& partial, const std::string& path, std::string* error,
+                    std::string* replaced = nullptr);
 void DiscardPartial(const std::string& partial);
 // The message for a write that failed with the system's error `code` (0 when
 // unknown) and the codec's own words `why`: a full disk reads the same for
@@ -52,6 +55,10 @@ std::string WriteFailure(const std::string& path, int code, const std::string& w
 // Creates `name` as a new empty file, failing if it exists; `code` is the
 // system's error then (errno values). One per system, ImageFormats*.cpp.
 bool CreateNewFile(const std::string& name, int* code);
+// Asks the system to start writing `bytes` of `file` from `offset` to disk
+// without waiting for it; nothing where the system does that by itself.
+// One per system, ImageFormats*.cpp.
+void StartWriteBack(std::FILE* file, uint64_t offset, uint64_t bytes);
 
 // The partial files being written, for an interrupt that ends the program at
 // once: slot i's name or nullptr. Safe to call in a signal handler.
@@ -94,6 +101,10 @@ class OutputDocument {
   void DropPage();
   // Completes the files and gives them their names. Idempotent.
   bool Finish();
+  // Removes the files the document's replaced (moved aside as they were
+  // replaced, so that Finish need not wait for their removal). Also done
+  // when the document is destroyed.
+  void RemoveReplaced();
 
   bool PageOpen() const { return open_; }
   uint64_t PageBytes() const { return pageBytes_; }
@@ -125,6 +136,7 @@ class OutputDocument {
   PageFormat page_;            // of the open page
   PageFormat firstPage_;       // a PNG's page, as stored, for its move into a TIFF
   std::vector<uint8_t> part_;  // the start of a line whose rest has not come
+  std::vector<std::string> replaced_;  // earlier outputs moved aside, to remove
   uint64_t pageBytes_ = 0;
   uint32_t pageLines_ = 0;
   bool open_ = false;

@@ -460,6 +460,7 @@ int RunScan(const ScanOptions& options) {
   encoder.Drain();
   bool finished = document.Finish();
   const auto closed = std::chrono::steady_clock::now();
+  document.RemoveReplaced();
   StopWatchingInterrupts();
   buffer.Release(transfer.lastData);
   SxFree();

@@ -63,6 +63,7 @@ struct TiffPage {
   uint32_t width = 0, height = 0;
   uint16_t bits = 0, photometric = 0;
   float xres = 0;
+  uint16_t page = 0, pages = 0;  // "page n of total"
   std::vector<uint8_t> raster;
 };
 
@@ -77,6 +78,7 @@ inline std::vector<TiffPage> ReadTiff(const std::string& path) {
     TIFFGetField(tif, TIFFTAG_BITSPERSAMPLE, &p.bits);
     TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &p.photometric);
     TIFFGetField(tif, TIFFTAG_XRESOLUTION, &p.xres);
+    TIFFGetField(tif, TIFFTAG_PAGENUMBER, &p.page, &p.pages);
     tmsize_t line = TIFFScanlineSize(tif);
     p.raster.resize(size_t(line) * p.height);
     for (uint32_t y = 0; y < p.height; ++y) TIFFReadScanline(tif, p.raster.data() + y * line, y, 0);

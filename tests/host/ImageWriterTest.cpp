@@ -227,7 +227,10 @@ TEST(HostDocumentEncoders, BatchesAbandonedPagesAndFailingSinks) {
     if (format == DocumentFormat::Tiff) {
       std::vector<TiffPage> back = ReadTiff(Write(dir / "b.tif", sink.bytes_));
       ASSERT_EQ(back.size(), 3u);
-      for (size_t i = 0; i < 3; ++i) EXPECT_EQ(back[i].raster, pages[i].Packed(pages[i].format.lines)) << i;
+      for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(back[i].raster, pages[i].Packed(pages[i].format.lines)) << i;
+        EXPECT_TRUE(back[i].page == i && back[i].pages == 3) << back[i].page << " of " << back[i].pages;
+      }
     } else {
       std::vector<PdfPage> back = ReadPdf(sink.bytes_);
       ASSERT_EQ(back.size(), 3u);
