@@ -28,6 +28,8 @@ LINE_US=${SX_BENCH_LINE_US:-750}
 FORMATS=${SX_BENCH_FORMATS:-"png tiff jpeg pdf"}
 TAIL_GOAL_MS=50
 SIZE_SLACK=1.1
+# /usr/bin/time gives wall time in hundredths: one tick apart is a tie.
+TIME_TICK=0.01
 DEVICE=sxscan:QM7110V
 # Letter at 600 dpi, in each program's units.
 SX_AREA=0,0,8.5,11
@@ -92,7 +94,7 @@ sx_ext() { case $1 in png) echo png ;; tiff) echo tif ;; jpeg) echo jpg ;; pdf) 
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else printf "n/a" }'; }
 le() { awk -v a="$1" -v b="$2" 'BEGIN { exit !(a <= b) }'; }
 
-declare -a MEM_MISSED=() PNG_MISSED=() TAIL_MISSED=() FAILED=()
+declare -a MEM_MISSED=() PNG_MISSED=() PNG_OTHER=() TAIL_MISSED=() FAILED=()
 TAIL_SEEN=0
 OTHER_FORMAT=0
 PNG_SEEN=0
@@ -141,9 +143,11 @@ for speed in memory paced; do
         "$(ratio "$sx_bytes" "$si_bytes")" "$tail"
 
       le "$sx_rss" "$si_rss" || MEM_MISSED+=("$row")
-      if [ "$fmt" = png ]; then
+      if [ "$fmt" = png ] && [ "$mark" = "*" ]; then
+        PNG_OTHER+=("$row")
+      elif [ "$fmt" = png ]; then
         PNG_SEEN=1
-        { le "$sx_wall" "$si_wall" && le "$sx_bytes" "$(awk -v b="$si_bytes" -v s=$SIZE_SLACK 'BEGIN{print b*s}')"; } ||
+        { le "$sx_wall" "$(awk -v w="$si_wall" -v t=$TIME_TICK 'BEGIN{print w + t}')" && le "$sx_bytes" "$(awk -v b="$si_bytes" -v s=$SIZE_SLACK 'BEGIN{print b*s}')"; } ||
           PNG_MISSED+=("$row")
       fi
       if [ "$speed" = paced ] && [ "$tail" != n/a ]; then
@@ -166,7 +170,11 @@ if [ "$OTHER_FORMAT" = 1 ]; then echo "*: sxscan wrote another format than the o
 echo "Goals:"
 verdict "memory <= scanimage's" "${MEM_MISSED[@]}"
 if [ "$PNG_SEEN" = 1 ]; then
-  verdict "PNG wall <= scanimage's at a file <= ${SIZE_SLACK}x its size" "${PNG_MISSED[@]}"
+  verdict "PNG wall <= scanimage's (+${TIME_TICK} s, the timer's tick) at a file <= ${SIZE_SLACK}x its size" \
+    "${PNG_MISSED[@]}"
+fi
+if [ ${#PNG_OTHER[@]} -gt 0 ]; then
+  echo "  (not judged for PNG: $(IFS=,; echo "${PNG_OTHER[*]}" | sed 's/,/, /g'), where sxscan wrote no PNG)"
 fi
 if [ "$TAIL_SEEN" = 1 ]; then
   verdict "tail <= $TAIL_GOAL_MS ms (paced)" "${TAIL_MISSED[@]}"
