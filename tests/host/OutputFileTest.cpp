@@ -83,13 +83,14 @@ TEST(HostOutputFiles, UnwritableFolderAndFullDiskAreNamed) {
   EXPECT_NE(text.find("cannot create a file in the folder /sys: "), std::string::npos) << text;
   EXPECT_EQ(text.find("page 1"), std::string::npos) << text;
 
-  // A full disk: a tiny file system, filled, mounted in a namespace of the
-  // test's own.
+  // A disk that fills inside the first page of a feeder job: a small file
+  // system with 128 KiB left, mounted in a namespace of the test's own. The
+  // scan stops there, with the reason, and leaves nothing.
   const fs::path script = root.Path() / "full.sh";
   sxtest::WriteFile(script,
-      "cd '" + root.Path().string() + "' && mkdir -p full && mount -t tmpfs -o size=16k tmpfs full || exit 77\n"
-      "head -c 65536 /dev/zero >full/filler 2>/dev/null\n"
-      "for f in png tif jpg pdf; do '" SX_TEST_SXSCAN "' scan --source flatbed --area 0,0,4,4 --output full/page.$f\n"
+      "cd '" + root.Path().string() + "' && mkdir -p full && mount -t tmpfs -o size=1m tmpfs full || exit 77\n"
+      "head -c 917504 /dev/zero >full/filler 2>/dev/null\n"
+      "for f in png tif jpg pdf; do '" SX_TEST_SXSCAN "' scan --source feeder --pages 4 --output full/page.$f\n"
       "echo \"status $f $?\"; done; echo left: $(ls -A full)\n");
   status = std::system(("unshare -rm sh '" + script.string() + "' >'" + log.string() + "' 2>&1").c_str());
   text = sxtest::ReadFile(log);
@@ -100,6 +101,7 @@ TEST(HostOutputFiles, UnwritableFolderAndFullDiskAreNamed) {
         << text;
     EXPECT_NE(text.find("status " + format + " 1"), std::string::npos) << text;
   }
+  EXPECT_EQ(text.find("page 2:"), std::string::npos) << text;
   EXPECT_NE(text.find("left: filler\n"), std::string::npos) << text;
 }
 
