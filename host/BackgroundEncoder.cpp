@@ -64,14 +64,22 @@ bool BackgroundEncoder::Failed(std::string* why) const {
   return failed_;
 }
 
-void BackgroundEncoder::Drain() {
+void BackgroundEncoder::Stop(Kind kind) {
   if (!thread_.joinable()) return;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    queue_.push_back({Kind::Stop, {}, {}});
+    queue_.push_back({kind, {}, {}});
     changed_.notify_all();
   }
   thread_.join();
+}
+
+void BackgroundEncoder::Drain() { Stop(Kind::Stop); }
+
+bool BackgroundEncoder::Finish() {
+  if (!thread_.joinable()) return document_.Finish();
+  Stop(Kind::Finish);
+  return finished_;
 }
 
 bool BackgroundEncoder::Apply(Event& event) {
@@ -81,7 +89,8 @@ bool BackgroundEncoder::Apply(Event& event) {
       return (!document_.PageOpen() || document_.EndPage()) && document_.BeginPage(event.format);
     case Kind::Data: return document_.Append(event.bytes.data(), event.bytes.size());
     case Kind::End: return document_.EndPage();
-    case Kind::Stop: return true;
+    case Kind::Stop:
+    case Kind::Finish: return true;
   }
   return true;
 }
@@ -95,6 +104,7 @@ void BackgroundEncoder::Run() {
       event = std::move(queue_.front());
       queue_.pop_front();
       if (event.kind == Kind::Stop) return;
+      if (event.kind == Kind::Finish) break;
       if (failed_) {  // the rest is dropped: the scan is being stopped
         queuedBytes_ -= event.bytes.size();
         changed_.notify_all();
@@ -111,6 +121,8 @@ void BackgroundEncoder::Run() {
     if (event.kind == Kind::Data && spare_.size() < kSpareBuffers) spare_.push_back(std::move(event.bytes));
     changed_.notify_all();
   }
+  // Read by the caller once the thread has been joined.
+  finished_ = document_.Finish();
 }
 
 }  // namespace sx::host

@@ -7,8 +7,10 @@
 // Thread contract: the producer calls (BeginPage, Append, EndPage, Failed)
 // come from one thread, the host's (the library calls the transfer callback
 // on it in both transfer modes). The encoder thread alone touches the
-// document from Start until Drain returns; after that it is the caller's
-// again. A failure of the document (a full disk) is kept with its message:
+// document from Start until Finish or Drain returns, finishing it included:
+// the system's codecs (COM objects on Windows) are made, used and released
+// on that one thread. After that the document is the caller's again, to
+// read. A failure of the document (a full disk) is kept with its message:
 // every later producer call answers false at once, so the callback stops the
 // scan with that message, and a producer waiting for room is woken.
 #pragma once
@@ -47,17 +49,22 @@ class BackgroundEncoder {
   bool EndPage();
   bool Failed(std::string* why) const;
 
-  // Waits until every queued event is applied, then ends the thread.
+  // Applies every queued event, finishes the document (OutputDocument::
+  // Finish) and ends the thread; the document's answer.
+  bool Finish();
+  // Applies every queued event and ends the thread, leaving the document
+  // unfinished.
   void Drain();
 
  private:
-  enum class Kind : uint8_t { Begin, Data, End, Stop };
+  enum class Kind : uint8_t { Begin, Data, End, Stop, Finish };
   struct Event {
     Kind kind;
     PageFormat format;
     std::vector<uint8_t> bytes;
   };
   bool Push(Event event);
+  void Stop(Kind kind);
   void Run();
   bool Apply(Event& event);
 
@@ -69,6 +76,7 @@ class BackgroundEncoder {
   std::vector<std::vector<uint8_t>> spare_;  // buffers of applied blocks, reused
   size_t queuedBytes_ = 0;
   bool failed_ = false;
+  bool finished_ = false;  // the document's answer to Finish
   std::string failure_;
   std::thread thread_;
 };

@@ -456,9 +456,9 @@ int RunScan(const ScanOptions& options) {
   int32_t result = SxAcquire(OnTransfer, buffer.address);
 
   g_transfer = nullptr;
-  // What is queued is encoded; then the document is this thread's again.
-  encoder.Drain();
-  bool finished = document.Finish();
+  // What is queued is encoded and the document finished on the encoder's
+  // thread; then the document is this thread's again.
+  bool finished = encoder.Finish();
   const auto closed = std::chrono::steady_clock::now();
   document.RemoveReplaced();
   StopWatchingInterrupts();
