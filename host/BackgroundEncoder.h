@@ -32,6 +32,9 @@ class BackgroundEncoder {
   // A few blocks of the default transfer size: enough to ride out an
   // encoder that is briefly slower than the scanner, small beside the page.
   static constexpr size_t kQueueBytes = size_t{4} << 20;
+  // In buffered transfers the library's own ring of buffers already rides
+  // out a slow encoder: two blocks here are enough.
+  static constexpr size_t kBufferedQueueBytes = size_t{2} << 20;
 
   explicit BackgroundEncoder(OutputDocument& document, size_t queueBytes = kQueueBytes);
   ~BackgroundEncoder();

@@ -427,7 +427,8 @@ int RunScan(const ScanOptions& options) {
   }
 
   OutputDocument document(options.output, options.quality);
-  BackgroundEncoder encoder(document);
+  BackgroundEncoder encoder(document, options.buffered ? BackgroundEncoder::kBufferedQueueBytes
+                                                       : BackgroundEncoder::kQueueBytes);
   if (!encoder.Start(&error)) {
     std::fprintf(stderr, "sxscan: %s\n", error.c_str());
     buffer.Release(nullptr);
