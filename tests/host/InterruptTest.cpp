@@ -30,9 +30,9 @@ bool HasPartialFile(const fs::path& folder) {
 }
 
 // Runs `sxscan scan ARGS` in the root, sends SIGINT as soon as standard error
-// shows `mark` (or, with no mark, a partial file is being written) and, if
-// `second` is a signal, that one right after; returns the exit status and
-// what it printed.
+// shows `mark` (and, with `second`, a partial file is being written: the
+// page has begun) and, if `second` is a signal, that one right after;
+// returns the exit status and what it printed.
 std::pair<int, std::string> InterruptAt(const sxtest::TempRoot& root, std::vector<const char*> args,
                                         const std::string& mark, int second = 0) {
   const std::string log = (root.Path() / "err.txt").string();
@@ -50,7 +50,7 @@ std::pair<int, std::string> InterruptAt(const sxtest::TempRoot& root, std::vecto
   }
   const auto start = std::chrono::steady_clock::now();
   const auto reached = [&] {
-    return mark.empty() ? HasPartialFile(root.Path()) : sxtest::ReadFile(log).find(mark) != std::string::npos;
+    return sxtest::ReadFile(log).find(mark) != std::string::npos && (!second || HasPartialFile(root.Path()));
   };
   while (!reached() && std::chrono::steady_clock::now() - start < std::chrono::seconds(30)) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -106,7 +106,11 @@ TEST(HostInterrupt, SecondSignalDuringAPageRemovesThePartialFile) {
   for (const char* output : {"mid.png", "mid.tif", "mid.jpg", "mid.pdf"}) {
     for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
       SCOPED_TRACE(testing::Message() << output << " signal " << signal);
-      auto [code, text] = InterruptAt(root, FeederTo(output), "", signal);
+      // The library's progress dialog shows once the scan, and the
+      // program's interrupt handling, have begun.
+      std::vector<const char*> args = FeederTo(output);
+      args.push_back("--progress");
+      auto [code, text] = InterruptAt(root, args, "Scanning", signal);
       EXPECT_EQ(code, 130) << text;
       EXPECT_NE(text.find("scan cancelled"), std::string::npos) << text;
       EXPECT_FALSE(HasPartialFile(root.Path())) << text;
