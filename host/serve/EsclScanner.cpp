@@ -27,8 +27,9 @@ constexpr size_t kLinesPerBlock = 32;
 // Encoded bytes waiting for the client: the bound on what a job holds
 // beyond the encoder's own state.
 constexpr size_t kQueueBytes = 4u << 20;
-// A client that reads nothing for this long has gone away.
-constexpr auto kStall = 120s;
+// A client that reads nothing for this long has gone away: its pages are
+// dropped and the scanner is free for the next job.
+constexpr auto kStall = 30s;
 // Jobs kept after they end, for ScannerStatus.
 constexpr size_t kKeptJobs = 8;
 // How long a request waits for the scanner to take a job's settings.

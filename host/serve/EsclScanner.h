@@ -31,6 +31,11 @@ bool OpenServedSource(const std::string& sourceName);
 // and frees the library again.
 bool ReadScannerFacts(const std::string& sourceName, const std::string& displayName, ScannerFacts* facts);
 
+// One ScanSettings document's scan. A feeder job is one acquisition of all
+// the pages, as the library scans a feeder: the pages wait in order in the
+// job's bounded queue, each taken by its own NextDocument request, and the
+// scanner waits while the queue is full. (Restarting the scanner for each
+// page would feed and warm it up again every time.)
 struct Job {
   using Clock = std::chrono::steady_clock;
   Job(std::string id, const ScanRequest& scan);
