@@ -117,6 +117,17 @@ class Serve : public ::testing::Test {
                                        " --units 300ths --output '" + Path(output) + "' 2>&1", &status);
     ASSERT_EQ(status, 0) << text;
   }
+  // Waits (up to 20 s) until the server's log holds `text` `count` times.
+  bool WaitForLog(const std::string& text, int count) const {
+    for (int i = 0; i < 200; ++i) {
+      const std::string log = ReadLog();
+      int found = 0;
+      for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++found;
+      if (found >= count) return true;
+      std::this_thread::sleep_for(100ms);
+    }
+    return false;
+  }
   // ScannerStatus once the scanner is idle again (or after 20 s).
   std::string IdleStatus() const {
     std::string body;
@@ -222,18 +233,20 @@ TEST_F(ServeToAirscan, FeederBatchGivesEachPageOnce) {
 TEST_F(ServeToAirscan, CancelMidPageAndTwoClientsAtOnce) {
   Pace(4000);  // 8 inches at 100 dpi: 3.2 s a page
   const std::string slow = "-d " + std::string(kDevice) + " --format=pnm --mode Gray --resolution 100 -x 50.8 -y 203.2";
+  const std::string started = "POST /eSCL/ScanJobs: 201";
   {
     Started stopped(Scanimage(slow + " >/dev/null 2>&1"));
-    std::this_thread::sleep_for(1500ms);
+    ASSERT_TRUE(WaitForLog(started, 1));
+    std::this_thread::sleep_for(500ms);
     EXPECT_NE(stopped.Wait(SIGINT), 0);
   }
   const std::string status = IdleStatus();
   EXPECT_NE(status.find("<pwg:State>Idle</pwg:State>"), std::string::npos) << status;
   EXPECT_NE(status.find("<pwg:JobState>Canceled</pwg:JobState>"), std::string::npos) << status;
 
-  Pace(1000);  // 0.8 s a page
+  Pace(2000);  // 1.6 s a page
   Started first(Scanimage(slow + " >'" + Path("first.pnm") + "' 2>/dev/null"));
-  std::this_thread::sleep_for(300ms);
+  ASSERT_TRUE(WaitForLog(started, 2));
   int second = 0;
   const std::string pnm = Scan("--format=pnm --mode Gray --resolution 100 -x 50.8 -y 25.4", &second);
   EXPECT_EQ(first.Wait(), 0);
