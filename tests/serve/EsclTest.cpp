@@ -8,6 +8,7 @@
 #include <regex>
 #include <thread>
 
+#include "CommandLine.h"
 #include "serve/EsclModel.h"
 #include "serve/EsclQueue.h"
 
@@ -253,6 +254,28 @@ TEST(EsclQueue, AWriterIsReleasedByCloseOrByAReaderThatStopped) {
   cut.Finish();
   ASSERT_EQ(cut.Next(&chunk, 1s), DocumentQueue::Read::Bytes);
   EXPECT_EQ(cut.Next(&chunk, 1s), DocumentQueue::Read::Failed);
+}
+
+TEST(ServeCommandLine, LoopbackByDefaultAndEachOptionChecked) {
+  ParseOutcome plain = ParseCommandLine({"serve"});
+  ASSERT_TRUE(plain.ok);
+  EXPECT_EQ(plain.line.kind, CommandKind::Serve);
+  EXPECT_EQ(plain.line.serve.listen, "127.0.0.1");
+  EXPECT_EQ(plain.line.serve.port, kDefaultServePort);
+  EXPECT_TRUE(plain.line.serve.announce);
+  // --source names a data source here, not a flatbed or feeder.
+  ParseOutcome all = ParseCommandLine({"serve", "--listen", "0.0.0.0", "--port=0", "--source", "QM7110", "--name",
+                                       "Office scanner", "--no-announce"});
+  ASSERT_TRUE(all.ok) << all.error;
+  EXPECT_TRUE(all.line.serve.listen == "0.0.0.0" && all.line.serve.port == 0 && all.line.serve.source == "QM7110" &&
+              all.line.serve.name == "Office scanner" && !all.line.serve.announce);
+  for (const std::vector<std::string>& wrong : {std::vector<std::string>{"serve", "--port", "65536"},
+                                               {"serve", "--port", "http"}, {"serve", "--listen"},
+                                               {"serve", "--name="}, {"serve", "--mode", "gray"}, {"serve", "extra"},
+                                               {"--port", "8090", "serve"}}) {
+    EXPECT_FALSE(ParseCommandLine(wrong).ok) << wrong.back();
+  }
+  EXPECT_NE(CommandHelpText(CommandKind::Serve).find("--no-announce"), std::string::npos);
 }
 
 }  // namespace
