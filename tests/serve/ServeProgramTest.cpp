@@ -192,21 +192,19 @@ TEST_F(ServeToAirscan, ListsOffersAndScansEachModeAsALocalScanDoes) {
   for (const char* text : {"--resolution 75|100|150|200|300|400|600dpi [300]", "--mode Color|Gray [Color]",
                            "--source Flatbed|ADF [Flatbed]", "-x 0..215.9mm", "-y 0..297.011mm"})
     EXPECT_NE(options.find(text), std::string::npos) << text << "\n" << options;
-  // 2 by 1 inches, half an inch in and an inch down: 150 pixels at 75 dpi,
-  // which the scanner narrows to 128.
-  struct Case {
-    const char* mode;
-    const char* local;
-    int dpi;
-  } cases[] = {{"Gray", "gray", 100}, {"Color", "color", 75}, {"Color", "color", 300}};
-  for (const auto& c : cases) {
-    const std::string what = std::string(c.mode) + " " + std::to_string(c.dpi);
-    const std::string pnm = Scan("--format=pnm -l 12.7 -t 25.4 -x 50.8 -y 25.4 --mode " + std::string(c.mode) +
-                                     " --resolution " + std::to_string(c.dpi), &status);
-    ASSERT_EQ(status, 0) << what;
-    LocalScan("--source flatbed --area 150,300,600,300 --mode " + std::string(c.local) + " --resolution " +
-                  std::to_string(c.dpi), "local.png");
-    ExpectSamePage(pnm, "local.png", 2 * c.dpi, what);
+  // Every mode and resolution the client offers: 2 by 1 inches, half an
+  // inch in and an inch down (150 pixels wide at 75 dpi, which the scanner
+  // narrows to 128).
+  for (const auto& [mode, local] : {std::pair{"Gray", "gray"}, std::pair{"Color", "color"}}) {
+    for (int dpi : {75, 100, 150, 200, 300, 400, 600}) {
+      const std::string what = std::string(mode) + " " + std::to_string(dpi);
+      const std::string pnm = Scan("--format=pnm -l 12.7 -t 25.4 -x 50.8 -y 25.4 --mode " + std::string(mode) +
+                                       " --resolution " + std::to_string(dpi), &status);
+      ASSERT_EQ(status, 0) << what;
+      LocalScan("--source flatbed --area 150,300,600,300 --mode " + std::string(local) + " --resolution " +
+                    std::to_string(dpi), "local.png");
+      ExpectSamePage(pnm, "local.png", 2 * dpi, what);
+    }
   }
 }
 
