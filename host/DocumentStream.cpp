@@ -126,9 +126,9 @@ uint32_t PackedLineBytes(const PageFormat& f) {
   return static_cast<uint32_t>((bits + 7) / 8);
 }
 
-std::vector<uint8_t> WhiteLine(const PageFormat& f, bool lineartOnesAreWhite) {
-  const bool zeros = f.kind == PixelKind::Lineart && !lineartOnesAreWhite;
-  return std::vector<uint8_t>(f.bytesPerLine, zeros ? 0x00 : 0xFF);
+std::vector<uint8_t> WhiteLine(const PageFormat& f) {
+  // Delivered line art has 1 for white, like the gray scale's high values.
+  return std::vector<uint8_t>(f.bytesPerLine, 0xFF);
 }
 
 bool PageEncoder::BeginPage(const PageFormat& format, std::string* error) {

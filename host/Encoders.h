@@ -56,9 +56,9 @@ class PageEncoder : public DocumentEncoder {
   uint32_t lines_ = 0;
 };
 
-// One delivered line of white: 0xFF samples, and for line art the bits the
-// format reads as white (`lineartOnesAreWhite`).
-std::vector<uint8_t> WhiteLine(const PageFormat& format, bool lineartOnesAreWhite);
+// One delivered line of white: 0xFF samples, and for line art all ones
+// (delivered line art has 0 for black, as every format written reads it).
+std::vector<uint8_t> WhiteLine(const PageFormat& format);
 
 // Reads the PNG file `png` (a page this build wrote, of `format` with packed
 // lines) back into `into`'s open page, line by line. One per system.

@@ -41,9 +41,9 @@ constexpr uint8_t kMarker = 0xFF, kSoi = 0xD8, kEoi = 0xD9, kSos = 0xDA, kRst0 =
 // marker, length and precision.
 constexpr size_t kFrameHeightAt = 5;
 
-// One line as 8-bit samples: line art bits (1 = black) become 0 or 255.
+// One line as 8-bit samples: line art bits (0 = black) become 0 or 255.
 void GrayLine(const PageFormat& f, const uint8_t* row, uint8_t* out) {
-  for (uint32_t x = 0; x < f.width; ++x) out[x] = (row[x / 8] >> (7 - x % 8)) & 1 ? 0 : 255;
+  for (uint32_t x = 0; x < f.width; ++x) out[x] = (row[x / 8] >> (7 - x % 8)) & 1 ? 255 : 0;
 }
 
 class JpegEncoder;
@@ -223,7 +223,7 @@ bool FinishJpeg(JpegContext* c) {
 bool JpegEncoder::OnBeginPage(std::string* error) {
   buffer_.resize(kJpegBufferBytes);
   cuttable_ = sink_.CanRewrite();
-  white_ = WhiteLine(format_, false);
+  white_ = WhiteLine(format_);
   if (format_.kind == PixelKind::Lineart) gray_.resize(format_.width);
   if (!StartJpeg(&context_, format_, quality_, cuttable_)) return Failure(error);
   return true;

@@ -5,7 +5,7 @@
 // encoders as the POSIX build writes them: colour lines with
 // red and blue swapped (WIC's 24-bit format is blue first), gray as it is,
 // line art at 1 bit with 0 as black (WIC's BlackWhite) in PNG and TIFF, and
-// spread to gray with 1 as black in JPEG. PDF has no codec in WIC: a .pdf
+// spread to gray (0 black, 255 white) in JPEG. PDF has no codec in WIC: a .pdf
 // output is refused before the scan.
 //
 // Design note: a WIC frame's size is fixed before its pixels come, so a page
@@ -135,7 +135,7 @@ void FileLine(Codec codec, const PageFormat& f, const uint8_t* row, uint8_t* out
       out[2] = row[0];
     }
   } else if (f.kind == PixelKind::Lineart && codec == Codec::Jpeg) {
-    for (uint32_t x = 0; x < f.width; ++x) out[x] = (row[x / 8] >> (7 - x % 8)) & 1 ? 0 : 255;
+    for (uint32_t x = 0; x < f.width; ++x) out[x] = (row[x / 8] >> (7 - x % 8)) & 1 ? 255 : 0;
   } else {
     std::copy(row, row + FileStride(codec, f), out);
   }
@@ -360,7 +360,7 @@ class WicEncoder final : public PageEncoder {
     stride_ = FileStride(codec_, f);
     written_ = 0;
     chunk_.resize(size_t{stride_} * kLinesPerWrite);
-    white_ = WhiteLine(f, codec_ != Codec::Jpeg);
+    white_ = WhiteLine(f);
     return true;
   }
 

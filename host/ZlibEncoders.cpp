@@ -153,7 +153,7 @@ class PngEncoder final : public PageEncoder {
     filtered_ = format_.kind != PixelKind::Lineart;
     previous_.assign(rowBytes_, 0);
     for (auto& row : rows_) row.assign(rowBytes_ + 1, 0);
-    white_ = WhiteLine(format_, true);
+    white_ = WhiteLine(format_);
     if (!deflater_.Start(filtered_ ? Z_FILTERED : Z_DEFAULT_STRATEGY)) {
       *error = "no memory for the compressor";
       return false;
@@ -301,9 +301,8 @@ class PdfEncoder final : public PageEncoder {
     if (offset_ == 0 && !Text("%PDF-1.4\n%\xE2\xE3\xCF\xD3\n", error)) return false;
     pageOffset_ = offset_;  // after the header: the header stays if the page is abandoned
     rowBytes_ = PackedLineBytes(format_);
-    white_ = WhiteLine(format_, false);
+    white_ = WhiteLine(format_);
     const bool rgb = format_.kind == PixelKind::Rgb, lineart = format_.kind == PixelKind::Lineart;
-    if (lineart) row_.resize(rowBytes_);
     if (!deflater_.Start(Z_DEFAULT_STRATEGY)) {
       *error = "no memory for the compressor";
       return false;
@@ -319,13 +318,8 @@ class PdfEncoder final : public PageEncoder {
 
   bool OnLines(const uint8_t* data, uint32_t lines, std::string* error) override {
     for (uint32_t y = 0; y < lines; ++y, data += format_.bytesPerLine) {
-      const uint8_t* row = data;
-      if (format_.kind == PixelKind::Lineart) {
-        // PDF's 1-bit gray has 0 for black: the delivered bits, inverted.
-        for (uint32_t i = 0; i < rowBytes_; ++i) row_[i] = static_cast<uint8_t>(~data[i]);
-        row = row_.data();
-      }
-      if (!deflater_.Feed(row, rowBytes_, Z_NO_FLUSH, Drain(error))) return Failed(error);
+      // PDF's 1-bit gray reads 0 as black, as delivered line art does.
+      if (!deflater_.Feed(data, rowBytes_, Z_NO_FLUSH, Drain(error))) return Failed(error);
     }
     return true;
   }
@@ -391,7 +385,6 @@ class PdfEncoder final : public PageEncoder {
 
   Deflater deflater_;
   std::vector<uint64_t> offsets_;
-  std::vector<uint8_t> row_;
   uint32_t rowBytes_ = 0;
 };
 

@@ -123,7 +123,7 @@ JpegRead ReferenceJpeg(const Page& page, uint32_t lines, int quality) {
   for (uint32_t y = 0; y < lines; ++y) {
     JSAMPROW row = const_cast<JSAMPROW>(page.raster.data() + size_t{y} * f.bytesPerLine);
     if (f.kind == PixelKind::Lineart) {
-      for (uint32_t x = 0; x < f.width; ++x) gray[x] = (row[x / 8] >> (7 - x % 8)) & 1 ? 0 : 255;
+      for (uint32_t x = 0; x < f.width; ++x) gray[x] = (row[x / 8] >> (7 - x % 8)) & 1 ? 255 : 0;
       row = gray.data();
     }
     jpeg_write_scanlines(&jpeg, &row, 1);
@@ -170,13 +170,10 @@ TEST(HostDocumentEncoders, EveryFormatKeepsTheDeliveredPixelsAndLength) {
         EXPECT_EQ(pdfPages[0].imageHeight, full);
         EXPECT_NEAR(pdfPages[0].height, lines * 72.0 / page.format.ydpi, 1e-3);
         EXPECT_NEAR(pdfPages[0].width, page.format.width * 72.0 / page.format.xdpi, 1e-3);
-        Page pdfExpected = page;  // line art inverted: PDF's 0 is black
+        Page pdfExpected = page;
         std::fill(pdfExpected.raster.begin() + size_t{lines} * page.format.bytesPerLine, pdfExpected.raster.end(),
-                  page.format.kind == PixelKind::Lineart ? 0x00 : 0xFF);
+                  0xFF);
         std::vector<uint8_t> want = pdfExpected.Packed(full);
-        if (page.format.kind == PixelKind::Lineart) {
-          for (uint8_t& b : want) b = static_cast<uint8_t>(~b);
-        }
         EXPECT_EQ(Masked(pdfPages[0].raster, page.format), Masked(want, page.format));
 
         MemorySink jpeg(file);
@@ -187,8 +184,7 @@ TEST(HostDocumentEncoders, EveryFormatKeepsTheDeliveredPixelsAndLength) {
         // The reference: the delivered lines, white to the end of the block
         // row after them (as the encoder completes them), cut to the length.
         Page padded = page;
-        std::fill(padded.raster.begin() + size_t{lines} * page.format.bytesPerLine, padded.raster.end(),
-                  page.format.kind == PixelKind::Lineart ? 0x00 : 0xFF);
+        std::fill(padded.raster.begin() + size_t{lines} * page.format.bytesPerLine, padded.raster.end(), 0xFF);
         const uint32_t rowHeight = page.format.kind == PixelKind::Rgb ? 16 : 8;
         JpegRead reference = ReferenceJpeg(padded, file ? std::min(full, (lines + rowHeight - 1) / rowHeight * rowHeight) : full, kQuality);
         reference.raster.resize(size_t{shown} * reference.width * reference.components);

@@ -211,6 +211,43 @@ TEST(HostProgram, FeederPagesAsPdfAndJpeg) {
   EXPECT_EQ(RunProgram(root, "scan --quality 0 --output x.jpg").exitCode, 2);
 }
 
+// The share of light pixels: bits set in packed line art, samples above the
+// middle in 8-bit gray.
+double LightShare(const std::vector<uint8_t>& raster, bool packed) {
+  size_t light = 0, total = 0;
+  for (uint8_t b : raster) {
+    if (packed) {
+      light += static_cast<size_t>(__builtin_popcount(b)), total += 8;
+    } else {
+      light += b > 127, ++total;
+    }
+  }
+  return total ? static_cast<double>(light) / static_cast<double>(total) : -1;
+}
+
+// Line art reads alike in every format, and as the gray scan of the same
+// area does: light where the page is light.
+TEST(HostProgram, LineArtReadsAsTheGrayScanInEveryFormat) {
+  sxtest::TempRoot root;
+  Install(root, "QM7110V", 0);
+  ASSERT_EQ(RunProgram(root, "select QM7110V").exitCode, 0);
+  const std::string scan = "scan --resolution 100 --area 0,0,2.56,2 ";
+  ASSERT_EQ(RunProgram(root, scan + "--mode gray --output gray.png").exitCode, 0);
+  const double gray = LightShare(ReadPng((root.Path() / "gray.png").string()).raster, false);
+  for (const char* name : {"la.png", "la.tif", "la.jpg", "la.pdf"}) {
+    Outcome o = RunProgram(root, scan + "--mode lineart --output " + name);
+    ASSERT_EQ(o.exitCode, 0) << o.text;
+    const std::string path = (root.Path() / name).string();
+    const std::string ext = fs::path(name).extension().string();
+    double share = -1;
+    if (ext == ".png") share = LightShare(ReadPng(path).raster, true);
+    if (ext == ".tif") share = LightShare(ReadTiff(path).at(0).raster, true);
+    if (ext == ".jpg") share = LightShare(DecodeJpeg(ReadBytes(path)).raster, false);
+    if (ext == ".pdf") share = LightShare(ReadPdf(ReadBytes(path)).at(0).raster, true);
+    EXPECT_NEAR(share, gray, 0.05) << name;
+  }
+}
+
 }  // namespace
 }  // namespace sx::host
 
