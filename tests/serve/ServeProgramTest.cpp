@@ -208,7 +208,7 @@ TEST_F(ServeToAirscan, ListsOffersAndScansEachModeAsALocalScanDoes) {
   }
 }
 
-TEST_F(ServeToAirscan, FeederBatchGivesEachPageOnce) {
+TEST_F(ServeToAirscan, FeederBatchGivesEachPageOnceAndAnEmptyFeederIsSaid) {
   int status = 0;
   Shell("cd '" + root_.Path().string() + "' && " +
             Scanimage("-d " + std::string(kDevice) + " --source ADF --batch=adf%d.pnm --format=pnm --mode Gray "
@@ -224,6 +224,11 @@ TEST_F(ServeToAirscan, FeederBatchGivesEachPageOnce) {
   EXPECT_FALSE(fs::exists(Path("adf4.pnm")));
   // One request per page, and a fourth that finds none.
   EXPECT_NE(ReadLog().find("NextDocument: 404"), std::string::npos);
+  // An empty feeder: the job is refused and the client says so.
+  root_.InstallVscan(kVscanDir, "[Feeder]\nSheets=0\n");
+  Scan("--source ADF --format=pnm --mode Gray --resolution 100 -x 50.8 -y 25.4", &status);
+  EXPECT_EQ(WEXITSTATUS(status), 7) << "SANE_STATUS_NO_DOCS";
+  EXPECT_NE(ReadLog().find("POST /eSCL/ScanJobs: 409"), std::string::npos);
 }
 
 // A person stops a scan part-way (one interrupt: the client cancels the
