@@ -32,6 +32,8 @@ constexpr size_t kQueueBytes = 4u << 20;
 constexpr auto kStall = 30s;
 // Jobs kept after they end, for ScannerStatus.
 constexpr size_t kKeptJobs = 8;
+// How often an idle scanner is asked whether its feeder holds paper.
+constexpr auto kRefreshEvery = 5s;
 // How long a request waits for the scanner to take a job's settings.
 constexpr auto kAcceptWait = 60s;
 constexpr int kJpegQuality = 85;
@@ -407,6 +409,24 @@ ScannerFacts Scanner::Facts() const {
 bool Scanner::Busy() const {
   std::lock_guard<std::mutex> guard(lock_);
   return active_ && active_->Holds();
+}
+
+void Scanner::RefreshWhenIdle() {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if ((active_ && active_->Holds()) || std::chrono::steady_clock::now() - refreshed_ < kRefreshEvery) return;
+    refreshed_ = std::chrono::steady_clock::now();
+  }
+  std::unique_lock<std::mutex> library(library_, std::try_to_lock);
+  if (!library.owns_lock()) return;  // a job has the scanner
+  if (!OpenServedSource(sourceName_)) {
+    SxFree();
+    return;
+  }
+  const bool loaded = ReadSourceFacts().feederLoaded;
+  SxFree();
+  std::lock_guard<std::mutex> guard(lock_);
+  facts_.feederLoaded = loaded;
 }
 
 Scanner::Start Scanner::StartJob(const ScanRequest& request, std::shared_ptr<Job>* started, std::string* error) {

@@ -2,11 +2,12 @@
 // jobs that use it, one at a time.
 //
 // Thread contract: the library is called by one thread at a time. Before the
-// server starts, ReadScannerFacts on the main thread; afterwards only a job's
-// own thread, from its start to its end, and a job starts only once the
-// previous job's thread has ended (library_ is held for the whole of it).
-// HTTP handler threads never call the library: they read the cached facts,
-// the job table and the jobs' queues, each guarded by its own lock.
+// server starts, ReadScannerFacts on the main thread; afterwards a job's own
+// thread, from its start to its end, holding library_ throughout (a job
+// starts only once the previous job's thread has ended), or a status request
+// refreshing the feeder's state while no job runs, holding library_ too (and
+// never waiting for it). Otherwise HTTP handler threads read the cached
+// facts, the job table and the jobs' queues, each guarded by its own lock.
 #pragma once
 #include <atomic>
 #include <chrono>
@@ -78,6 +79,10 @@ class Scanner {
 
   ScannerFacts Facts() const;
   bool Busy() const;
+  // Reads whether the feeder holds paper again, at most every few seconds,
+  // while no job runs: a person loads the feeder between jobs, and clients
+  // offer it only when the status says it is loaded.
+  void RefreshWhenIdle();
 
   enum class Start { Started, Busy, Refused };
   // Starts a job and waits until the scanner took its settings (Started, with
@@ -96,7 +101,8 @@ class Scanner {
   std::vector<std::shared_ptr<Job>> jobs_;  // newest last, a few kept for status
   std::shared_ptr<Job> active_;
   std::thread thread_;  // the active job's
-  std::mutex library_;  // held by a job's thread while it uses the library
+  std::mutex library_;  // held by whichever thread uses the library
+  std::chrono::steady_clock::time_point refreshed_ = std::chrono::steady_clock::now();  // under lock_
 };
 
 }  // namespace sx::host::escl

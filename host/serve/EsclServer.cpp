@@ -171,6 +171,7 @@ void Route(httplib::Server& server, Scanner& scanner, const std::string& icon) {
     res.set_content(escl::CapabilitiesXml(scanner.Facts(), ""), kXml);
   });
   server.Get("/eSCL/ScannerStatus", [&](const httplib::Request&, httplib::Response& res) {
+    scanner.RefreshWhenIdle();
     res.set_content(escl::StatusXml(scanner.Facts(), scanner.Busy(), scanner.Summaries()), kXml);
   });
   server.Post("/eSCL/ScanJobs", [&](const httplib::Request& req, httplib::Response& res) {
