@@ -588,6 +588,9 @@ int32_t ApplySettings(Scanner& s) {
   if (!r) r = SetInt(CAP_SHARPEN, s.value[kSharpen]);
   if (!r && !(s.desc[kColorMatch].cap & SANE_CAP_INACTIVE)) r = SetInt(CAP_COLORMATCH, s.value[kColorMatch]);
   if (!r) r = SetInt(CAP_BUFFERING, s.value[kBuffered] ? 1 : 0);
+  // The library turns its Invert over at every line-art acquisition: set
+  // before each one, every scan of a session has the same polarity.
+  if (!r) r = SetInt(CAP_INVERT, 0);
   return r;
 }
 
@@ -872,6 +875,10 @@ ENTRY(read)(SANE_Handle h, SANE_Byte* data, SANE_Int max, SANE_Int* length) {
   if (!s->pageOpen) return SANE_STATUS_EOF;
   long n = s->transfer->Read(data, static_cast<size_t>(max), !s->nonblocking);
   if (n >= 0) {
+    // The library's line art has 0 for black; a SANE frame of depth 1 reads
+    // 1 as black.
+    if (s->page.BitsPerPixel == 1)
+      for (long i = 0; i < n; ++i) data[i] = static_cast<SANE_Byte>(~data[i]);
     *length = static_cast<SANE_Int>(n);
     return SANE_STATUS_GOOD;
   }
