@@ -47,7 +47,7 @@ struct Job {
   DocumentQueue queue;
   std::atomic<bool> cancel{false};
   // One response streams a job's pages at a time.
-  std::mutex reader;
+  std::timed_mutex reader;
 
   enum class Start { Waiting, Accepted, Refused };
   // Set by the job's thread, read by handlers; guarded by lock.

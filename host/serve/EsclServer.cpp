@@ -27,6 +27,10 @@ using escl::Scanner;
 constexpr time_t kReadTimeoutSeconds = 10;
 constexpr time_t kWriteTimeoutSeconds = 30;
 constexpr time_t kKeepAliveSeconds = 5;
+// Requests on one connection before the server closes it: a scan takes
+// about eight, and a client that sends another on a connection the server
+// has just closed may wait for its answer for ever.
+constexpr size_t kRequestsPerConnection = 100;
 // What a client is told to wait before asking again while the scanner is busy.
 constexpr char kRetryAfterSeconds[] = "5";
 // How long NextDocument waits for a page to begin (a lamp warming up).
@@ -120,15 +124,18 @@ void NoDocument(Job& job, httplib::Response& res) {
 void NextDocument(Scanner& scanner, const httplib::Request& req, httplib::Response& res) {
   std::shared_ptr<Job> job = scanner.Find(req.matches[1]);
   if (!job) return Fail(res, 404, "no such job");
-  auto reader = std::make_shared<std::unique_lock<std::mutex>>(job->reader, std::try_to_lock);
-  if (!reader->owns_lock()) return Busy(res, "another request is reading this job");
+  // A client asks for the next page as soon as the last one's end reached
+  // it, which may be before the response that sent it has let go: the
+  // request waits for it rather than being turned away.
+  auto reader = std::make_shared<std::unique_lock<std::timed_mutex>>(job->reader, std::defer_lock);
+  if (!reader->try_lock_for(kFirstBytesWait)) return Busy(res, "another request is reading this job");
   switch (job->queue.WaitForDocument(kFirstBytesWait)) {
     case escl::DocumentQueue::Wait::TimedOut: return Busy(res, "the page has not begun yet");
     case escl::DocumentQueue::Wait::NoMore: return NoDocument(*job, res);
     case escl::DocumentQueue::Wait::Ready: break;
   }
   auto complete = std::make_shared<bool>(false);
-  const auto provider = [job, complete](size_t, httplib::DataSink& sink) {
+  const auto provider = [job, complete, reader](size_t, httplib::DataSink& sink) {
     std::string chunk;
     switch (job->queue.Next(&chunk, kNextBytesWait)) {
       case escl::DocumentQueue::Read::Bytes: {
@@ -138,9 +145,13 @@ void NextDocument(Scanner& scanner, const httplib::Request& req, httplib::Respon
       }
       case escl::DocumentQueue::Read::DocumentEnd: {
         *complete = true;
-        std::lock_guard<std::mutex> guard(job->lock);
-        ++job->pagesSent;
-        job->lastRead = Job::Clock::now();
+        {
+          std::lock_guard<std::mutex> guard(job->lock);
+          ++job->pagesSent;
+          job->lastRead = Job::Clock::now();
+        }
+        // Free for the next request before the client can see the end.
+        reader->unlock();
         sink.done();
         return true;
       }
@@ -153,7 +164,7 @@ void NextDocument(Scanner& scanner, const httplib::Request& req, httplib::Respon
       std::fprintf(stderr, "sxscan: job %s: the page was not sent whole; the job is cancelled\n", job->uuid.c_str());
       job->Cancel();
     }
-    reader->unlock();
+    if (reader->owns_lock()) reader->unlock();
   };
   res.set_chunked_content_provider(MimeType(job->request.format), provider, release);
 }
@@ -196,6 +207,7 @@ void Limit(httplib::Server& server) {
   server.set_read_timeout(kReadTimeoutSeconds, 0);
   server.set_write_timeout(kWriteTimeoutSeconds, 0);
   server.set_keep_alive_timeout(kKeepAliveSeconds);
+  server.set_keep_alive_max_count(kRequestsPerConnection);
 }
 
 bool IsLoopback(const std::string& address) {
