@@ -76,6 +76,12 @@ if(TARGET sxscan_host)
     COMPONENT runtime)
 endif()
 
+# The eSCL server, which `sxscan serve` runs from beside itself.
+if(TARGET sxscan_serve)
+  set_target_properties(sxscan_serve PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  install(TARGETS sxscan_serve RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+endif()
+
 # The SANE backend in the folder SANE's dll backend loads backends from,
 # enabled by its dll.d entry, with its configuration. SANE reads /etc/sane.d,
 # which is where a /usr install puts it; other prefixes keep everything under
