@@ -160,10 +160,10 @@ class ServeToAirscan : public Serve {
                                                                std::to_string(port_) + "/eSCL\n[options]\ndiscovery = disable\n");
   }
   // A client that never ends is stopped after `seconds` (exit status 124),
-  // or killed 3 s after that or after an interrupt when it does not stop
-  // (137).
+  // or killed 10 s after that or after an interrupt when it does not stop
+  // (137): time enough for it to cancel its job on a loaded machine.
   std::string Scanimage(const std::string& args, int seconds = 20) const {
-    return "env SANE_CONFIG_DIR='" + Path("conf") + "' timeout -k 3 " + std::to_string(seconds) + " scanimage " + args;
+    return "env SANE_CONFIG_DIR='" + Path("conf") + "' timeout -k 10 " + std::to_string(seconds) + " scanimage " + args;
   }
   // sane-airscan now and then never returns from sane_close after its page
   // arrived whole and every request was answered (seen about once in a
