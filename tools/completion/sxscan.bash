@@ -6,7 +6,7 @@ _sxscan() {
     prev=${COMP_WORDS[COMP_CWORD-1]}
     cword=$COMP_CWORD
   }
-  local commands="sources select info caps get set scan doctor help version"
+  local commands="sources select info caps get set scan doctor serve help version"
   if ((cword == 1)); then
     COMPREPLY=($(compgen -W "$commands --help --version -V" -- "$cur"))
     return
@@ -16,11 +16,13 @@ _sxscan() {
     --source) COMPREPLY=($(compgen -W "flatbed feeder auto" -- "$cur")); return ;;
     --units) COMPREPLY=($(compgen -W "inches cm 300ths" -- "$cur")); return ;;
     --pages) COMPREPLY=($(compgen -W "all" -- "$cur")); return ;;
+    --filter) COMPREPLY=($(compgen -W "red green blue none" -- "$cur")); return ;;
     --output) COMPREPLY=($(compgen -f -- "$cur")); return ;;
   esac
-  if [[ ${COMP_WORDS[1]} == scan ]]; then
-    COMPREPLY=($(compgen -W "--resolution --mode --area --units --source --pages --output
-      --buffered --buffer --set --progress --help" -- "$cur"))
-  fi
+  case ${COMP_WORDS[1]} in
+    scan) COMPREPLY=($(compgen -W "--resolution --mode --area --units --source --filter --pages --output
+      --quality --buffered --buffer --set --progress --stats --help" -- "$cur")) ;;
+    serve) COMPREPLY=($(compgen -W "--listen --port --source --name --no-announce --help" -- "$cur")) ;;
+  esac
 }
 complete -F _sxscan sxscan
