@@ -6,9 +6,9 @@
 namespace sx::host {
 namespace {
 
-// Buffers of applied blocks kept for the next ones: few, since each may be
-// as large as a transfer block.
-constexpr size_t kSpareBuffers = 2;
+// Buffers of applied blocks kept for the next ones: one, since each may be as
+// large as a transfer block and the queue holds about one block.
+constexpr size_t kSpareBuffers = 1;
 
 }  // namespace
 

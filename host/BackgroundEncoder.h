@@ -29,12 +29,14 @@ namespace sx::host {
 
 class BackgroundEncoder {
  public:
-  // A few blocks of the default transfer size: enough to ride out an
-  // encoder that is briefly slower than the scanner, small beside the page.
-  static constexpr size_t kQueueBytes = size_t{4} << 20;
-  // In buffered transfers the library's own ring of buffers already rides
-  // out a slow encoder: two blocks here are enough.
-  static constexpr size_t kBufferedQueueBytes = size_t{2} << 20;
+  // One block of the default transfer size: a scanner delivers a block far
+  // more slowly than the encoder takes to encode one, so the encoder has
+  // emptied the queue before the next arrives; at memory speed the callback
+  // simply waits for it. Every further block held here is resident memory.
+  static constexpr size_t kQueueBytes = size_t{1} << 20;
+  // In buffered transfers the library's own ring of buffers rides out a slow
+  // encoder: the same one block is enough.
+  static constexpr size_t kBufferedQueueBytes = kQueueBytes;
 
   explicit BackgroundEncoder(OutputDocument& document, size_t queueBytes = kQueueBytes);
   ~BackgroundEncoder();
