@@ -8,6 +8,10 @@
 # For each run: wall time and peak memory of the program (/usr/bin/time),
 # the size of what it wrote, and sxscan's tail (last block delivered to file
 # closed) from `sxscan scan --stats` when this sxscan has it.
+# Then the eSCL rows: the same PNG pages served by `sxscan serve` on
+# loopback and scanned by scanimage through sane-airscan (when installed),
+# with pages per minute and the server's and the client's peak memory
+# against the local `sxscan scan` rows.
 #
 # Goals: sxscan's memory <= scanimage's; PNG wall time <= scanimage's at a
 # file no larger than 1.1x its; sxscan's tail <= 50 ms (judged on the paced
@@ -49,6 +53,7 @@ SXSCAN=$BUILD/host/sxscan
 if [ ! -e "$BUILD/CMakeCache.txt" ]; then
   cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release >/dev/null || die "cannot configure $BUILD"
 fi
+# sxscan_host brings sxscan-serve along when this build has the server.
 cmake --build "$BUILD" -j2 --target sxscan sxscan_host vscan sane-sxscan >"$BUILD/stream_bench-build.log" 2>&1 ||
   die "the build failed (see $BUILD/stream_bench-build.log)"
 LIBSXSCAN=$(find "$BUILD" -maxdepth 1 -name 'libsxscan.so*' -type f | head -1)
@@ -59,7 +64,8 @@ HAVE_STATS=0
 if "$SXSCAN" help scan 2>&1 | grep -q -- '--stats'; then HAVE_STATS=1; fi
 
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/sxstream.XXXXXX")
-trap 'rm -rf "$WORK"' EXIT
+SERVER_PID=
+trap '[ -z "$SERVER_PID" ] || kill "$SERVER_PID" 2>/dev/null; rm -rf "$WORK"' EXIT
 ROOT=$WORK/root
 SCANNER=$ROOT/windows/twain_32/Corvane/QM7110
 mkdir -p "$SCANNER" "$WORK/conf"
@@ -94,6 +100,7 @@ sx_ext() { case $1 in png) echo png ;; tiff) echo tif ;; jpeg) echo jpg ;; pdf) 
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else printf "n/a" }'; }
 le() { awk -v a="$1" -v b="$2" 'BEGIN { exit !(a <= b) }'; }
 
+declare -A LOCAL_PNG=()
 declare -a MEM_MISSED=() PNG_MISSED=() PNG_OTHER=() TAIL_MISSED=() FAILED=()
 TAIL_SEEN=0
 OTHER_FORMAT=0
@@ -130,6 +137,8 @@ for speed in memory paced; do
         sx_rss=$((sx_rss > HELD_PAGE_KB ? sx_rss - HELD_PAGE_KB : 0))
         si_rss=$((si_rss > HELD_PAGE_KB ? si_rss - HELD_PAGE_KB : 0))
       fi
+      # The eSCL rows below compare with these.
+      if [ "$fmt" = png ]; then LOCAL_PNG["$speed $job"]="$sx_wall $sx_rss $sx_bytes $mark"; fi
       [ "$job" = batch ] && [ "$si_ok" = 0 ] && grep -q "Batch terminated" "$ERR" && si_ok=1
 
       row="$speed $job $fmt"
@@ -157,6 +166,94 @@ for speed in memory paced; do
     done
   done
 done
+
+# ---- eSCL ----------------------------------------------------------------
+# The same pages served by `sxscan serve` and scanned by scanimage through
+# sane-airscan, as a desktop scans over the network (PNG, which the client
+# asks for): pages per minute, the server's and the client's peak memory,
+# against the local `sxscan scan` rows above. A fresh server per row, so
+# that its peak (VmHWM, read before it is stopped) is that row's.
+ESCL_DEVICE=airscan:e0:sxscan
+# sane-airscan now and then never returns from sane_close after its last
+# page: the client is stopped after this long beyond the pages' own time.
+ESCL_SPARE_S=30
+SERVE_WAIT_TICKS=100  # tenths of a second for the server to say its port
+
+start_server() {  # sets SERVER_PID and PORT, or returns 1
+  env SX_ROOT="$ROOT" "$SXSCAN" serve --port 0 --no-announce >"$WORK/serve.out" 2>"$WORK/serve.log" </dev/null &
+  SERVER_PID=$!
+  local i line
+  for ((i = 0; i < SERVE_WAIT_TICKS; i++)); do
+    line=$(grep -o 'http://127\.0\.0\.1:[0-9]*' "$WORK/serve.out" 2>/dev/null | head -1) || true
+    if [ -n "$line" ]; then PORT=${line##*:}; return 0; fi
+    kill -0 "$SERVER_PID" 2>/dev/null || break
+    sleep 0.1
+  done
+  stop_server
+  return 1
+}
+stop_server() {  # sets SERVER_KB, the server's peak resident memory
+  SERVER_KB=$(awk '/^VmHWM:/ {print $2}' "/proc/$SERVER_PID/status" 2>/dev/null) || true
+  [ -n "$SERVER_KB" ] || SERVER_KB=0
+  kill "$SERVER_PID" 2>/dev/null || true
+  wait "$SERVER_PID" 2>/dev/null || true
+  SERVER_PID=
+}
+
+ESCL_ROWS=()
+escl_rows() {
+  local speed job pages limit local_wall local_rss local_bytes local_mark hung
+  mkdir -p "$WORK/airscan"
+  echo airscan >"$WORK/airscan/dll.conf"
+  for speed in memory paced; do
+    configure_scanner "$speed"
+    for job in page batch; do
+      if [ "$job" = page ]; then pages=1; else pages=$PAGES; fi
+      if [ -z "${LOCAL_PNG["$speed $job"]:-}" ]; then
+        echo "eSCL $speed $job: no local PNG row to compare with (SX_BENCH_FORMATS lacks png)"; continue
+      fi
+      read -r local_wall local_rss local_bytes local_mark <<<"${LOCAL_PNG["$speed $job"]}"
+      start_server || { FAILED+=("sxscan serve ($speed $job)"); continue; }
+      printf '[devices]\n"sxscan" = http://127.0.0.1:%s/eSCL\n[options]\ndiscovery = disable\n' "$PORT" \
+        >"$WORK/airscan/airscan.conf"
+      limit=$((ESCL_SPARE_S + pages * 5 * LINE_US / 750))
+      if [ "$job" = page ]; then src=(--source Flatbed -o out.png); else src=(--source ADF --batch=out%d.png --batch-count="$pages"); fi
+      measure "$WORK/escl" env SANE_CONFIG_DIR="$WORK/airscan" timeout -k 5 "$limit" scanimage -d "$ESCL_DEVICE" \
+        --mode Color --resolution $DPI "${SI_AREA[@]}" --format=png "${src[@]}"
+      stop_server
+      hung=" "
+      if [ "$OK" = 0 ] && [ "$(find "$WORK/escl" -name '*.png' | wc -l)" -eq "$pages" ] &&
+         grep -q "DELETE /eSCL/ScanJobs/.*: 200" "$WORK/serve.log"; then
+        hung="!"; OK=1; ESCL_HUNG=1
+      fi
+      [ "$job" = batch ] && [ "$OK" = 0 ] && grep -q "Batch terminated" "$ERR" && OK=1
+      [ "$OK" = 1 ] || FAILED+=("eSCL $speed $job")
+      [ "$speed" = memory ] && SERVER_KB=$((SERVER_KB > HELD_PAGE_KB ? SERVER_KB - HELD_PAGE_KB : 0))
+      printf '%-6s %-6s %-1s%s| %7.2f %7.2f %5s | %5.1f %5.1f | %6.1f %6.1f %6.1f %5s | %6.1f %6.1f\n' \
+        "$speed" "$job" "$local_mark" "$hung" "$WALL" "$local_wall" "$(ratio "$WALL" "$local_wall")" \
+        "$(awk -v p="$pages" -v w="$WALL" 'BEGIN{print (w > 0 ? 60 * p / w : 0)}')" \
+        "$(awk -v p="$pages" -v w="$local_wall" 'BEGIN{print (w > 0 ? 60 * p / w : 0)}')" \
+        "$(awk -v k="$SERVER_KB" 'BEGIN{print k/1024}')" "$(awk -v k="$RSS" 'BEGIN{print k/1024}')" \
+        "$(awk -v k="$local_rss" 'BEGIN{print k/1024}')" "$(ratio "$SERVER_KB" "$local_rss")" \
+        "$(awk -v b="$BYTES" 'BEGIN{print b/1e6}')" "$(awk -v b="$local_bytes" 'BEGIN{print b/1e6}')"
+    done
+  done
+}
+
+ESCL_HUNG=0
+echo
+if ! ls /usr/lib/*/sane/libsane-airscan.so* >/dev/null 2>&1; then
+  echo "eSCL: skipped (sane-airscan is not installed; Debian: sane-airscan)"
+elif [ ! -x "$BUILD/host/sxscan-serve" ]; then
+  echo "eSCL: skipped (this build has no sxscan-serve)"
+else
+  echo "eSCL: sxscan serve on loopback, scanimage through sane-airscan (PNG) against local sxscan scan"
+  printf '%-6s %-6s %2s| %7s %7s %5s | %5s %5s | %6s %6s %6s %5s | %6s %6s\n' \
+    speed job "" "eSCL s" "local" ratio "ppm" "local" "server" client "local" "s/l" "eSCL" "local"
+  printf '%-6s %-6s %2s| %21s | %11s | %27s | %13s\n' "" "" "" "wall time" "pages/min" "peak memory MB" "file MB"
+  escl_rows
+  [ "$ESCL_HUNG" = 0 ] || echo "!: scanimage never returned from sane_close after its last page and was stopped: its wall time includes the wait."
+fi
 
 verdict() {  # name, then the rows that missed
   local name=$1; shift
