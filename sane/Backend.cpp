@@ -837,30 +837,34 @@ ENTRY(start)(SANE_Handle h) {
   if (!s) return SANE_STATUS_INVAL;
   Busy busy(*s);
   s->pageOpen = false;
-  if (s->transfer && s->transfer->Finished()) {
-    int32_t r = s->transfer->Result();
-    bool feeder = ChoiceValue(kSources, 4, s->source) == 1;
+  const bool feeder = ChoiceValue(kSources, 4, s->source) == 1;
+  int32_t result = SX_OK;
+  // An acquisition still running may hold the feeder's next page; once it
+  // has ended (a flatbed's after its one page, whenever its thread gets
+  // there), the next page is a new acquisition.
+  if (s->transfer) {
+    s->scanning = true;
+    if (s->transfer->NextPage(&s->page, &result) == sxsane::Transfer::Wait::Page) {
+      s->pageOpen = true;
+      return SANE_STATUS_GOOD;
+    }
     EndTransfer(*s);
     // The feeder's batch is over: its pages were all delivered.
-    if (feeder && r == SX_OK) return SANE_STATUS_NO_DOCS;
-    if (r != SX_OK) return StatusOf(r);
+    if (feeder && result == SX_OK) return SANE_STATUS_NO_DOCS;
+    if (result != SX_OK) return StatusOf(result);
   }
-  if (!s->transfer) {
-    int32_t r = ApplySettings(*s);
-    if (r != SX_OK) return StatusOf(r);
-    s->transfer = std::make_unique<sxsane::Transfer>(g_api.acquire);
-    if (!s->transfer->Start(kTransferBytes)) {
-      s->transfer.reset();
-      return SANE_STATUS_NO_MEM;
-    }
+  int32_t r = ApplySettings(*s);
+  if (r != SX_OK) return StatusOf(r);
+  s->transfer = std::make_unique<sxsane::Transfer>(g_api.acquire);
+  if (!s->transfer->Start(kTransferBytes)) {
+    s->transfer.reset();
+    return SANE_STATUS_NO_MEM;
   }
   s->scanning = true;
-  int32_t result = SX_OK;
   if (s->transfer->NextPage(&s->page, &result) == sxsane::Transfer::Wait::Page) {
     s->pageOpen = true;
     return SANE_STATUS_GOOD;
   }
-  bool feeder = ChoiceValue(kSources, 4, s->source) == 1;
   EndTransfer(*s);
   if (result == SX_OK) return feeder ? SANE_STATUS_NO_DOCS : SANE_STATUS_IO_ERROR;
   return StatusOf(result);
