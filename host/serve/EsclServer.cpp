@@ -163,6 +163,10 @@ void NextDocument(Scanner& scanner, const httplib::Request& req, httplib::Respon
     if (!*complete) {
       std::fprintf(stderr, "sxscan: job %s: the page was not sent whole; the job is cancelled\n", job->uuid.c_str());
       job->Cancel();
+      // The scan may have ended before the client left; the page it never
+      // got makes the job cancelled all the same.
+      std::lock_guard<std::mutex> guard(job->lock);
+      job->state = escl::JobState::Canceled;
     }
     if (reader->owns_lock()) reader->unlock();
   };
