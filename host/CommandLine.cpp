@@ -444,7 +444,7 @@ std::string UsageText() {
          "                              name.jpg, name-2.jpg, ...); default scan.png\n"
          "  --quality N                 JPEG quality, 1 to 100; default 85\n"
          "  --buffered                  read and process on the library's worker threads\n"
-         "  --buffer BYTES              transfer buffer size (default 1048576)\n"
+         "  --buffer BYTES              transfer buffer size (default 262144)\n"
          "  --set NAME=VALUE            any other capability, applied last; gamma, brightness,\n"
          "                              contrast, highlight and shadow act on the whole image,\n"
          "                              gamma-r, gamma-g, gamma-b (and so on) on one colour\n"
