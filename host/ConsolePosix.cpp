@@ -19,9 +19,12 @@ namespace {
 // read thread has closed the dialog).
 bool g_lineDrawn = false;
 
-// Thread contract: written before the handlers are installed and read by
-// them, so the flag itself must be lock-free.
-std::atomic<bool>* g_interruptFlag = nullptr;
+// Thread contract: written before the handlers are installed and after they
+// are removed, and read by them on whichever thread a signal lands (the
+// library's own threads included, so a handler may still be running while
+// the host's thread clears it): the pointer and the flag are lock-free atomics.
+std::atomic<std::atomic<bool>*> g_interruptFlag{nullptr};
+static_assert(std::atomic<std::atomic<bool>*>::is_always_lock_free);
 static_assert(std::atomic<bool>::is_always_lock_free);
 std::atomic<int> g_interrupts{0};
 static_assert(std::atomic<int>::is_always_lock_free);
@@ -43,7 +46,7 @@ struct sigaction g_previous[std::size(kInterruptSignals)];
 }
 
 extern "C" void OnInterrupt(int) {
-  std::atomic<bool>* flag = g_interruptFlag;
+  std::atomic<bool>* flag = g_interruptFlag.load();
   if (!flag || g_interrupts.fetch_add(1) > 0) EndAtOnce();
   flag->store(true);
 }
@@ -76,7 +79,7 @@ void EndProgressLine() {
 
 void WatchInterrupts(std::atomic<bool>* flag) {
   g_interrupts.store(0);
-  g_interruptFlag = flag;
+  g_interruptFlag.store(flag);
   struct sigaction action {};
   action.sa_handler = OnInterrupt;
   sigemptyset(&action.sa_mask);
@@ -89,7 +92,7 @@ void WatchInterrupts(std::atomic<bool>* flag) {
 
 void StopWatchingInterrupts() {
   for (size_t i = 0; i < std::size(kInterruptSignals); ++i) sigaction(kInterruptSignals[i], &g_previous[i], nullptr);
-  g_interruptFlag = nullptr;
+  g_interruptFlag.store(nullptr);
 }
 
 // Linux counts ru_maxrss in KiB.

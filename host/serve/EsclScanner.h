@@ -37,6 +37,32 @@ bool ReadScannerFacts(const std::string& sourceName, const std::string& displayN
 // job's bounded queue, each taken by its own NextDocument request, and the
 // scanner waits while the queue is full. (Restarting the scanner for each
 // page would feed and warm it up again every time.)
+// One response streams a job's pages at a time. The request that takes the
+// slot may give it back from another thread (the response's end), which a
+// mutex does not allow; hence a flag under a lock, waited for.
+class ReaderSlot {
+ public:
+  template <typename Duration>
+  bool TakeWithin(Duration wait) {
+    std::unique_lock<std::mutex> guard(lock_);
+    if (!free_.wait_for(guard, wait, [this] { return !taken_; })) return false;
+    taken_ = true;
+    return true;
+  }
+  void Give() {
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      taken_ = false;
+    }
+    free_.notify_one();
+  }
+
+ private:
+  std::mutex lock_;
+  std::condition_variable free_;
+  bool taken_ = false;
+};
+
 struct Job {
   using Clock = std::chrono::steady_clock;
   Job(std::string id, const ScanRequest& scan);
@@ -46,8 +72,7 @@ struct Job {
   const Clock::time_point created = Clock::now();
   DocumentQueue queue;
   std::atomic<bool> cancel{false};
-  // One response streams a job's pages at a time.
-  std::timed_mutex reader;
+  ReaderSlot reader;
 
   enum class Start { Waiting, Accepted, Refused };
   // Set by the job's thread, read by handlers; guarded by lock.

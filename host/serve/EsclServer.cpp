@@ -127,8 +127,19 @@ void NextDocument(Scanner& scanner, const httplib::Request& req, httplib::Respon
   // A client asks for the next page as soon as the last one's end reached
   // it, which may be before the response that sent it has let go: the
   // request waits for it rather than being turned away.
-  auto reader = std::make_shared<std::unique_lock<std::timed_mutex>>(job->reader, std::defer_lock);
-  if (!reader->try_lock_for(kFirstBytesWait)) return Busy(res, "another request is reading this job");
+  if (!job->reader.TakeWithin(kFirstBytesWait)) return Busy(res, "another request is reading this job");
+  // Given back once, by whichever comes first: the page's end, the
+  // response's release, or this request ending without a response.
+  struct Hold {
+    std::shared_ptr<Job> job;
+    std::atomic<bool> held{true};
+    void Give() {
+      if (held.exchange(false)) job->reader.Give();
+    }
+    ~Hold() { Give(); }
+  };
+  auto reader = std::make_shared<Hold>();
+  reader->job = job;
   switch (job->queue.WaitForDocument(kFirstBytesWait)) {
     case escl::DocumentQueue::Wait::TimedOut: return Busy(res, "the page has not begun yet");
     case escl::DocumentQueue::Wait::NoMore: return NoDocument(*job, res);
@@ -151,7 +162,7 @@ void NextDocument(Scanner& scanner, const httplib::Request& req, httplib::Respon
           job->lastRead = Job::Clock::now();
         }
         // Free for the next request before the client can see the end.
-        reader->unlock();
+        reader->Give();
         sink.done();
         return true;
       }
@@ -168,7 +179,7 @@ void NextDocument(Scanner& scanner, const httplib::Request& req, httplib::Respon
       std::lock_guard<std::mutex> guard(job->lock);
       job->state = escl::JobState::Canceled;
     }
-    if (reader->owns_lock()) reader->unlock();
+    reader->Give();
   };
   res.set_chunked_content_provider(MimeType(job->request.format), provider, release);
 }
