@@ -133,7 +133,7 @@ tsan() {
   fi
   local pattern
   pattern="^($(IFS='|'; echo "${names[*]}"))\$"
-  cmake -S . -B "$BUILD_ROOT/tsan" -DSX_WERROR=ON -DSX_SANITIZE=thread -DSX_BUILD_BENCH=OFF &&
+  cmake -S . -B "$BUILD_ROOT/tsan" -DSX_WERROR=ON -DSX_SANITIZE=thread -DSX_BUILD_BENCH=OFF -DSX_BUILD_HOST=ON &&
     cmake --build "$BUILD_ROOT/tsan" -j "$JOBS" --target "${targets[@]}" &&
     TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
       ctest --test-dir "$BUILD_ROOT/tsan" --output-on-failure -j "$JOBS" -R "$pattern"
