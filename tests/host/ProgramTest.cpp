@@ -9,24 +9,15 @@
 #include <cstdlib>
 
 #include "ImageRead.h"
+#include "RunSxscan.h"
 
 namespace sx::host {
 namespace {
 
+using sxtest::Outcome;
+using sxtest::RunSxscan;
+
 namespace fs = std::filesystem;
-
-struct Outcome {
-  int exitCode = -1;
-  std::string text;  // standard output and error together
-};
-
-// Runs the program in the root folder (where the library may put its files).
-Outcome RunProgram(const sxtest::TempRoot& root, const std::string& args) {
-  fs::path out = root.Path() / "output.txt";
-  int status = std::system(("cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN "' " + args + " >'" +
-                            out.string() + "' 2>&1 </dev/null").c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, sxtest::ReadFile(out)};
-}
 
 // A virtual scanner with a model name of its own and the given feeder stack.
 void Install(const sxtest::TempRoot& root, const std::string& model, int sheets) {
@@ -38,27 +29,27 @@ TEST(HostProgram, SelectsSourceScansPngAndReportsErrors) {
   sxtest::TempRoot root;
   Install(root, "QM7110V", 0);
   Install(root, "QM7110X", 0);
-  EXPECT_NE(RunProgram(root, "sources").text.find("Corvane/QM7110X/vscan.dll"), std::string::npos);
+  EXPECT_NE(RunSxscan(root, "sources").text.find("Corvane/QM7110X/vscan.dll"), std::string::npos);
   // Before a choice the library has no source to open.
-  Outcome none = RunProgram(root, "info");
+  Outcome none = RunSxscan(root, "info");
   EXPECT_TRUE(none.exitCode == 1 && none.text.find("sxscan select") != std::string::npos) << none.text;
-  EXPECT_EQ(RunProgram(root, "select qm7110").exitCode, 1);  // matches both
+  EXPECT_EQ(RunSxscan(root, "select qm7110").exitCode, 1);  // matches both
 
-  ASSERT_EQ(RunProgram(root, "select qm7110v").exitCode, 0);
+  ASSERT_EQ(RunSxscan(root, "select qm7110v").exitCode, 0);
   // The choice outlives the process: the next run opens it.
-  Outcome got = RunProgram(root, "get CAP_MODELNAME xresolution 0x9202");
+  Outcome got = RunSxscan(root, "get CAP_MODELNAME xresolution 0x9202");
   ASSERT_EQ(got.exitCode, 0) << got.text;
   EXPECT_NE(got.text.find("CAP_MODELNAME = \"QM7110V\""), std::string::npos) << got.text;
-  EXPECT_EQ(RunProgram(root, "get nosuchcap").exitCode, 2);
-  EXPECT_EQ(RunProgram(root, "scan --mode sepia").exitCode, 2);
-  EXPECT_EQ(RunProgram(root, "set CAP_MODELNAME x").exitCode, 2);
+  EXPECT_EQ(RunSxscan(root, "get nosuchcap").exitCode, 2);
+  EXPECT_EQ(RunSxscan(root, "scan --mode sepia").exitCode, 2);
+  EXPECT_EQ(RunSxscan(root, "set CAP_MODELNAME x").exitCode, 2);
   // Values outside what the library lists are refused before the scanner
   // is touched, with what it takes.
-  Outcome tooFine = RunProgram(root, "scan --resolution 7 --output never.png");
+  Outcome tooFine = RunSxscan(root, "scan --resolution 7 --output never.png");
   EXPECT_EQ(tooFine.exitCode, 2);
   EXPECT_NE(tooFine.text.find("CAP_XRESOLUTION cannot be 7; the scanner takes 50 to"), std::string::npos)
       << tooFine.text;
-  Outcome badType = RunProgram(root, "set pixeltype 7");
+  Outcome badType = RunSxscan(root, "set pixeltype 7");
   EXPECT_EQ(badType.exitCode, 2);
   EXPECT_NE(badType.text.find("CAP_PIXELTYPE cannot be 7; the scanner takes one of 0 (lineart), 1 (gray), 2 (color)"), std::string::npos)
       << badType.text;
@@ -66,12 +57,12 @@ TEST(HostProgram, SelectsSourceScansPngAndReportsErrors) {
   // Two inches by one at 100 dpi in grey: 200 pixels (a multiple of the
   // alignment) by 100 lines. The output folder must exist: none is made.
   const std::string grey = "scan --source flatbed --mode gray --resolution 100 --area 0,0,2,1 ";
-  Outcome noFolder = RunProgram(root, grey + "--output out/page.png");
+  Outcome noFolder = RunSxscan(root, grey + "--output out/page.png");
   EXPECT_EQ(noFolder.exitCode, 2);
   EXPECT_NE(noFolder.text.find("the folder out does not exist"), std::string::npos) << noFolder.text;
   EXPECT_FALSE(fs::exists(root.Path() / "out"));
   fs::create_directory(root.Path() / "out");
-  Outcome scan = RunProgram(root, grey + "--output out/page.png");
+  Outcome scan = RunSxscan(root, grey + "--output out/page.png");
   ASSERT_EQ(scan.exitCode, 0) << scan.text;
   EXPECT_FALSE(fs::exists(root.Path() / "out/.page.png.part")) << "the partial file is renamed";
   PngRead png = ReadPng((root.Path() / "out/page.png").string());
@@ -82,13 +73,13 @@ TEST(HostProgram, SelectsSourceScansPngAndReportsErrors) {
 
   // Without mode or resolution: colour at 300 dpi. An area wider than the
   // flatbed is clipped, and the user is told.
-  Outcome plain = RunProgram(root, "scan --area 8,0,1,1 --output out/plain.png");
+  Outcome plain = RunSxscan(root, "scan --area 8,0,1,1 --output out/plain.png");
   ASSERT_EQ(plain.exitCode, 0) << plain.text;
   PngRead colour = ReadPng((root.Path() / "out/plain.png").string());
   EXPECT_TRUE(colour.colour == PNG_COLOR_TYPE_RGB && colour.xppm == 11811u && colour.height == 300u);
   EXPECT_NE(plain.text.find("the width was clipped to the source's area"), std::string::npos) << plain.text;
 
-  Outcome empty = RunProgram(root, "scan --source feeder --output a.png");
+  Outcome empty = RunSxscan(root, "scan --source feeder --output a.png");
   EXPECT_EQ(empty.exitCode, 1);
   EXPECT_NE(empty.text.find("no paper"), std::string::npos) << empty.text;
   EXPECT_FALSE(fs::exists(root.Path() / "a.png"));
@@ -99,8 +90,8 @@ TEST(HostProgram, FeederStackBecomesMultiPageTiff) {
     SCOPED_TRACE(mode);
     sxtest::TempRoot root;
     Install(root, "QM7110V", 3);
-    ASSERT_EQ(RunProgram(root, "select QM7110V").exitCode, 0);
-    Outcome scan = RunProgram(root, std::string("scan --source feeder --pages all --mode lineart --resolution 100 "
+    ASSERT_EQ(RunSxscan(root, "select QM7110V").exitCode, 0);
+    Outcome scan = RunSxscan(root, std::string("scan --source feeder --pages all --mode lineart --resolution 100 "
                                          "--area 0,0,2.56,1 --output stack.png ") + mode);
     ASSERT_EQ(scan.exitCode, 0) << scan.text;
     EXPECT_NE(scan.text.find("wrote 3 pages"), std::string::npos) << scan.text;
@@ -126,12 +117,12 @@ TEST(HostProgram, DamagedStoreIsReportedAndNotWritten) {
   Install(root, "QM7110V", 0);
   const std::string damaged = "[Software\\Quillmark]\n\"SOURCENAME\"=str(2):\"USB - QM7";
   root.WriteRegistry(damaged);
-  Outcome select = RunProgram(root, "select QM7110V");
+  Outcome select = RunSxscan(root, "select QM7110V");
   EXPECT_EQ(select.exitCode, 1);
   EXPECT_NE(select.text.find("user.reg:3: the registry store has 1 line(s)"), std::string::npos)
       << select.text;  // line 2 is the library's own write test at load
   EXPECT_EQ(root.ReadRegistry().find("QM7110V"), std::string::npos) << "the choice is not stored";
-  Outcome info = RunProgram(root, "info");
+  Outcome info = RunSxscan(root, "info");
   EXPECT_EQ(info.exitCode, 1);
   EXPECT_NE(info.text.find("no data source could be read from the store"), std::string::npos) << info.text;
 }
@@ -142,22 +133,22 @@ TEST(HostProgram, DamagedStoreIsReportedAndNotWritten) {
 TEST(HostProgram, DefaultsAreWhatAPersonExpects) {
   sxtest::TempRoot root;
   Install(root, "QM7110V", 3);
-  Outcome stack = RunProgram(root, "scan --pages 5 --resolution 50 --mode gray --output stack.tif");
+  Outcome stack = RunSxscan(root, "scan --pages 5 --resolution 50 --mode gray --output stack.tif");
   ASSERT_EQ(stack.exitCode, 0) << stack.text;
   EXPECT_NE(stack.text.find("using the only one installed, USB - QM7110V"), std::string::npos) << stack.text;
   EXPECT_NE(stack.text.find("the feeder ran out of paper after 3 of the 5 pages asked for"), std::string::npos)
       << stack.text;
-  EXPECT_EQ(RunProgram(root, "info").exitCode, 0) << "the source used is the chosen one from now on";
+  EXPECT_EQ(RunSxscan(root, "info").exitCode, 0) << "the source used is the chosen one from now on";
 
   // Auto is the feeder while it holds paper; the flatbed's default is its
   // whole A4 length (11.69 inches at 50 dpi), not a Letter page.
-  EXPECT_EQ(RunProgram(root, "scan --source auto --pages 1 --output auto.png").exitCode, 0);
-  Outcome flat = RunProgram(root, "scan --source flatbed --resolution 50 --mode gray --output flat.png");
+  EXPECT_EQ(RunSxscan(root, "scan --source auto --pages 1 --output auto.png").exitCode, 0);
+  Outcome flat = RunSxscan(root, "scan --source flatbed --resolution 50 --mode gray --output flat.png");
   ASSERT_EQ(flat.exitCode, 0) << flat.text;
   EXPECT_EQ(ReadPng((root.Path() / "flat.png").string()).height, 585u);
   EXPECT_EQ(flat.text.find("sxscan: the width"), std::string::npos) << flat.text;
   // A width the person asked for and did not get is still told.
-  Outcome asked = RunProgram(root, "scan --resolution 50 --mode gray --area 0,0,8.5,1 --output asked.png");
+  Outcome asked = RunSxscan(root, "scan --resolution 50 --mode gray --area 0,0,8.5,1 --output asked.png");
   EXPECT_NE(asked.text.find("reduced to the scanner's alignment: 424 of the 425"), std::string::npos)
       << asked.text;
 }
@@ -167,48 +158,48 @@ TEST(HostProgram, DefaultsAreWhatAPersonExpects) {
 TEST(HostProgram, CapsAndValuesReadAsTheyAreTyped) {
   sxtest::TempRoot root;
   Install(root, "QM7110V", 0);
-  ASSERT_EQ(RunProgram(root, "select QM7110V").exitCode, 0);
-  Outcome caps = RunProgram(root, "caps");
+  ASSERT_EQ(RunSxscan(root, "select QM7110V").exitCode, 0);
+  Outcome caps = RunSxscan(root, "caps");
   ASSERT_EQ(caps.exitCode, 0) << caps.text;
   for (const char* shown : {"feeder 14 in, flatbed 11.69 in", "feeder 8.5 in, flatbed 8.5 in", "50 to 600 dpi",
                             "one of 0 (lineart), 1 (gray), 2 (color)", "2550 300ths"})
     EXPECT_NE(caps.text.find(shown), std::string::npos) << shown << "\n" << caps.text;
-  Outcome set = RunProgram(root, "set pixeltype color scantype flatbed units inches imagewidth 2");
+  Outcome set = RunSxscan(root, "set pixeltype color scantype flatbed units inches imagewidth 2");
   ASSERT_EQ(set.exitCode, 0) << set.text;
   for (const char* shown : {"CAP_PIXELTYPE = 2 (color)", "CAP_SCANTYPE = 2 (flatbed)", "CAP_IMAGEWIDTH = 2 in"})
     EXPECT_NE(set.text.find(shown), std::string::npos) << shown << "\n" << set.text;
-  EXPECT_NE(RunProgram(root, "get pixeltype").text.find("CAP_PIXELTYPE = 0 (lineart)"), std::string::npos);
+  EXPECT_NE(RunSxscan(root, "get pixeltype").text.find("CAP_PIXELTYPE = 0 (lineart)"), std::string::npos);
 
   // The third unit is 1/300 inch at any resolution: 600 by 300 of them at
   // 100 dpi are 200 by 100 pixels. "pixels" would promise otherwise.
-  Outcome dots = RunProgram(root, "scan --units 300ths --area 0,0,600,300 --resolution 100 --output d.png");
+  Outcome dots = RunSxscan(root, "scan --units 300ths --area 0,0,600,300 --resolution 100 --output d.png");
   ASSERT_EQ(dots.exitCode, 0) << dots.text;
   PngRead png = ReadPng((root.Path() / "d.png").string());
   EXPECT_TRUE(png.width == 200u && png.height == 100u);
-  EXPECT_EQ(RunProgram(root, "scan --units pixels --area 0,0,1,1").exitCode, 2);
+  EXPECT_EQ(RunSxscan(root, "scan --units pixels --area 0,0,1,1").exitCode, 2);
 }
 
 // PDF holds every feeder page in one document; JPEG writes one file a page.
 TEST(HostProgram, FeederPagesAsPdfAndJpeg) {
   sxtest::TempRoot root;
   Install(root, "QM7110V", 6);
-  ASSERT_EQ(RunProgram(root, "select QM7110V").exitCode, 0);
+  ASSERT_EQ(RunSxscan(root, "select QM7110V").exitCode, 0);
   const std::string feeder = "scan --source feeder --pages 3 --resolution 100 --area 0,0,2,1 ";
-  Outcome pdf = RunProgram(root, feeder + "--output stack.pdf");
+  Outcome pdf = RunSxscan(root, feeder + "--output stack.pdf");
   ASSERT_EQ(pdf.exitCode, 0) << pdf.text;
   const std::string document = sxtest::ReadFile(root.Path() / "stack.pdf");
   EXPECT_EQ(document.rfind("%PDF-", 0), 0u);
   EXPECT_NE(document.find("/Count 3"), std::string::npos) << "three pages";
   EXPECT_FALSE(fs::exists(root.Path() / ".stack.pdf.part"));
 
-  Outcome jpeg = RunProgram(root, feeder + "--mode gray --quality 60 --output page.jpg");
+  Outcome jpeg = RunSxscan(root, feeder + "--mode gray --quality 60 --output page.jpg");
   ASSERT_EQ(jpeg.exitCode, 0) << jpeg.text;
   EXPECT_NE(jpeg.text.find("wrote 3 pages to page.jpg, page-2.jpg and page-3.jpg"), std::string::npos) << jpeg.text;
   for (const char* name : {"page.jpg", "page-2.jpg", "page-3.jpg"}) {
     const std::string bytes = sxtest::ReadFile(root.Path() / name);
     EXPECT_TRUE(bytes.size() > 4 && bytes.compare(0, 2, "\xFF\xD8") == 0) << name;
   }
-  EXPECT_EQ(RunProgram(root, "scan --quality 0 --output x.jpg").exitCode, 2);
+  EXPECT_EQ(RunSxscan(root, "scan --quality 0 --output x.jpg").exitCode, 2);
 }
 
 // The share of light pixels: bits set in packed line art, samples above the
@@ -230,12 +221,12 @@ double LightShare(const std::vector<uint8_t>& raster, bool packed) {
 TEST(HostProgram, LineArtReadsAsTheGrayScanInEveryFormat) {
   sxtest::TempRoot root;
   Install(root, "QM7110V", 0);
-  ASSERT_EQ(RunProgram(root, "select QM7110V").exitCode, 0);
+  ASSERT_EQ(RunSxscan(root, "select QM7110V").exitCode, 0);
   const std::string scan = "scan --resolution 100 --area 0,0,2.56,2 ";
-  ASSERT_EQ(RunProgram(root, scan + "--mode gray --output gray.png").exitCode, 0);
+  ASSERT_EQ(RunSxscan(root, scan + "--mode gray --output gray.png").exitCode, 0);
   const double gray = LightShare(ReadPng((root.Path() / "gray.png").string()).raster, false);
   for (const char* name : {"la.png", "la.tif", "la.jpg", "la.pdf"}) {
-    Outcome o = RunProgram(root, scan + "--mode lineart --output " + name);
+    Outcome o = RunSxscan(root, scan + "--mode lineart --output " + name);
     ASSERT_EQ(o.exitCode, 0) << o.text;
     const std::string path = (root.Path() / name).string();
     const std::string ext = fs::path(name).extension().string();

@@ -11,22 +11,14 @@
 #include <cstdlib>
 
 #include "support/TestEnv.h"
+#include "RunSxscan.h"
 
 namespace {
 
+using sxtest::Outcome;
+using sxtest::RunSxscan;
+
 namespace fs = std::filesystem;
-
-struct Outcome {
-  int exitCode = -1;
-  std::string text;
-};
-
-Outcome Sxscan(const sxtest::TempRoot& root, const std::string& args) {
-  const fs::path out = root.Path() / "out.txt";
-  const int status = std::system(("cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN "' " + args + " >'" +
-                                  out.string() + "' 2>&1 </dev/null").c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, sxtest::ReadFile(out)};
-}
 
 // The immutable mark, which holds even for root; removed again at the end.
 struct Immutable {
@@ -43,33 +35,33 @@ struct Immutable {
 TEST(HostStore, UnwritableStoreIsNamedAndItsChoiceStillUsed) {
   sxtest::TempRoot root;
   root.InstallVscan("Corvane/QM7110V", "[Scanner]\nModel=QM7110V\n");
-  ASSERT_EQ(Sxscan(root, "select QM7110V").exitCode, 0);
+  ASSERT_EQ(RunSxscan(root, "select QM7110V").exitCode, 0);
   const fs::path store = root.Path() / "user.reg";
   {
     Immutable mark(store);
     if (!mark.set) GTEST_SKIP() << "chattr +i is not available here";
-    Outcome select = Sxscan(root, "select QM7110V");
+    Outcome select = RunSxscan(root, "select QM7110V");
     EXPECT_EQ(select.exitCode, 1) << select.text;
     EXPECT_EQ(select.text.find("selected"), std::string::npos) << select.text;
     EXPECT_NE(select.text.find(store.string() + " cannot be written: the file is marked immutable"),
               std::string::npos) << select.text;
-    Outcome info = Sxscan(root, "info");
+    Outcome info = RunSxscan(root, "info");
     EXPECT_EQ(info.exitCode, 0) << info.text;
     EXPECT_NE(info.text.find("QM7110V"), std::string::npos) << info.text;
-    Outcome doctor = Sxscan(root, "doctor");
+    Outcome doctor = RunSxscan(root, "doctor");
     EXPECT_NE(doctor.text.find("fix:     sudo chattr -i -a " + store.string()), std::string::npos) << doctor.text;
   }
   {
     fs::remove(store);
     Immutable mark(root.Path());
-    Outcome select = Sxscan(root, "select QM7110V");
+    Outcome select = RunSxscan(root, "select QM7110V");
     EXPECT_EQ(select.exitCode, 1) << select.text;
     EXPECT_NE(select.text.find(store.string() + " cannot be made: the folder is marked immutable"),
               std::string::npos) << select.text;
   }
   if (geteuid() != 0) {  // root writes whatever the permissions say
     fs::permissions(store, fs::perms::owner_write, fs::perm_options::remove);
-    Outcome select = Sxscan(root, "select QM7110V");
+    Outcome select = RunSxscan(root, "select QM7110V");
     EXPECT_NE(select.text.find("the user may not write the file; fix: chmod u+w"), std::string::npos)
         << select.text;
   }
@@ -79,7 +71,7 @@ TEST(HostStore, DamagedLineIsShownWithoutRawBytes) {
   sxtest::TempRoot root;
   root.InstallVscan("Corvane/QM7110V", "[Scanner]\nModel=QM7110V\n");
   root.WriteRegistry("[Software\\Quillmark]\n\x1b]0;owned\x07\xff junk\n");
-  Outcome select = Sxscan(root, "select QM7110V");
+  Outcome select = RunSxscan(root, "select QM7110V");
   EXPECT_EQ(select.exitCode, 1);
   EXPECT_NE(select.text.find("the first: \\x1B]0;owned\\x07\\xFF junk;"), std::string::npos) << select.text;
   EXPECT_EQ(select.text.find('\x1b'), std::string::npos);

@@ -11,28 +11,20 @@
 #include <cstdlib>
 
 #include "ImageRead.h"
+#include "RunSxscan.h"
 
 namespace sx::host {
 namespace {
 
+using sxtest::Outcome;
+using sxtest::RunSxscan;
+
 namespace fs = std::filesystem;
-
-struct Outcome {
-  int exitCode = -1;
-  std::string text;
-};
-
-Outcome Sxscan(const sxtest::TempRoot& root, const std::string& args) {
-  const std::string out = (root.Path() / "output.txt").string();
-  const int status = std::system(("cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN "' " + args + " >'" + out +
-                                  "' 2>&1 </dev/null").c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, sxtest::ReadFile(out)};
-}
 
 // The chart's 200-grey patch, 0.32 by 0.3 inch inside it, at 100 dpi in
 // colour: the red, green and blue of its middle pixel.
 std::array<int, 3> PatchColour(const sxtest::TempRoot& root, const std::string& options) {
-  Outcome run = Sxscan(root, "scan --source flatbed --mode color --resolution 100 --area 5,3.3,0.32,0.3 --output patch.png " +
+  Outcome run = RunSxscan(root, "scan --source flatbed --mode color --resolution 100 --area 5,3.3,0.32,0.3 --output patch.png " +
                              options);
   EXPECT_EQ(run.exitCode, 0) << options << "\n" << run.text;
   PngRead png = ReadPng((root.Path() / "patch.png").string());
@@ -47,7 +39,7 @@ std::array<int, 3> PatchColour(const sxtest::TempRoot& root, const std::string& 
 TEST(HostProgramTone, ToneSettingsShapeTheWholeImageOrTheColourNamed) {
   sxtest::TempRoot root;
   root.InstallVscan("Corvane/QM7110V", "[Scanner]\nModel=QM7110V\n");
-  ASSERT_EQ(Sxscan(root, "select QM7110V").exitCode, 0);
+  ASSERT_EQ(RunSxscan(root, "select QM7110V").exitCode, 0);
   const std::array<int, 3> plain = PatchColour(root, "");
   ASSERT_TRUE(plain[0] == plain[1] && plain[1] == plain[2]) << plain[0] << "," << plain[1] << "," << plain[2];
   for (const char* tone : {"--set gamma=1.0", "--set brightness=300", "--set contrast=-400",
@@ -64,15 +56,15 @@ TEST(HostProgramTone, ToneSettingsShapeTheWholeImageOrTheColourNamed) {
   // Gray scans taken from one colour, or from all, with the whole image's
   // gamma: the filter is an option of its own.
   for (const char* filter : {"red", "none"}) {
-    Outcome gray = Sxscan(root, std::string("scan --mode gray --resolution 50 --area 0,0,1,1 --output g.png --filter ") +
+    Outcome gray = RunSxscan(root, std::string("scan --mode gray --resolution 50 --area 0,0,1,1 --output g.png --filter ") +
                                 filter + " --set gamma=1.5");
     EXPECT_EQ(gray.exitCode, 0) << filter << "\n" << gray.text;
   }
-  EXPECT_EQ(Sxscan(root, "scan --filter purple").exitCode, 2);
+  EXPECT_EQ(RunSxscan(root, "scan --filter purple").exitCode, 2);
 
   for (const char* bad : {"gamma=-1", "gamma=0", "gamma=1e9", "gamma-b=0", "brightness=5000"}) {
     fs::remove(root.Path() / "never.png");
-    Outcome refused = Sxscan(root, std::string("scan --output never.png --set ") + bad);
+    Outcome refused = RunSxscan(root, std::string("scan --output never.png --set ") + bad);
     EXPECT_EQ(refused.exitCode, 2) << bad << "\n" << refused.text;
     const char* range = bad[0] == 'g' ? "the scanner takes 0.01 to 655.35" : "the scanner takes -1000 to 1000 step 10";
     EXPECT_NE(refused.text.find(range), std::string::npos) << bad << "\n" << refused.text;
