@@ -49,7 +49,7 @@ command -v scanimage >/dev/null || die "scanimage is not installed (Debian: sane
 
 # ---- build ---------------------------------------------------------------
 # Always brought up to date, so the figures are those of the sources.
-SXSCAN=$BUILD/host/sxscan
+SXSCAN=$BUILD/bin/sxscan
 if [ ! -e "$BUILD/CMakeCache.txt" ]; then
   cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release >/dev/null || die "cannot configure $BUILD"
 fi
@@ -58,7 +58,7 @@ cmake --build "$BUILD" -j2 --target sxscan sxscan_host vscan sane-sxscan >"$BUIL
   die "the build failed (see $BUILD/stream_bench-build.log)"
 # Every run happens in a folder of its own: the build is named absolutely.
 BUILD=$(cd "$BUILD" && pwd)
-SXSCAN=$BUILD/host/sxscan
+SXSCAN=$BUILD/bin/sxscan
 LIBSXSCAN=$(find "$BUILD" -maxdepth 1 -name 'libsxscan.so*' -type f | head -1)
 [ -n "$LIBSXSCAN" ] || die "no libsxscan.so in $BUILD"
 VSCAN=$BUILD/modules/vscan/vscan.dll
@@ -134,7 +134,7 @@ for speed in memory paced; do
       if find "$WORK/sx" -type f ! -name "*.$ext" | grep -q .; then mark="*"; OTHER_FORMAT=1; fi
       tail=$(sed -n 's/^stats: .*tail-ms \([0-9.]*\).*/\1/p' "$ERR" | tail -1)
       [ -n "$tail" ] || tail=n/a
-      measure "$WORK/si" env SANE_CONFIG_DIR="$WORK/conf" LD_LIBRARY_PATH="$BUILD/sane" \
+      measure "$WORK/si" env SANE_CONFIG_DIR="$WORK/conf" LD_LIBRARY_PATH="$BUILD/hosts/sane" \
         scanimage -d "$DEVICE" --mode Color --resolution $DPI "${SI_AREA[@]}" --format="$fmt" "${si_src[@]}"
       si_ok=$OK si_wall=$WALL si_rss=$RSS si_bytes=$BYTES
       if [ "$speed" = memory ]; then
@@ -248,7 +248,7 @@ ESCL_HUNG=0
 echo
 if ! ls /usr/lib/*/sane/libsane-airscan.so* >/dev/null 2>&1; then
   echo "eSCL: skipped (sane-airscan is not installed; Debian: sane-airscan)"
-elif [ ! -x "$BUILD/host/sxscan-serve" ]; then
+elif [ ! -x "$BUILD/bin/sxscan-serve" ]; then
   echo "eSCL: skipped (this build has no sxscan-serve)"
 else
   echo "eSCL: sxscan serve on loopback, scanimage through sane-airscan (PNG) against local sxscan scan"

@@ -94,7 +94,7 @@ if(TARGET sane-sxscan)
   endif()
   install(TARGETS sane-sxscan LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/sane COMPONENT runtime
     NAMELINK_SKIP)
-  install(FILES sane/sxscan.conf DESTINATION ${SX_SANE_CONFDIR} COMPONENT runtime)
+  install(FILES hosts/sane/sxscan.conf DESTINATION ${SX_SANE_CONFDIR} COMPONENT runtime)
   file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/sane-dll.d-entry "sxscan\n")
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sane-dll.d-entry DESTINATION ${SX_SANE_CONFDIR}/dll.d
     RENAME sxscan COMPONENT runtime)

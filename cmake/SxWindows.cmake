@@ -3,7 +3,7 @@
 # .def exports and import library.
 enable_language(RC)
 
-# What platform/win32 calls: the registry and version resources, dialogs,
+# What lib/platform/win32 calls: the registry and version resources, dialogs,
 # drawing and the colour API.
 set(SX_SYSTEM_LIBS advapi32 version user32 gdi32)
 
@@ -16,23 +16,24 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   set(SX_IS_WIN32_X86 ON)
 endif()
 
+# The export list as written for this build (the install rules ship it).
+set(SX_DEF_FILE ${CMAKE_BINARY_DIR}/sxscan.def)
+
 # sxscan.dll: the exports of cmake/sxscan.def. On i686 the list keeps the
 # __stdcall decoration for the import library and --kill-at exports the
 # plain names; on x86-64 the decoration does not exist and is dropped.
-function(sx_add_windows_library)
+function(sx_add_windows_library attach_source)
   file(READ ${CMAKE_SOURCE_DIR}/cmake/sxscan.def def)
   if(NOT SX_IS_WIN32_X86)
     string(REGEX REPLACE "@[0-9]+" "" def "${def}")
   endif()
-  set(SX_DEF_FILE ${CMAKE_BINARY_DIR}/sxscan.def)
   file(GENERATE OUTPUT ${SX_DEF_FILE} CONTENT "${def}")
-  set(SX_DEF_FILE ${SX_DEF_FILE} PARENT_SCOPE)
-  add_library(sxscan SHARED frame/AttachWindows.cpp ${SX_DEF_FILE}
+  add_library(sxscan SHARED ${attach_source} ${SX_DEF_FILE}
               $<TARGET_OBJECTS:sxcore_obj> $<TARGET_OBJECTS:sxkernels_obj>
               $<TARGET_OBJECTS:sxplatform_obj>)
   target_include_directories(sxscan PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include>
                                            $<INSTALL_INTERFACE:include/sxscan>
-                                    PRIVATE ${CMAKE_SOURCE_DIR})
+                                    PRIVATE ${CMAKE_SOURCE_DIR}/lib)
   target_link_libraries(sxscan PRIVATE Threads::Threads ${SX_SYSTEM_LIBS})
   target_link_options(sxscan PRIVATE -Wl,--no-undefined)
   if(SX_IS_WIN32_X86)

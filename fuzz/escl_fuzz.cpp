@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "host/serve/EsclModel.h"
+#include "serve/EsclModel.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/ProfileText.h"
+#include "platform/text/ProfileText.h"
 
 using namespace sx::plat;
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/RegistryText.h"
+#include "platform/text/RegistryText.h"
 
 using namespace sx::plat;
 

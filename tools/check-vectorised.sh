@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Fails when the compiler no longer vectorises a kernel loop marked
-# "vectorised:" in imaging/kernels/KernelsBody.inc: compiles each kernel build
+# "vectorised:" in lib/imaging/kernels/KernelsBody.inc: compiles each kernel build
 # with the vectoriser's report and looks for every marked line in it.
 #
 #   tools/check-vectorised.sh [c++ compiler]     (default: c++)
@@ -8,7 +8,7 @@ set -euo pipefail
 
 root="$(cd "$(dirname "$0")/.." && pwd)"
 cxx="${1:-c++}"
-body="$root/imaging/kernels/KernelsBody.inc"
+body="$root/lib/imaging/kernels/KernelsBody.inc"
 builds=("KernelsPortable.cpp:")
 [[ $(uname -m) == x86_64 ]] && builds+=("KernelsAvx2.cpp:-mavx2")
 
@@ -17,8 +17,8 @@ for build in "${builds[@]}"; do
   file="${build%%:*}"
   extra="${build#*:}"
   # shellcheck disable=SC2086
-  report=$("$cxx" -std=c++20 -O3 $extra -fopt-info-vec-optimized -I"$root" \
-    -c "$root/imaging/kernels/$file" -o /dev/null 2>&1)
+  report=$("$cxx" -std=c++20 -O3 $extra -fopt-info-vec-optimized -I"$root/lib" \
+    -c "$root/lib/imaging/kernels/$file" -o /dev/null 2>&1)
   while IFS=: read -r line text; do
     name="${text#*vectorised: }"
     if grep -q "KernelsBody.inc:$line:[0-9]*: optimized: loop vectorized" <<<"$report"; then

@@ -32,7 +32,7 @@ if ! { cmake -S . -B "$BUILD" -DSX_WERROR=ON &&
   exit 1
 fi
 
-sxscan="$BUILD/host/sxscan"
+sxscan="$BUILD/bin/sxscan"
 module_dir="$SX_ROOT/windows/twain_32/Corvane/VScan"
 mkdir -p "$module_dir" "$(dirname "$OUTPUT")"
 install -m 0755 "$BUILD/modules/vscan/vscan.dll" "$module_dir/vscan.dll"
@@ -69,8 +69,8 @@ run() {
 }
 
 echo "demo: system tree $SX_ROOT"
-[[ -e "$BUILD/sane/libsane-sxscan.so.1" ]] &&
-  echo "demo: SANE backend $BUILD/sane/libsane-sxscan.so.1 (README: Scanning from SANE frontends)"
+[[ -e "$BUILD/hosts/sane/libsane-sxscan.so.1" ]] &&
+  echo "demo: SANE backend $BUILD/hosts/sane/libsane-sxscan.so.1 (README: Scanning from SANE frontends)"
 run sources
 run select "$MODEL"
 run info

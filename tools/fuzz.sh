@@ -20,22 +20,22 @@ if [[ -z "$cxx" ]]; then
 fi
 
 declare -A sources=(
-  [registry]="platform/RegistryText.cpp"
-  [profile]="platform/ProfileText.cpp"
-  [version]="platform/posix/VersionRecord.cpp platform/posix/VersionBlock.cpp"
+  [registry]="lib/platform/text/RegistryText.cpp"
+  [profile]="lib/platform/text/ProfileText.cpp"
+  [version]="lib/platform/posix/VersionRecord.cpp lib/platform/posix/VersionBlock.cpp"
 )
 # Host values go through the whole library: every source but the shared
 # object's attach hooks.
-core=$(cd "$root" && ls frame/*.cpp driver/*.cpp sources/*.cpp settings/*.cpp acquire/*.cpp \
-  imaging/*.cpp platform/*.cpp platform/posix/*.cpp | grep -v '^frame/Attach' | tr '\n' ' ')
-kernels="imaging/kernels/Kernels.cpp imaging/kernels/KernelsPortable.cpp"
+core=$(cd "$root" && ls lib/frame/*.cpp lib/driver/*.cpp lib/sources/*.cpp lib/settings/*.cpp lib/acquire/*.cpp \
+  lib/imaging/*.cpp lib/platform/*.cpp lib/platform/text/*.cpp lib/platform/posix/*.cpp | grep -v '/Attach\.cpp$' | tr '\n' ' ')
+kernels="lib/imaging/kernels/Kernels.cpp lib/imaging/kernels/KernelsPortable.cpp"
 core="$core $kernels"
 sources[values]="$core"
 sources[driver]="$core"
 sources[vscan]="modules/vscan/VscanConfig.cpp modules/common/ModuleIni.cpp modules/common/ModuleIniPosix.cpp modules/vscan/TestChart.cpp $kernels"
 sources[aspibus]="modules/aspisim/AspiBus.cpp modules/common/ModuleIni.cpp modules/common/ModuleIniPosix.cpp"
 # The eSCL server's ScanSettings parser and its check (links pugixml).
-sources[escl]="host/serve/EsclSettings.cpp"
+sources[escl]="hosts/serve/EsclSettings.cpp"
 # The kernels against the tests' reference; on x86-64 the AVX2 set too.
 sources[kernels]="$kernels tests/support/ReferenceKernels.cpp"
 
@@ -53,12 +53,12 @@ for t in "${targets[@]}"; do
   srcs=()
   for s in ${sources[$t]}; do srcs+=("$root/$s"); done
   flags=(-std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined
-         -I"$root" -I"$root/include" -I"$root/tests")
+         -I"$root" -I"$root/lib" -I"$root/hosts" -I"$root/include" -I"$root/tests")
   extra=()
   libs=()
   [[ $t == escl ]] && libs=(-lpugixml)
   if [[ $t == kernels && $(uname -m) == x86_64 ]]; then
-    "$cxx" "${flags[@]/-fsanitize=fuzzer,/-fsanitize=fuzzer-no-link,}" -mavx2 -c "$root/imaging/kernels/KernelsAvx2.cpp" \
+    "$cxx" "${flags[@]/-fsanitize=fuzzer,/-fsanitize=fuzzer-no-link,}" -mavx2 -c "$root/lib/imaging/kernels/KernelsAvx2.cpp" \
       -o "$out/KernelsAvx2.o"
     extra=(-DSX_HAVE_AVX2_KERNELS "$out/KernelsAvx2.o")
   fi

@@ -25,9 +25,9 @@ done
 # program linked against them.
 cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-mingw-x86_64.cmake" >/dev/null
 cmake --build "$build" -j2 --target sxcore sxplatform_rc >/dev/null
-resources=$(find "$build/CMakeFiles/sxplatform_rc.dir" -name '*.res' | head -n 1)
+resources=$(find "$build/lib/CMakeFiles/sxplatform_rc.dir" -name '*.res' | head -n 1)
 preview="$build/dialog-preview.exe"
-"$cxx" -std=c++20 -O1 -I"$root" -I"$root/include" "$root/tools/dialog-preview.cpp" "$resources" \
+"$cxx" -std=c++20 -O1 -I"$root/lib" -I"$root/include" "$root/tools/dialog-preview.cpp" "$resources" \
   "$build/libsxcore.a" "$build/libsxplatform.a" -static -luser32 -lgdi32 -ladvapi32 -lversion -o "$preview"
 
 work=$(mktemp -d /tmp/sx-screenshot.XXXXXX)

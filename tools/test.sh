@@ -9,7 +9,7 @@
 # Environment: JOBS (parallel jobs, default 2), BUILD_ROOT (folder of the build
 # trees, default build), FUZZ_SECONDS (per fuzz target, default 5),
 # TSAN_SUITES (test folders run under ThreadSanitizer, default
-# "platform lifecycle acquire buffered reliability scsi host serve"), SKIP_STAGES (e.g. "fuzz tsan"),
+# "platform lifecycle acquire buffered reliability scsi sxscan serve"), SKIP_STAGES (e.g. "fuzz tsan"),
 # SX_WINE_TIMEOUT (seconds one Windows test program may take, default 600).
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -17,7 +17,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 JOBS=${JOBS:-2}
 BUILD_ROOT=${BUILD_ROOT:-build}
 FUZZ_SECONDS=${FUZZ_SECONDS:-5}
-TSAN_SUITES=${TSAN_SUITES:-"platform lifecycle acquire buffered reliability scsi host serve"}
+TSAN_SUITES=${TSAN_SUITES:-"platform lifecycle acquire buffered reliability scsi sxscan serve"}
 SKIP_STAGES=${SKIP_STAGES:-}
 
 summary=()
@@ -116,13 +116,13 @@ fuzz() {
 }
 
 # Only the suites that run threads: the sanitizer slows everything down, and
-# the others have nothing for it to find. The host and serve suites run the
+# the others have nothing for it to find. The sxscan and serve suites run the
 # sxscan programs (their encoder, job and signal-handling threads) built with
 # the sanitizer too: a report ends the program and fails the test.
 tsan() {
   local targets=() names=() suite
   for suite in $TSAN_SUITES; do
-    if compgen -G "tests/$suite/*.cpp" >/dev/null; then
+    if compgen -G "tests/*/$suite/*.cpp" >/dev/null; then
       targets+=("sx_tests_$suite")
       names+=("$suite")
     fi

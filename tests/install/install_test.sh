@@ -98,7 +98,7 @@ if [[ -x "$prefix/bin/sxscan" ]]; then
 fi
 # The SANE backend, where it is built: in SANE's backend folder, enabled in
 # dll.d, and found by scanimage with the library beside it.
-if [[ -e "$build/sane/libsane-sxscan.so.1" ]]; then
+if [[ -e "$build/hosts/sane/libsane-sxscan.so.1" ]]; then
   for f in "$libdir/sane/libsane-sxscan.so.1" etc/sane.d/sxscan.conf etc/sane.d/dll.d/sxscan; do
     [[ -e "$prefix/$f" ]] || fail "missing $f"
   done

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "platform/RegistryText.h"
+#include "platform/text/RegistryText.h"
 #include "support/VersionResource.h"
 
 namespace sxtest {

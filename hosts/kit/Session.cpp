@@ -1,0 +1,180 @@
+#include "kit/Session.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "sxscan/Commands.h"
+#include "sxsys.h"
+
+namespace sx::host {
+namespace {
+// More entries than any tree holds: a bound on the walk, should the list
+// never report its end.
+constexpr int kMaxSources = 4096;
+// Unlock calls before giving up on a block whose count never drops.
+constexpr int kMaxUnlocks = 1 << 16;
+}  // namespace
+
+std::vector<SxDataSource> ListSources(int32_t* result) {
+  std::vector<SxDataSource> sources;
+  SxDataSource entry{};
+  *result = SxGetDS(SX_DS_FIRST, &entry);
+  if (*result != SX_OK) return sources;
+  do {
+    sources.push_back(entry);
+    std::memset(&entry, 0, sizeof entry);
+  } while (sources.size() < kMaxSources && SxGetDS(SX_DS_NEXT, &entry) == SX_OK);
+  return sources;
+}
+
+namespace {
+// Binds the listed source whose display name is `name`.
+bool BindSourceNamed(const std::string& name) {
+  int32_t listed = 0;
+  for (SxDataSource source : ListSources(&listed)) {
+    if (FieldText(source.DisplayName, sizeof source.DisplayName) == name)
+      return SxSetDriverById(&source, 0) == SX_OK;
+  }
+  return false;
+}
+}  // namespace
+
+bool OpenStoredSource() {
+  int32_t result = SxLoad(nullptr);
+  if (result == SX_OK) return true;
+  // A store that cannot be written is set aside by the library, choice and
+  // all; the choice in it is still the person's, so it is used.
+  if (std::string stored; result == SX_ERR_NO_SOURCE && UnwritableStoreChoice(&stored)) {
+    if (BindSourceNamed(stored)) {
+      std::fprintf(stderr, "sxscan: the registry store cannot be written ('sxscan doctor' says why); using the "
+                           "source chosen in it, %s\n", stored.c_str());
+      return true;
+    }
+  }
+  std::string problem;
+  if (result == SX_ERR_NO_SOURCE && RegistryStoreProblem(&problem))
+    std::fprintf(stderr, "sxscan: no data source could be read from the store: %s\n", problem.c_str());
+  else if (result == SX_ERR_NO_SOURCE)
+    std::fprintf(stderr,
+                 "sxscan: no data source is selected, or the selected one is not installed\n"
+                 "        list them with 'sxscan sources' and choose one with 'sxscan select NAME'\n");
+  else
+    std::fprintf(stderr, "sxscan: cannot open the data source: %s (%d)\n", ResultText(result).c_str(),
+                 result);
+  return false;
+}
+
+bool CurrentSource(SxDataSource* source) {
+  std::memset(source, 0, sizeof *source);
+  // Any message other than first/next delivers the entry at the cursor.
+  return SxGetDS(0, source) == SX_OK;
+}
+
+void ReleaseLockedBlock(void* address) {
+  if (!address) return;
+  SxHandle handle = SxSysGlobalHandle(address);
+  if (!handle) return;
+  for (int i = 0; i < kMaxUnlocks && SxSysGlobalUnlock(handle) != 0; ++i) {
+  }
+  SxSysGlobalFree(handle);
+}
+
+QueriedList QueryList(const CapabilityInfo& cap) {
+  QueriedList out;
+  SxValueList* list = nullptr;
+  SxQueryData(cap.code, cap.itemType, &list);
+  SxHandle listHandle = list ? SxSysGlobalHandle(list) : nullptr;
+  if (!listHandle) return out;
+  if (SxSysGlobalSize(listHandle) < sizeof(SxValueList)) {
+    ReleaseLockedBlock(list);
+    return out;
+  }
+  out.made = true;
+  out.count = list->Count;
+  void* items = list->Items;
+  // Never read past the items block, whatever the count says.
+  SxHandle itemsHandle = items ? SxSysGlobalHandle(items) : nullptr;
+  size_t size = itemsHandle ? SxSysGlobalSize(itemsHandle) : 0;
+  const auto* bytes = static_cast<const uint8_t*>(items);
+  if (size) out.items.assign(bytes, bytes + size);
+  ReleaseLockedBlock(items);
+  ReleaseLockedBlock(list);
+  return out;
+}
+
+namespace {
+
+constexpr int kLastElement = 3;  // blue
+
+int32_t ReadRaw(const CapabilityInfo& cap, Value* value) {
+  *value = Value{};
+  value->type = cap.getType;
+  return SxGetValue(cap.code, cap.getType, value->bytes.data());
+}
+
+int32_t WriteRaw(const CapabilityInfo& cap, const Value& value) {
+  Value copy = value;  // the library takes a writable address
+  return SxSetValue(cap.code, copy.type, copy.bytes.data());
+}
+
+uint8_t ReadByte(uint16_t code) {
+  uint8_t bytes[4] = {};
+  SxGetValue(code, TY_UINT8, bytes);
+  return bytes[0];
+}
+
+int32_t WriteByte(uint16_t code, uint8_t v) {
+  uint8_t bytes[4] = {v};
+  return SxSetValue(code, TY_UINT8, bytes);
+}
+
+// Grey and line art taken from one colour use that colour's tone element.
+int ImageElement() {
+  constexpr uint8_t kColourPixels = 2;
+  const uint8_t filter = ReadByte(CAP_FILTER);
+  return ReadByte(CAP_PIXELTYPE) < kColourPixels && filter >= 1 && filter <= kLastElement ? filter : kWholeImage;
+}
+
+// Runs `access` with CAP_FILTER choosing `element`, then restores the filter.
+template <typename Access>
+int32_t WithElement(int element, Access access) {
+  if (element < kWholeImage || element > kLastElement) return SX_ERR_UNSUPPORTED;
+  const uint8_t filter = ReadByte(CAP_FILTER);
+  int32_t result = WriteByte(CAP_FILTER, static_cast<uint8_t>(element));
+  if (result == SX_OK) result = access();
+  const int32_t restored = WriteByte(CAP_FILTER, filter);
+  return result != SX_OK ? result : restored;
+}
+
+}  // namespace
+
+int32_t ReadElement(const CapabilityInfo& cap, int element, Value* value) {
+  return WithElement(element, [&] { return ReadRaw(cap, value); });
+}
+
+int32_t WriteElement(const CapabilityInfo& cap, int element, const Value& value) {
+  return WithElement(element, [&] { return WriteRaw(cap, value); });
+}
+
+int32_t ReadValue(const CapabilityInfo& cap, Value* value) {
+  if (IsToneCapability(cap.code)) return ReadElement(cap, ImageElement(), value);
+  return ReadRaw(cap, value);
+}
+
+int32_t WriteValue(const CapabilityInfo& cap, const Value& value) {
+  if (IsToneCapability(cap.code)) return WriteElement(cap, ImageElement(), value);
+  return WriteRaw(cap, value);
+}
+
+bool CheckAdmissible(const CapabilityInfo& cap, const Value& value) {
+  if (cap.flags & kCapQueryActs) return true;
+  const QueriedList list = QueryList(cap);
+  if (!list.made || Admissible(cap, value, list.count, list.items.data(), list.items.size())) return true;
+  std::fprintf(stderr, "sxscan: %s cannot be %s; the scanner takes %s\n", cap.name,
+               FormatValue(value.type, value.bytes.data()).c_str(),
+               DescribeList(cap, list.count, list.items.data(), list.items.size()).c_str());
+  return false;
+}
+
+}  // namespace sx::host

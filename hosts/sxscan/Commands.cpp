@@ -1,0 +1,339 @@
+// The commands that look at and change the library's state: sources, select,
+// info, caps, get and set. Each run opens what it needs and ends with SxFree,
+// which hands the power-save time back to the scanner and unloads the driver.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kit/Capabilities.h"
+#include "sxscan/Commands.h"
+#include "kit/Session.h"
+#include "sxscan.h"
+
+namespace sx::host {
+namespace {
+
+// Frees the library's state whichever way a command leaves.
+struct LibrarySession {
+  ~LibrarySession() { SxFree(); }
+};
+
+std::string SourceFile(const SxDataSource& s) {
+  return FieldText(s.Directory, sizeof s.Directory) + FieldText(s.FileName, sizeof s.FileName);
+}
+
+void PrintTable(const std::vector<std::vector<std::string>>& rows) {
+  std::vector<size_t> widths;
+  for (const auto& row : rows) {
+    widths.resize(std::max(widths.size(), row.size()));
+    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+  }
+  for (const auto& row : rows) {
+    std::string line;
+    for (size_t i = 0; i < row.size(); ++i) {
+      line += row[i];
+      if (i + 1 < row.size()) line += std::string(widths[i] - row[i].size() + 2, ' ');
+    }
+    std::printf("%s\n", line.c_str());
+  }
+}
+
+constexpr double kAreaDots = 300;  // the library reads an area in 1/300 inch
+constexpr double kCmPerInch = 2.54;
+
+// A length the library states in `units` (CAP_UNITS), as typed in that unit.
+std::string LengthText(double length, int units) {
+  char text[48];
+  std::snprintf(text, sizeof text, "%.4g %s", length, units == 0 ? "in" : units == 1 ? "cm" : "300ths");
+  return text;
+}
+
+// An area value read in 1/300 inch, in the unit `set` takes it in: the one
+// CAP_UNITS names.
+std::string AreaText(uint16_t dots, int units) {
+  const double inches = dots / kAreaDots;
+  return LengthText(units == 0 ? inches : units == 1 ? inches * kCmPerInch : dots, units);
+}
+
+// The value as `set` takes it, with its word: "2 (color)", "8.5 in".
+std::string ValueText(const CapabilityInfo& cap, const Value& value, const SourceFacts& facts) {
+  if (cap.flags & kCapReadIn300ths) {
+    uint16_t dots = 0;
+    std::memcpy(&dots, value.bytes.data(), sizeof dots);
+    return AreaText(dots, facts.units);
+  }
+  std::string text = NamedValue(cap, FormatValue(cap.getType, value.bytes.data()));
+  if (cap.code == CAP_XRESOLUTION || cap.code == CAP_YRESOLUTION) text += " dpi";
+  return text;
+}
+
+std::string CurrentValueText(const CapabilityInfo& cap, const SourceFacts& facts) {
+  if (cap.flags & kCapGetFetchesRaster) return "(reading fetches the background raster)";
+  if (!cap.getType) return "-";
+  Value value;
+  int32_t result = ReadValue(cap, &value);
+  if (result != SX_OK) return "(" + ResultText(result) + ")";
+  return ValueText(cap, value, facts);
+}
+
+// Each source's greatest width or length, labelled with the source, in
+// inches as --area takes them.
+std::string SourceLengthsText(const std::vector<float>& lengths, const SourceFacts& facts) {
+  const double perInch = facts.units == 0 ? 1 : facts.units == 1 ? kCmPerInch : kAreaDots;
+  std::string out;
+  for (size_t i = 0; i < lengths.size() && i < facts.sources.size(); ++i) {
+    const char* word = ValueWord(CAP_SCANTYPE, facts.sources[i]);
+    out += (i ? ", " : "") + (word ? std::string(word) : "source " + std::to_string(facts.sources[i])) + " " +
+           LengthText(lengths[i] / perInch, 0);
+  }
+  return out.empty() ? "(no list)" : out;
+}
+
+std::string AdmissibleText(const CapabilityInfo& cap, const SourceFacts& facts) {
+  if (cap.flags & kCapQueryActs) return "(not listed: listing would set the power-save time to 0)";
+  if (cap.code == CAP_MAXWIDTHS) return SourceLengthsText(facts.maxWidths, facts);
+  if (cap.code == CAP_MAXLENGTHS) return SourceLengthsText(facts.maxLengths, facts);
+  // The library lists only the current value; any area within the chosen
+  // source's is taken, in the unit CAP_UNITS names.
+  if (cap.flags & kCapReadIn300ths) return "within the source's area (CAP_MAXWIDTHS, CAP_MAXLENGTHS)";
+  QueriedList list = QueryList(cap);
+  if (!list.made) return "(no list)";
+  return DescribeList(cap, list.count, list.items.data(), list.items.size());
+}
+
+const CapabilityInfo* LookUp(const std::string& name) {
+  const CapabilityInfo* cap = FindCapability(name);
+  if (!cap) std::fprintf(stderr, "sxscan: unknown capability '%s' (see 'sxscan caps')\n", name.c_str());
+  return cap;
+}
+
+// The list's items as numbers: 32-bit integers or reals, as the capability
+// table asks them.
+template <typename T>
+std::vector<T> ListedNumbers(uint16_t code) {
+  for (const auto& cap : AllCapabilities()) {
+    if (cap.code != code || ValueTypeBytes(cap.itemType) != 4) continue;
+    QueriedList list = QueryList(cap);
+    size_t n = list.count > 0 ? std::min<size_t>(list.count, list.items.size() / 4) : 0;
+    std::vector<T> out(n);
+    for (size_t i = 0; i < n; ++i) {
+      if (cap.itemType == TY_FLOAT32) {
+        float v;
+        std::memcpy(&v, &list.items[i * 4], 4);
+        out[i] = static_cast<T>(v);
+      } else {
+        int32_t v;
+        std::memcpy(&v, &list.items[i * 4], 4);
+        out[i] = static_cast<T>(v);
+      }
+    }
+    return out;
+  }
+  return {};
+}
+
+// A one-byte setting, or `fallback` when it cannot be read.
+int ReadByte(uint16_t code, int fallback) {
+  for (const auto& cap : AllCapabilities()) {
+    if (cap.code != code || cap.getType != TY_UINT8) continue;
+    Value value;
+    return ReadValue(cap, &value) == SX_OK ? value.bytes[0] : fallback;
+  }
+  return fallback;
+}
+
+}  // namespace
+
+bool OpenSourceForScan() {
+  const int32_t loaded = SxLoad(nullptr);
+  if (loaded == SX_OK) return true;
+  int32_t result = 0;
+  std::vector<SxDataSource> sources;
+  if (loaded == SX_ERR_NO_SOURCE) sources = ListSources(&result);
+  std::string problem;
+  if (sources.size() == 1 && !RegistryStoreProblem(&problem)) {
+    SxDataSource only = sources[0];
+    if (SxSetDriverById(&only, 0) == SX_OK) {
+      std::fprintf(stderr, "sxscan: no source was chosen; using the only one installed, %s (now the chosen one)\n",
+                   FieldText(only.DisplayName, sizeof only.DisplayName).c_str());
+      return true;
+    }
+  }
+  return OpenStoredSource();  // says why not, and what to do
+}
+
+SourceFacts ReadSourceFacts() {
+  SourceFacts facts;
+  facts.sources = ListedNumbers<int>(CAP_SCANTYPE);
+  facts.maxWidths = ListedNumbers<float>(CAP_MAXWIDTHS);
+  facts.maxLengths = ListedNumbers<float>(CAP_MAXLENGTHS);
+  facts.units = ReadByte(CAP_UNITS, facts.units);
+  facts.feederLoaded = ReadByte(CAP_FEEDERLOADED, 0) != 0;
+  return facts;
+}
+
+int RunSources() {
+  LibrarySession session;
+  int32_t result = 0;
+  std::vector<SxDataSource> sources = ListSources(&result);
+  if (sources.empty()) {
+    std::fprintf(stderr,
+                 "sxscan: no data sources found (driver modules are looked for under "
+                 "$SX_ROOT/windows/twain_32)\n");
+    return kExitFailed;
+  }
+  std::vector<std::vector<std::string>> rows = {{"NAME", "VENDOR", "PORT", "VERSION", "FILE"}};
+  for (const auto& s : sources) {
+    rows.push_back({FieldText(s.DisplayName, sizeof s.DisplayName), FieldText(s.Vendor, sizeof s.Vendor),
+                    FieldText(s.PortName, sizeof s.PortName),
+                    FieldText(s.FileVersion, sizeof s.FileVersion), SourceFile(s)});
+  }
+  PrintTable(rows);
+  return kExitOk;
+}
+
+int RunSelect(const std::string& name) {
+  LibrarySession session;
+  int32_t result = 0;
+  std::vector<SxDataSource> sources = ListSources(&result);
+  std::vector<std::string> names;
+  for (const auto& s : sources) names.push_back(FieldText(s.DisplayName, sizeof s.DisplayName));
+  if (names.empty()) {
+    std::fprintf(stderr, "sxscan: no data sources found (see 'sxscan sources')\n");
+    return kExitFailed;
+  }
+  std::string error;
+  int index = FindSourceByName(names, name, &error);
+  if (index < 0) {
+    std::fprintf(stderr, "sxscan: %s\n", error.c_str());
+    for (const auto& n : names) std::fprintf(stderr, "  %s\n", n.c_str());
+    return kExitFailed;
+  }
+  // A store the library cannot read whole is not written over: the choice
+  // would land in it, or in the library's fall-back file, unseen.
+  if (std::string problem; RegistryStoreProblem(&problem)) {
+    std::fprintf(stderr, "sxscan: %s\n", problem.c_str());
+    return kExitFailed;
+  }
+  SxDataSource chosen = sources[index];
+  result = SxSetDriverById(&chosen, 0);
+  if (result != SX_OK) {
+    std::fprintf(stderr, "sxscan: cannot select '%s': %s (%d)\n", names[index].c_str(),
+                 ResultText(result).c_str(), result);
+    return kExitFailed;
+  }
+  std::printf("selected: %s\n", FieldText(chosen.DisplayName, sizeof chosen.DisplayName).c_str());
+  return kExitOk;
+}
+
+int RunInfo() {
+  LibrarySession session;
+  if (!OpenStoredSource()) return kExitFailed;
+  std::vector<std::vector<std::string>> rows;
+  SxDataSource source;
+  if (CurrentSource(&source)) {
+    rows.push_back({"source", FieldText(source.DisplayName, sizeof source.DisplayName)});
+    rows.push_back({"vendor", FieldText(source.Vendor, sizeof source.Vendor)});
+    rows.push_back({"port", FieldText(source.PortName, sizeof source.PortName)});
+    rows.push_back({"file", SourceFile(source)});
+    rows.push_back({"file version", FieldText(source.FileVersion, sizeof source.FileVersion)});
+  }
+  const std::pair<const char*, uint16_t> kIdentity[] = {
+      {"model", CAP_MODELNAME}, {"firmware", CAP_FIRMWAREVERSION}, {"serial", CAP_SERIALNUMBER}};
+  for (const auto& [label, code] : kIdentity) {
+    char hex[8];
+    std::snprintf(hex, sizeof hex, "0x%04x", code);
+    Value value;
+    int32_t result = ReadValue(*FindCapability(hex), &value);
+    rows.push_back({label, result == SX_OK ? FieldText(reinterpret_cast<const char*>(value.bytes.data()),
+                                                       ValueTypeBytes(value.type))
+                                           : "(" + ResultText(result) + ")"});
+  }
+  PrintTable(rows);
+  return kExitOk;
+}
+
+int RunCaps() {
+  LibrarySession session;
+  if (!OpenStoredSource()) return kExitFailed;
+  std::vector<std::vector<std::string>> rows = {{"CAPABILITY", "CURRENT", "ADMISSIBLE"}};
+  const SourceFacts facts = ReadSourceFacts();
+  for (const auto& cap : AllCapabilities())
+    rows.push_back({cap.name, CurrentValueText(cap, facts), AdmissibleText(cap, facts)});
+  PrintTable(rows);
+  return kExitOk;
+}
+
+int RunGet(const std::vector<std::string>& names) {
+  std::vector<const CapabilityInfo*> caps;
+  for (const auto& name : names) {
+    const CapabilityInfo* cap = LookUp(name);
+    if (!cap) return kExitUsage;
+    if (!cap->getType) {
+      std::fprintf(stderr, "sxscan: %s cannot be read as a value\n", cap->name);
+      return kExitUsage;
+    }
+    caps.push_back(cap);
+  }
+  LibrarySession session;
+  if (!OpenStoredSource()) return kExitFailed;
+  const SourceFacts facts = ReadSourceFacts();
+  int exitCode = kExitOk;
+  for (const CapabilityInfo* cap : caps) {
+    Value value;
+    int32_t result = ReadValue(*cap, &value);
+    if (result != SX_OK) {
+      std::fprintf(stderr, "sxscan: %s: %s (%d)\n", cap->name, ResultText(result).c_str(), result);
+      exitCode = kExitFailed;
+      continue;
+    }
+    std::printf("%s = %s\n", cap->name, ValueText(*cap, value, facts).c_str());
+  }
+  return exitCode;
+}
+
+int RunSet(const std::vector<std::string>& pairs) {
+  std::vector<std::pair<const CapabilityInfo*, Value>> changes;
+  for (size_t i = 0; i + 1 < pairs.size(); i += 2) {
+    const CapabilityInfo* cap = LookUp(pairs[i]);
+    if (!cap) return kExitUsage;
+    if (!cap->setType) {
+      std::fprintf(stderr, "sxscan: %s cannot be set\n", cap->name);
+      return kExitUsage;
+    }
+    Value value;
+    std::string error;
+    if (!ParseSettingValue(*cap, pairs[i + 1], &value, &error)) {
+      std::fprintf(stderr, "sxscan: %s wants a %s value: %s\n", cap->name, ValueTypeName(cap->setType),
+                   error.c_str());
+      return kExitUsage;
+    }
+    changes.emplace_back(cap, value);
+  }
+  LibrarySession session;
+  if (!OpenStoredSource()) return kExitFailed;
+  for (const auto& [cap, value] : changes) {
+    if (!CheckAdmissible(*cap, value)) return kExitUsage;
+  }
+  int exitCode = kExitOk;
+  for (const auto& [cap, value] : changes) {
+    int32_t result = WriteValue(*cap, value);
+    if (result != SX_OK) {
+      std::fprintf(stderr, "sxscan: %s: %s (%d)\n", cap->name, ResultText(result).c_str(), result);
+      exitCode = kExitFailed;
+      continue;
+    }
+    if (cap->getType)
+      std::printf("%s = %s\n", cap->name, CurrentValueText(*cap, ReadSourceFacts()).c_str());
+    else
+      std::printf("%s set\n", cap->name);
+  }
+  std::fprintf(stderr,
+               "sxscan: settings last while the program runs; scan with them through "
+               "'sxscan scan --set NAME=VALUE'\n");
+  return exitCode;
+}
+
+}  // namespace sx::host
