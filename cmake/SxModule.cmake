@@ -33,6 +33,27 @@ function(sx_attach_version_record target file)
   set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${file})
 endfunction()
 
+# sx_add_project_version(<target> <file name> <description>): the project's
+# own binaries on Windows (sxscan.dll, sxcmms.dll, sxscan.exe) carry a
+# version resource made from the one project version, so that installers and
+# support staff can read which release a file belongs to.
+function(sx_add_project_version target filename description)
+  if(NOT WIN32)
+    return()
+  endif()
+  set(text ${CMAKE_CURRENT_BINARY_DIR}/${target}_version.txt)
+  set(prefix "\\StringFileInfo\\040904B0\\")
+  file(WRITE ${text} "\\VarFileInfo\\Translation=hex:09 04 b0 04\n"
+    "${prefix}CompanyName=Quillmark\n"
+    "${prefix}FileDescription=${description}\n"
+    "${prefix}FileVersion=${PROJECT_VERSION_MAJOR}, ${PROJECT_VERSION_MINOR}, ${PROJECT_VERSION_PATCH}, 0\n"
+    "${prefix}InternalName=${filename}\n"
+    "${prefix}OriginalFilename=${filename}\n"
+    "${prefix}ProductName=sxscan\n"
+    "${prefix}ProductVersion=${PROJECT_VERSION}\n")
+  sx_add_version_resource(${target} ${text})
+endfunction()
+
 # sx_add_version_resource(<target> <file>): the version record's text as a
 # VERSIONINFO resource. Each "\StringFileInfo\<block>\<name>=<text>" line
 # becomes a string of that block, "\VarFileInfo\Translation=hex:..." the
@@ -57,9 +78,15 @@ function(sx_add_version_resource target file)
       set(translation "0x${CMAKE_MATCH_2}${CMAKE_MATCH_1}, 0x${CMAKE_MATCH_4}${CMAKE_MATCH_3}")
     endif()
   endforeach()
+  # A program's file type is VFT_APP, a library's or module's VFT_DLL.
+  get_target_property(type ${target} TYPE)
+  set(filetype 0x2)
+  if(type STREQUAL "EXECUTABLE")
+    set(filetype 0x1)
+  endif()
   set(rc ${CMAKE_CURRENT_BINARY_DIR}/${target}_version.rc)
   file(WRITE ${rc} "1 VERSIONINFO\nFILEVERSION ${fixed}\nPRODUCTVERSION ${fixed}\n"
-    "FILEOS 0x4\nFILETYPE 0x2\nBEGIN\n  BLOCK \"StringFileInfo\"\n  BEGIN\n"
+    "FILEOS 0x4\nFILETYPE ${filetype}\nBEGIN\n  BLOCK \"StringFileInfo\"\n  BEGIN\n"
     "    BLOCK \"${block}\"\n    BEGIN\n${strings}    END\n  END\n"
     "  BLOCK \"VarFileInfo\"\n  BEGIN\n    VALUE \"Translation\", ${translation}\n  END\nEND\n")
   target_sources(${target} PRIVATE ${rc})

@@ -46,6 +46,14 @@ for kind in thunks pointers; do
   fi
 done
 
+# Every binary of the package carries the project's version resource, so an
+# installer or a person can tell which release a file belongs to.
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
+for f in "$dll" "$build/modules/cmms/sxcmms.dll"; do
+  strings -el "$f" | grep -A1 -x ProductVersion | tail -n 1 | grep -qx "$version" ||
+    fail "$f carries no version resource naming $version"
+done
+
 # The public headers as a host compiled MSVC-style sees them (clang in the
 # MSVC mode, both pointer widths, C and C++): their size and offset checks
 # hold there too.
@@ -63,5 +71,5 @@ else
 fi
 
 count=$(printf '%s\n' "$decorated" | wc -l)
-[ $status -eq 0 ] && echo "win32: sxscan.dll exports the $count names of sxscan.def; sxscan.lib has their @N decorations; the headers compile MSVC-style"
+[ $status -eq 0 ] && echo "win32: sxscan.dll exports the $count names of sxscan.def; sxscan.lib has their @N decorations; the binaries carry version $version; the headers compile MSVC-style"
 exit $status
