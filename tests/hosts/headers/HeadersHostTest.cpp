@@ -28,7 +28,7 @@ struct ChosenScanner {
 // Runs a program through the system's command interpreter, which both
 // systems have; the paths hold no blanks, so nothing is quoted. The
 // program's output is returned in `output`.
-bool Run(const std::string& program, const std::string& arguments, const fs::path& folder,
+bool RunProgram(const std::string& program, const std::string& arguments, const fs::path& folder,
          std::string& output) {
   const fs::path log = folder / "output.txt";
   const std::string command =
@@ -44,7 +44,7 @@ TEST(HeadersHost, KeepsWhatTheHeadersPromise) {
   for (const char* scenario : {"rules", "buffered"}) {
     ChosenScanner scanner;
     std::string report;
-    EXPECT_TRUE(Run(SX_TEST_PROOF_HOST, scenario, scanner.root.Path(), report))
+    EXPECT_TRUE(RunProgram(SX_TEST_PROOF_HOST, scenario, scanner.root.Path(), report))
         << scenario << ":\n" << report;
     EXPECT_NE(report.find(" passed, 0 failed"), std::string::npos) << scenario << ":\n" << report;
   }
@@ -56,7 +56,7 @@ TEST(HeadersHost, WritingAHostProgramSavesTheSamePageInBothModes) {
     ChosenScanner scanner;
     const fs::path page = scanner.root.Path() / "page.ppm";
     std::string output;
-    ASSERT_TRUE(Run(SX_TEST_SCANPAGE, NativePath(page.string()) + " " + mode, scanner.root.Path(), output))
+    ASSERT_TRUE(RunProgram(SX_TEST_SCANPAGE, NativePath(page.string()) + " " + mode, scanner.root.Path(), output))
         << mode << ":\n" << output;
     // The flatbed's default area at 100 dpi: 850 pixels cut to the model's
     // multiple of 4, 1100 lines, three bytes a pixel.
