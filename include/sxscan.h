@@ -422,9 +422,11 @@ typedef struct SxImageInfo {
   int32_t LinesPerPage;   /**< Lines of one page (a page ended early has fewer). */
   int32_t BitsPerPixel;   /**< #CAP_BITSPERPIXEL as set. */
   /** The larger of one delivered line's bytes and 1048575: one byte less
-   * than the largest block buffered mode can deliver. It does not tell the
-   * size of the host's buffer; a buffered host provides at least this many
-   * bytes plus one, or one line when lines are longer. */
+   * than the largest block buffered mode delivers (1 MiB). It does not tell
+   * the size of the host's buffer, which the host chooses: in direct mode
+   * by its answer to #SX_XFER_IMAGE_INFO; in buffered mode the buffer holds
+   * a whole block, and 1048576 bytes always do (a scan whose raw lines are
+   * longer cannot run buffered). */
   int32_t BufferSizeHint;
   int16_t SamplesPerPixel;  /**< 3 for colour, else 1. */
   /** #BitsPerPixel / #SamplesPerPixel in the first #SamplesPerPixel

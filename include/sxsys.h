@@ -50,7 +50,9 @@ SX_EXPORT SxHandle SX_API SxSysGlobalReAlloc(SxHandle handle, size_t bytes, uint
  * or null for an unknown handle. */
 SX_EXPORT void* SX_API SxSysGlobalLock(SxHandle handle);
 /** Takes one from a movable block's lock count. @return nonzero while the
- * block is still locked, 0 once it is not (or for an unknown handle). */
+ * block is still locked, 0 once it is not and for an unknown handle. A
+ * fixed block has no lock count: Linux answers 0, Windows as the system
+ * does. */
 SX_EXPORT int32_t SX_API SxSysGlobalUnlock(SxHandle handle);
 /** Frees a block, locked or not. @return null on success, the handle
  * itself when it is unknown or already freed. */
