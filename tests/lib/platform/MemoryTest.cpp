@@ -6,9 +6,7 @@
 #include "platform/Memory.h"
 
 #ifdef _WIN32
-#define WIN32_LEAN_AND_MEAN
-#define NOMINMAX
-#include <windows.h>
+#include "platform/win32/Win32.h"
 #endif
 
 namespace sx::plat {
