@@ -1,5 +1,5 @@
-# cmake --install: the library with its headers, pkg-config file and CMake
-# package, the sxscan program with its man page and bash completion, the
+# cmake --install: the library with its headers, manual pages, HTML
+# reference, pkg-config file and CMake package, the sxscan program with its man page and bash completion, the
 # modules, and a default system tree. Every path is relative to the prefix,
 # so an installed tree can be moved as a whole.
 include(CMakePackageConfigHelpers)
@@ -13,8 +13,16 @@ set(SX_INSTALL_SKELETON ${CMAKE_INSTALL_LIBDIR}/sxscan/root)
 
 install(TARGETS sxscan EXPORT sxscanTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
-install(FILES include/sxscan.h include/sxsys.h include/sxdriver.h
+install(FILES include/sxscan.h include/sxsys.h include/sxdriver.h include/sxaspi.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sxscan COMPONENT development)
+# The reference: the functions' manual pages, and the HTML where Doxygen
+# made it.
+install(FILES ${SX_MAN3_PAGES} ${SX_MAN3_LINKS} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
+  COMPONENT development)
+if(TARGET sx_reference)
+  install(DIRECTORY ${SX_REFERENCE_DIR}/html/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/reference
+    COMPONENT development)
+endif()
 
 install(EXPORT sxscanTargets NAMESPACE sxscan:: DESTINATION ${SX_INSTALL_CMAKEDIR}
   COMPONENT development)

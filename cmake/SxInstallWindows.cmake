@@ -1,8 +1,8 @@
 # cmake --install on Windows: the package a host's developer copies. The DLL
 # and programs in bin/, the import library and the .def in lib/, the headers
-# in include/sxscan/, and windows/, which mirrors C:\Windows: the driver tree
-# twain_32\ with the virtual scanner, and the scanner's colour profile in the
-# system colour folder.
+# in include/sxscan/, the HTML reference in doc/reference/, and windows/,
+# which mirrors C:\Windows: the driver tree twain_32\ with the virtual
+# scanner, and the scanner's colour profile in the system colour folder.
 set(SX_PACKAGE_WINDOWS windows)
 install(TARGETS sxscan
   RUNTIME DESTINATION bin COMPONENT runtime
@@ -10,6 +10,11 @@ install(TARGETS sxscan
 install(FILES ${SX_DEF_FILE} DESTINATION lib COMPONENT development)
 install(FILES include/sxscan.h include/sxsys.h include/sxdriver.h include/sxaspi.h
   DESTINATION include/sxscan COMPONENT development)
+# The HTML reference of the headers (doc\reference\index.html), where
+# Doxygen made it.
+if(TARGET sx_reference)
+  install(DIRECTORY ${SX_REFERENCE_DIR}/html/ DESTINATION doc/reference COMPONENT development)
+endif()
 install(TARGETS vscan RUNTIME DESTINATION ${SX_PACKAGE_WINDOWS}/twain_32/Corvane/VScan
   LIBRARY DESTINATION ${SX_PACKAGE_WINDOWS}/twain_32/Corvane/VScan COMPONENT runtime)
 install(FILES cmake/skeleton/vscan.ini cmake/skeleton/cmatch.ini

@@ -1,6 +1,8 @@
-/* sxaspi — the SCSI layer sxscan asks for scanners: the two entry points and
+/**
+ * @file sxaspi.h
+ * @brief For ASPI module authors: the SCSI layer sxscan asks for scanners: the two entry points and
  * the request blocks of ASPI for Win32, as a module "wnaspi32.dll" in the
- * system folder exports them with C linkage.
+ * system folder exports them with C linkage (caller-cleans convention).
  *
  * uint32_t GetASPI32SupportInfo(void);
  *   bits 15..8: SS_COMP when host adapters are present, else SS_NO_ADAPTERS;
@@ -21,66 +23,68 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#define SC_HA_INQUIRY 0x00
-#define SC_EXEC_SCSI_CMD 0x02
+#define SC_HA_INQUIRY 0x00 /**< SRB_Cmd of a host adapter inquiry. */
+#define SC_EXEC_SCSI_CMD 0x02 /**< SRB_Cmd of a SCSI command. */
 
-#define SS_PENDING 0x00
-#define SS_COMP 0x01
-#define SS_ABORTED 0x02
-#define SS_ERR 0x04
-#define SS_INVALID_CMD 0x80
-#define SS_INVALID_HA 0x81
-#define SS_NO_DEVICE 0x82
-#define SS_NO_ADAPTERS 0xE8
+#define SS_PENDING 0x00 /**< The request is still running. */
+#define SS_COMP 0x01 /**< Completed without error. */
+#define SS_ABORTED 0x02 /**< Aborted. */
+#define SS_ERR 0x04 /**< Completed with an error. */
+#define SS_INVALID_CMD 0x80 /**< Not a request the module knows. */
+#define SS_INVALID_HA 0x81 /**< No such host adapter. */
+#define SS_NO_DEVICE 0x82 /**< No device at that target. */
+#define SS_NO_ADAPTERS 0xE8 /**< No host adapter at all. */
 
-#define SRB_POSTING 0x01
-#define SRB_DIR_IN 0x08  /* data from the target to the host */
-#define SRB_DIR_OUT 0x10 /* data from the host to the target */
+#define SRB_POSTING 0x01 /**< SRB_Flags: call SRB_PostProc on completion. */
+#define SRB_DIR_IN 0x08 /**< SRB_Flags: data from the target to the host. */
+#define SRB_DIR_OUT 0x10 /**< SRB_Flags: data from the host to the target. */
 
-#define SENSE_LEN 14
+#define SENSE_LEN 14 /**< Bytes of sense data. */
 
 #pragma pack(push, 1)
 
-/* Host adapter inquiry, 60 bytes. */
+/** Host adapter inquiry, 60 bytes. */
 typedef struct SRB_HAInquiry {
-  uint8_t SRB_Cmd; /* SC_HA_INQUIRY */
-  uint8_t SRB_Status;
-  uint8_t SRB_HaId;
-  uint8_t SRB_Flags;
-  uint32_t SRB_Hdr_Rsvd;
-  uint8_t HA_Count;
-  uint8_t HA_SCSI_ID;
-  uint8_t HA_ManagerId[16];
-  uint8_t HA_Identifier[16];
-  uint8_t HA_Unique[16];
-  uint16_t HA_Rsvd1;
+  uint8_t SRB_Cmd; /**< #SC_HA_INQUIRY. */
+  uint8_t SRB_Status; /**< #SS_PENDING until done, then the outcome. */
+  uint8_t SRB_HaId; /**< The host adapter. */
+  uint8_t SRB_Flags; /**< Not used. */
+  uint32_t SRB_Hdr_Rsvd; /**< Zero. */
+  uint8_t HA_Count; /**< Number of host adapters. */
+  uint8_t HA_SCSI_ID; /**< The adapter's own SCSI identifier. */
+  uint8_t HA_ManagerId[16]; /**< The ASPI manager, as text. */
+  uint8_t HA_Identifier[16]; /**< The adapter's identifier, as text. */
+  uint8_t HA_Unique[16]; /**< Adapter details. */
+  uint16_t HA_Rsvd1; /**< Zero. */
 } SRB_HAInquiry;
 
-/* Execute a SCSI command: 80 bytes on i386, 88 on x86-64. */
+/** Execute a SCSI command: 80 bytes on i386, 88 on x86-64. */
 typedef struct SRB_ExecSCSICmd {
-  uint8_t SRB_Cmd; /* SC_EXEC_SCSI_CMD */
-  uint8_t SRB_Status;
-  uint8_t SRB_HaId;
-  uint8_t SRB_Flags;
-  uint32_t SRB_Hdr_Rsvd;
-  uint8_t SRB_Target;
-  uint8_t SRB_Lun;
-  uint16_t SRB_Rsvd1;
-  uint32_t SRB_BufLen;
-  uint8_t* SRB_BufPointer;
-  uint8_t SRB_SenseLen;
-  uint8_t SRB_CDBLen;
-  uint8_t SRB_HaStat;
-  uint8_t SRB_TargStat;
-  void* SRB_PostProc;
-  uint8_t SRB_Rsvd2[20];
-  uint8_t CDBByte[16];
-  uint8_t SenseArea[SENSE_LEN + 2];
+  uint8_t SRB_Cmd; /**< #SC_EXEC_SCSI_CMD. */
+  uint8_t SRB_Status; /**< #SS_PENDING until done, then the outcome (stored last). */
+  uint8_t SRB_HaId; /**< The host adapter. */
+  uint8_t SRB_Flags; /**< #SRB_DIR_IN, #SRB_DIR_OUT, #SRB_POSTING. */
+  uint32_t SRB_Hdr_Rsvd; /**< Zero. */
+  uint8_t SRB_Target; /**< The target. */
+  uint8_t SRB_Lun; /**< The logical unit. */
+  uint16_t SRB_Rsvd1; /**< Zero. */
+  uint32_t SRB_BufLen; /**< Bytes of the data buffer. */
+  uint8_t* SRB_BufPointer; /**< The data buffer. */
+  uint8_t SRB_SenseLen; /**< Room for sense data. */
+  uint8_t SRB_CDBLen; /**< Bytes of the command block. */
+  uint8_t SRB_HaStat; /**< The adapter's status. */
+  uint8_t SRB_TargStat; /**< The target's status. */
+  void* SRB_PostProc; /**< Called on completion with #SRB_POSTING. */
+  uint8_t SRB_Rsvd2[20]; /**< Zero. */
+  uint8_t CDBByte[16]; /**< The command block. */
+  uint8_t SenseArea[SENSE_LEN + 2]; /**< Sense data. */
 } SRB_ExecSCSICmd;
 
 #pragma pack(pop)
 
+/** GetASPI32SupportInfo. */
 typedef uint32_t (*SxGetAspiSupportInfoFn)(void);
+/** SendASPI32Command. */
 typedef uint32_t (*SxSendAspiCommandFn)(void* srb);
 
 #ifdef __cplusplus

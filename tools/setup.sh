@@ -11,7 +11,8 @@ PACKAGES=(cmake g++ g++-multilib make binutils googletest libgtest-dev libbenchm
           libpng-dev libtiff-dev clang libclang-rt-14-dev pkg-config liblcms2-dev
           libjpeg-dev zlib1g-dev libsane-dev sane-utils libopencv-dev qemu-user
           g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix binutils-mingw-w64 wine64 xvfb
-          libcpp-httplib-dev libpugixml-dev libavahi-client-dev sane-airscan avahi-utils avahi-daemon)
+          libcpp-httplib-dev libpugixml-dev libavahi-client-dev sane-airscan avahi-utils avahi-daemon
+          doxygen)
 
 missing=()
 for package in "${PACKAGES[@]}"; do

@@ -29,7 +29,8 @@ libdir=$(cd "$prefix" && ls -d lib/*-linux-gnu | head -n 1)
 
 for f in "$libdir/libsxscan.so.1" "$libdir/libsxscan.so" "$libdir/pkgconfig/sxscan.pc" \
          "$libdir/cmake/sxscan/sxscanConfig.cmake" include/sxscan/sxscan.h include/sxscan/sxsys.h \
-         include/sxscan/sxdriver.h "$libdir/sxscan/root/user.reg" \
+         include/sxscan/sxdriver.h include/sxscan/sxaspi.h share/man/man3/SxLoad.3 share/man/man3/SxFree.3 \
+         share/man/man3/SxSysGlobalBlockCount.3 "$libdir/sxscan/root/user.reg" \
          "$libdir/sxscan/root/windows/twain_32/Corvane/VScan/vscan.dll"; do
   [[ -e "$prefix/$f" ]] || fail "missing $f"
 done
@@ -83,6 +84,17 @@ cmake -S "$work/example" -B "$work/example/build" -DCMAKE_PREFIX_PATH="$prefix" 
   -DCMAKE_LIBRARY_ARCHITECTURE="${libdir#lib/}" >/dev/null
 cmake --build "$work/example/build" >/dev/null
 run_example "$work/example/build/by-find-package"
+
+# Every function has its manual page, found by name.
+man -M "$prefix/share/man" -w 3 SxQueryData >/dev/null 2>&1 || ! command -v man >/dev/null ||
+  fail "man does not find SxQueryData(3)"
+# The proof host, a host made from the headers alone, builds against the
+# installed ones.
+# shellcheck disable=SC2046,SC2086 # pkg-config prints a list of options
+"$cc" $cflags -std=c99 -Wall -Wextra -Werror -o "$work/example/proof-host" \
+  "$source_dir/tests/hosts/headers/proof_host.c" \
+  $(PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig" pkg-config --cflags --libs sxscan) ||
+  fail "the proof host does not build against the installed headers"
 
 # The installed program finds its library through its relative run path.
 if [[ -x "$prefix/bin/sxscan" ]]; then
