@@ -54,9 +54,10 @@ constexpr int ToneOption(int tone, int element) {
   return element == kWholeImage ? kBrightness + tone : kChannelFirst + tone * kChannels + element - 1;
 }
 
-// The choices' words as frontends show them. SANE frontends send one of the
-// listed words; another frontend's "color" for "Color" is taken as that
-// word, and the frontend is told the value it was given (SANE_INFO_INEXACT).
+// The choices' words as frontends show them. A frontend must set one of the
+// listed words; the case of its letters is left to the backend, so "color"
+// is taken as "Color" and handed back with SANE_INFO_INEXACT, as any value
+// the backend adjusts.
 constexpr Keyword<int32_t> kModes[] = {
     {SANE_VALUE_SCAN_MODE_LINEART, kLineArt},
     {SANE_VALUE_SCAN_MODE_GRAY, kGray},
