@@ -145,6 +145,7 @@ ENTRY(control_option)(SANE_Handle h, SANE_Int n, SANE_Action action, void* v, SA
   auto* device = static_cast<Device*>(h);
   if (info) *info = 0;
   if (!device) return SANE_STATUS_INVAL;
+  Settle(device->session);
   if (device->session.scanning && action != SANE_ACTION_GET_VALUE) return SANE_STATUS_DEVICE_BUSY;
   return ControlOption(device->options, n, action, v, info);
 }
@@ -152,6 +153,7 @@ ENTRY(control_option)(SANE_Handle h, SANE_Int n, SANE_Action action, void* v, SA
 ENTRY(get_parameters)(SANE_Handle h, SANE_Parameters* p) {
   auto* device = static_cast<Device*>(h);
   if (!device || !p) return SANE_STATUS_INVAL;
+  Settle(device->session);
   *p = device->session.pageOpen ? PageParameters(device->session.page) : EstimateParameters(device->options);
   return SANE_STATUS_GOOD;
 }
@@ -183,14 +185,18 @@ ENTRY_VOID(cancel)(SANE_Handle h) {
 
 ENTRY(set_io_mode)(SANE_Handle h, SANE_Bool nonblocking) {
   auto* device = static_cast<Device*>(h);
-  if (!device || !device->session.scanning) return SANE_STATUS_INVAL;
+  if (!device) return SANE_STATUS_INVAL;
+  Settle(device->session);
+  if (!device->session.scanning) return SANE_STATUS_INVAL;
   device->session.nonblocking = nonblocking == SANE_TRUE;
   return SANE_STATUS_GOOD;
 }
 
 ENTRY(get_select_fd)(SANE_Handle h, SANE_Int* fd) {
   auto* device = static_cast<Device*>(h);
-  if (!device || !fd || !device->session.scanning || !device->session.transfer) return SANE_STATUS_INVAL;
+  if (!device || !fd) return SANE_STATUS_INVAL;
+  Settle(device->session);
+  if (!device->session.scanning || !device->session.transfer) return SANE_STATUS_INVAL;
   *fd = device->session.transfer->SelectFd();
   return SANE_STATUS_GOOD;
 }

@@ -25,12 +25,6 @@ int DebugLevel() {
   return level;
 }
 
-struct Busy {
-  explicit Busy(Session& s) : s_(s) { s_.busy.store(true); }
-  ~Busy() { s_.busy.store(false); }
-  Session& s_;
-};
-
 bool OpenNextPage(Session& s, int32_t* result) {
   if (s.transfer->NextPage(&s.page, result) != Transfer::Wait::Page) return false;
   const SANE_Parameters p = PageParameters(s.page);
@@ -103,7 +97,7 @@ void EndAcquisition(Session& s) {
 }
 
 SANE_Status StartPage(Session& s, const AcquireApi& api, bool feeder, const std::function<SANE_Status()>& prepare) {
-  Busy busy(s);
+  Settle(s);
   s.pageOpen = false;
   int32_t result = SX_OK;
   // An acquisition still running may hold the feeder's next page; once it
@@ -132,8 +126,7 @@ SANE_Status StartPage(Session& s, const AcquireApi& api, bool feeder, const std:
 }
 
 SANE_Status ReadPage(Session& s, SANE_Byte* data, SANE_Int max, SANE_Int* length) {
-  if (!s.scanning || !s.transfer) return SANE_STATUS_CANCELLED;
-  Busy busy(s);
+  if (!s.scanning || !s.transfer || s.transfer->CancelRequested()) return SANE_STATUS_CANCELLED;
   if (!s.pageOpen) return SANE_STATUS_EOF;
   if (s.pageEnded) return FillPage(s, data, max, length);
   const Transfer::Chunk chunk = s.transfer->Read(data, static_cast<size_t>(max), !s.nonblocking);
@@ -156,13 +149,15 @@ SANE_Status ReadPage(Session& s, SANE_Byte* data, SANE_Int max, SANE_Int* length
   return FillPage(s, data, max, length);
 }
 
+// Design note: joining the acquisition's thread and freeing its memory are
+// not safe in a signal handler, which may have interrupted the frontend
+// inside the allocator; they wait for the frontend's next call.
 void Cancel(Session& s) {
-  if (!s.transfer) return;
-  s.transfer->RequestCancel();
-  // Called from a signal handler that interrupted a call: only the flag is
-  // set; that call returns cancelled and a later one joins the thread.
-  if (s.busy.load()) return;
-  EndAcquisition(s);
+  if (Transfer* t = s.transfer.get()) t->RequestCancel();
+}
+
+void Settle(Session& s) {
+  if (s.transfer && s.transfer->CancelRequested()) EndAcquisition(s);
 }
 
 }  // namespace sxsane

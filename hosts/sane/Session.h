@@ -10,7 +10,6 @@
 #pragma once
 #include <sane/sane.h>
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -23,8 +22,6 @@ struct Session {
   std::unique_ptr<Transfer> transfer;
   SxImageInfo page{};
   bool scanning = false, pageOpen = false, nonblocking = false;
-  // Set while a call of the frontend's runs: a cancel then only asks.
-  std::atomic<bool> busy{false};
   // The page's bytes as announced and those handed over; after the page's
   // end mark the rest is white.
   uint64_t pageBytes = 0, delivered = 0;
@@ -41,9 +38,13 @@ SANE_Status StatusOf(int32_t result);
 SANE_Status StartPage(Session& s, const AcquireApi& api, bool feeder, const std::function<SANE_Status()>& prepare);
 SANE_Status ReadPage(Session& s, SANE_Byte* data, SANE_Int max, SANE_Int* length);
 SANE_Parameters PageParameters(const SxImageInfo& page);
-// sane_cancel. From a signal handler that interrupted a call of the same
-// session, only the request is made; that call returns cancelled.
+// sane_cancel, which frontends call from signal handlers: it only asks. A
+// read it cuts, and every read after it, returns SANE_STATUS_CANCELLED; the
+// frontend's next other call ends the acquisition (Settle).
 void Cancel(Session& s);
+// Ends an acquisition whose cancel was asked for; the next sane_start then
+// begins a new one.
+void Settle(Session& s);
 void EndAcquisition(Session& s);
 
 }  // namespace sxsane

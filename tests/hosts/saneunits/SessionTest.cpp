@@ -38,10 +38,10 @@ struct Script {
   int32_t endCode = SX_XFER_PAGE_END;  // with the last lines; SX_XFER_DATA: no end mark
   int32_t result = SX_OK;
   int pages = 1;
-  bool stall = false;  // after the first lines, send more until told to stop
 };
 Script g_script;
-std::atomic<bool> g_stalling{false};
+// After the first lines, empty blocks until the stall ends or the host stops.
+std::atomic<bool> g_stall{false}, g_stalling{false};
 
 int32_t SX_API Acquire(SxTransferCallback callback, void* buffer) {
   const Script& s = g_script;
@@ -57,7 +57,7 @@ int32_t SX_API Acquire(SxTransferCallback callback, void* buffer) {
     std::memset(buffer, 0x11, static_cast<size_t>(lineBytes * kLines));
     int64_t first = lineBytes * (s.linesSent - 1);
     if (callback(buffer, &first, SX_XFER_DATA) != 0) return SX_ERR_CANCELLED;
-    while (s.stall) {
+    while (g_stall) {
       g_stalling = true;
       int64_t none = 0;
       if (callback(buffer, &none, SX_XFER_DATA) != 0) return SX_ERR_CANCELLED;
@@ -149,14 +149,14 @@ TEST_F(SessionTest, EarlyEndsReadTheLibrarysReason) {
 }
 
 // sane_cancel from a signal handler that interrupted a waiting sane_read:
-// the read ends cancelled, never as the page's end, and so does the next
-// sane_start.
+// the read ends cancelled, never as the page's end, and so does every read
+// after it; the next sane_start begins a new acquisition.
 Session* g_interrupted = nullptr;
 void OnInterrupt(int) { Cancel(*g_interrupted); }
 
 TEST_F(SessionTest, ACancelDuringAReadEndsItCancelled) {
   g_script = Script{};
-  g_script.stall = true;
+  g_stall = true;
   g_stalling = false;
   g_interrupted = &session_;
   struct sigaction action {}, old {};
@@ -175,10 +175,14 @@ TEST_F(SessionTest, ACancelDuringAReadEndsItCancelled) {
   sigaction(SIGUSR1, &old, nullptr);
   EXPECT_EQ(status, SANE_STATUS_CANCELLED);
   EXPECT_LT(page.size(), size_t{kPixels} * kLines);
-  EXPECT_EQ(Start(true), SANE_STATUS_CANCELLED);
   SANE_Int n = 0;
   SANE_Byte byte;
   EXPECT_EQ(ReadPage(session_, &byte, 1, &n), SANE_STATUS_CANCELLED);
+
+  g_stall = false;
+  ASSERT_EQ(Start(true), SANE_STATUS_GOOD);
+  EXPECT_EQ(ReadAll(&status).size(), size_t{kPixels} * kLines);
+  EXPECT_EQ(status, SANE_STATUS_EOF);
 }
 
 }  // namespace
