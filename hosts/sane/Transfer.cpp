@@ -88,6 +88,7 @@ int32_t Transfer::OnCallback(void* data, int64_t* count, int32_t code) {
       item.bytes.assign(p, p + bytes);
     }
     item.last = code != SX_XFER_DATA;
+    item.endedByScanner = code == SX_XFER_SHORT_PAGE;
   } else {
     return SX_OK;
   }
@@ -142,20 +143,22 @@ Transfer::Wait Transfer::NextPage(SxImageInfo* info, int32_t* result) {
   }
 }
 
-long Transfer::Read(uint8_t* out, size_t max, bool block) {
+Transfer::Chunk Transfer::Read(uint8_t* out, size_t max, bool block) {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    if (cancel_.load()) return -1;
+    if (cancel_.load()) return {0, PageEnd::Cut};
     if (!queue_.empty()) {
       Item& front = queue_.front();
-      if (front.page) return -1;
+      // A page announced before this one's end: it never ended.
+      if (front.page) return {0, PageEnd::Cut};
       if (front.last && front.used == front.bytes.size()) {
         // The page's end: this read reports it.
+        const PageEnd end = front.endedByScanner ? PageEnd::EndedByScanner : PageEnd::Whole;
         queuedBytes_ -= front.bytes.size();
         queue_.pop_front();
         cv_.notify_all();
         Drain();
-        return -1;
+        return {0, end};
       }
       size_t n = std::min(max, front.bytes.size() - front.used);
       std::memcpy(out, front.bytes.data() + front.used, n);
@@ -166,11 +169,11 @@ long Transfer::Read(uint8_t* out, size_t max, bool block) {
         cv_.notify_all();
         Drain();
       }
-      if (n > 0 || max == 0) return static_cast<long>(n);
+      if (n > 0 || max == 0) return {n, PageEnd::None};
       continue;
     }
-    if (done_) return -1;
-    if (!block) return 0;
+    if (done_) return {0, PageEnd::Cut};
+    if (!block) return {};
     cv_.wait_for(lock, kPoll);
   }
 }

@@ -42,18 +42,27 @@ class Transfer {
  public:
   static constexpr size_t kQueueBound = size_t{4} << 20;
   enum class Wait { Page, Ended };
+  // How a page ended: not yet; with its last lines (code 1); by the scanner
+  // before its last lines (code 5); or cut, by a cancel or the acquisition
+  // ending inside it.
+  enum class PageEnd { None, Whole, EndedByScanner, Cut };
+  struct Chunk {
+    size_t bytes = 0;
+    PageEnd end = PageEnd::None;
+  };
   explicit Transfer(const AcquireApi& api) : api_(api) {}
   ~Transfer();
 
   bool Start(size_t bufferBytes);
   // Blocks until the next page is announced or the acquisition ends.
   Wait NextPage(SxImageInfo* info, int32_t* result);
-  // Copies up to max bytes of the current page. Returns -1 at the page's end
-  // (or the acquisition's), else the byte count (0 only when nonblocking).
-  long Read(uint8_t* out, size_t max, bool block);
+  // Copies up to max bytes of the current page, or tells how it ended. No
+  // bytes and no end only when nonblocking (or max is 0).
+  Chunk Read(uint8_t* out, size_t max, bool block);
   bool Finished();
   int32_t Result();
   void RequestCancel() { cancel_.store(true); }
+  bool CancelRequested() const { return cancel_.load(); }
   void Join();
   int SelectFd() const { return pipe_[0]; }
   // The most image bytes the queue has held at once.
@@ -64,7 +73,7 @@ class Transfer {
     bool page = false;
     SxImageInfo info{};
     std::vector<uint8_t> bytes;
-    bool last = false;
+    bool last = false, endedByScanner = false;
     size_t used = 0;
   };
   static int32_t SX_API Callback(void* data, int64_t* count, int32_t code);
