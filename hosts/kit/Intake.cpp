@@ -118,7 +118,8 @@ int32_t Intake::BeginPage(const void* info, int64_t* byteCount) {
   ++pagesBegun_;
   // Direct transfers size their blocks from this answer.
   if (byteCount) {
-    const size_t asked = options_.linesPerBlock ? size_t{options_.linesPerBlock} * format.bytesPerLine : buffer_.Bytes();
+    const size_t asked = options_.linesPerBlock ? size_t{options_.linesPerBlock} * format.bytesPerLine
+                                                : buffer_.Bytes();
     *byteCount = static_cast<int64_t>(std::min(asked, buffer_.Bytes()));
   }
   return SX_OK;

@@ -45,8 +45,10 @@ constexpr Keyword<ColorMode> kModes[] = {{"color", ColorMode::Color},
                                          {"lineart", ColorMode::Lineart}};
 constexpr Keyword<ScanSource> kSources[] = {
     {"flatbed", ScanSource::Flatbed}, {"feeder", ScanSource::Feeder}, {"auto", ScanSource::Auto}};
-constexpr Keyword<ColorFilter> kFilters[] = {
-    {"red", ColorFilter::Red}, {"green", ColorFilter::Green}, {"blue", ColorFilter::Blue}, {"none", ColorFilter::None}};
+constexpr Keyword<ColorFilter> kFilters[] = {{"red", ColorFilter::Red},
+                                             {"green", ColorFilter::Green},
+                                             {"blue", ColorFilter::Blue},
+                                             {"none", ColorFilter::None}};
 constexpr Keyword<AreaUnits> kUnits[] = {{"inches", AreaUnits::Inches},
                                          {"in", AreaUnits::Inches},
                                          {"cm", AreaUnits::Centimetres},
@@ -130,7 +132,9 @@ using E = std::string*;
 // Every option of the program, in the order the help lists them.
 constexpr Option kOptions[] = {
     {"--resolution", "N", kForScan,
-     [](V, V v, L l, E e) { return Whole(v, 1, 65535, &l->scan.resolution, e, "--resolution wants dots per inch, 1 to 65535"); },
+     [](V, V v, L l, E e) {
+       return Whole(v, 1, 65535, &l->scan.resolution, e, "--resolution wants dots per inch, 1 to 65535");
+     },
      "dots per inch (both directions); default 300"},
     {"--mode", "color|gray|lineart", kForScan,
      [](V, V v, L l, E e) { return Word(kModes, v, &l->scan.mode, e, "--mode wants color, gray or lineart"); },
@@ -140,14 +144,17 @@ constexpr Option kOptions[] = {
     {"--units", "inches|cm|300ths", kForScan,
      [](V, V v, L l, E e) {
        l->scan.hasUnits = true;
-       return Word(kUnits, v, &l->scan.units, e, "--units wants inches, cm or 300ths (1/300 inch, whatever the resolution)");
+       return Word(kUnits, v, &l->scan.units, e,
+                   "--units wants inches, cm or 300ths (1/300 inch, whatever the resolution)");
      },
      "unit of --area (300ths: 1/300 inch at any resolution)"},
     {"--source", "flatbed|feeder|auto", kForScan,
      [](V, V v, L l, E e) { return Word(kSources, v, &l->scan.source, e, "--source wants flatbed, feeder or auto"); },
      nullptr},
     {"--filter", "red|green|blue|none", kForScan,
-     [](V, V v, L l, E e) { return Word(kFilters, v, &l->scan.filter, e, "--filter wants red, green, blue or none"); },
+     [](V, V v, L l, E e) {
+       return Word(kFilters, v, &l->scan.filter, e, "--filter wants red, green, blue or none");
+     },
      "the colour a gray or lineart scan is taken from"},
     {"--pages", "N|all", kForScan,
      [](V, V v, L l, E e) {
@@ -161,12 +168,16 @@ constexpr Option kOptions[] = {
      "(every page in one document), .jpg (one file per page:\n"
      "name.jpg, name-2.jpg, ...); default scan.png"},
     {"--quality", "N", kForScan,
-     [](V, V v, L l, E e) { return Whole(v, 1, 100, &l->scan.quality, e, "--quality wants a JPEG quality, 1 to 100"); },
+     [](V, V v, L l, E e) {
+       return Whole(v, 1, 100, &l->scan.quality, e, "--quality wants a JPEG quality, 1 to 100");
+     },
      "JPEG quality, 1 to 100; default 85"},
     {"--buffered", nullptr, kForScan, [](V, V, L l, E) { return l->scan.buffered = true; },
      "read and process on the library's worker threads"},
     {"--buffer", "BYTES", kForScan,
-     [](V, V v, L l, E e) { return Whole(v, 1, INT32_MAX, &l->scan.transferBytes, e, "--buffer wants a size in bytes"); },
+     [](V, V v, L l, E e) {
+       return Whole(v, 1, INT32_MAX, &l->scan.transferBytes, e, "--buffer wants a size in bytes");
+     },
      "transfer buffer size (default 262144)"},
     {"--set", "NAME=VALUE", kForScan, [](V, V v, L l, E e) { return ParseSetting(v, &l->scan, e); },
      "any other capability, applied last; gamma, brightness,\n"
@@ -198,7 +209,8 @@ constexpr Command kCommands[] = {
      "list the data sources (display name, vendor, port, file, version)",
      "Lists the data sources the library finds under $SX_ROOT/windows/twain_32:\n"
      "display name, vendor, port, file version and file.\n"},
-    {"select", CommandKind::Select, 1, 1, "select NAME", "choose a data source by display name (or a unique part of it)",
+    {"select", CommandKind::Select, 1, 1, "select NAME",
+     "choose a data source by display name (or a unique part of it)",
      "Chooses the data source whose display name is NAME or contains it\n"
      "(any case; the part must match one source only) and stores the choice.\n"},
     {"info", CommandKind::Info, 0, 0, "info", "open the chosen source; show model, firmware and serial number",
@@ -263,7 +275,9 @@ std::string Entry(std::string left, const char* text, size_t column) {
   return left;
 }
 
-std::string OptionForm(const Option& o) { return std::string(o.name) + (o.operand ? std::string(" ") + o.operand : ""); }
+std::string OptionForm(const Option& o) {
+  return std::string(o.name) + (o.operand ? std::string(" ") + o.operand : "");
+}
 
 std::string OptionLines(unsigned commands, size_t column) {
   std::string out;
@@ -272,7 +286,9 @@ std::string OptionLines(unsigned commands, size_t column) {
   return out;
 }
 
-std::string ScanOptionsSection() { return "scan options:\n" + OptionLines(kForScan, kScanOptionColumn) + "\n" + kNotes; }
+std::string ScanOptionsSection() {
+  return "scan options:\n" + OptionLines(kForScan, kScanOptionColumn) + "\n" + kNotes;
+}
 
 const Option* FindOption(std::string_view name, unsigned commands) {
   for (const auto& o : kOptions)
@@ -416,7 +432,8 @@ std::string CommandHelpText(CommandKind kind) {
   }
   std::string text = "usage: sxscan " + usage + "\n\n" + command.details;
   if (command.options)
-    text += "\n" + (command.optionsInUsage ? ScanOptionsSection() : OptionLines(command.options, command.optionColumn));
+    text += "\n" + (command.optionsInUsage ? ScanOptionsSection()
+                                           : OptionLines(command.options, command.optionColumn));
   return text;
 }
 

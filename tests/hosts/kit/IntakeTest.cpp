@@ -40,7 +40,10 @@ uint8_t* Move(uint8_t* old, size_t bytes) {
 int32_t SX_API Acquire(SxTransferCallback cb, void* buffer) { return g_script(cb, static_cast<uint8_t*>(buffer)); }
 SxHandle SX_API Alloc(uint32_t, size_t bytes) { return &g_blocks.emplace_back(Block{std::vector<uint8_t>(bytes)}); }
 void* SX_API Lock(SxHandle h) { return ++static_cast<Block*>(h)->locks, static_cast<Block*>(h)->bytes.data(); }
-int32_t SX_API Unlock(SxHandle h) { return static_cast<Block*>(h)->locks = std::max(static_cast<Block*>(h)->locks - 1, 0); }
+int32_t SX_API Unlock(SxHandle h) {
+  Block* b = static_cast<Block*>(h);
+  return b->locks = std::max(b->locks - 1, 0);
+}
 SxHandle SX_API Free(SxHandle h) { return static_cast<Block*>(h)->freed = true, nullptr; }
 size_t SX_API Size(SxHandle h) { return static_cast<Block*>(h)->bytes.size(); }
 SxHandle SX_API Handle(const void* address) { return Named(address); }
@@ -133,7 +136,10 @@ TEST_F(Intakes, ByteCountTrustedOnlyWithinTheBlockAtItsAddress) {
     recorder = Recorder();
     Acquired(recorder, [&](SxTransferCallback cb, uint8_t* buffer) {
       Announce(cb, 100);
-      uint8_t* data = c.where == kBuffer ? buffer : c.where == kMoved ? Move(buffer, 96) : c.where == kStray ? stray : buffer + 8;
+      uint8_t* data = c.where == kBuffer  ? buffer
+                      : c.where == kMoved ? Move(buffer, 96)
+                      : c.where == kStray ? stray
+                                          : buffer + 8;
       return Send(cb, data, c.count, SX_XFER_PAGE_END);
     });
     EXPECT_EQ(recorder.bytes.size(), c.taken) << c.what;
