@@ -50,11 +50,14 @@ std::vector<std::string> ServeArguments(const ServeOptions& options) {
 bool ReadServeArguments(const std::vector<std::string>& args, ServeOptions* options, std::string* error) {
   ServeOptions read;
   for (size_t i = 0; i < args.size(); ++i) {
-    const std::string& name = args[i];
-    std::string_view value;
-    if (name != kNoAnnounce) {
+    // Also "--name=value", for a person who runs the server program directly.
+    const std::string_view arg = args[i];
+    const size_t eq = arg.find('=');
+    const std::string_view name = arg.substr(0, eq);
+    std::string_view value = eq == std::string_view::npos ? std::string_view() : arg.substr(eq + 1);
+    if (eq == std::string_view::npos && name != kNoAnnounce) {
       if (i + 1 >= args.size()) {
-        *error = name + " needs a value";
+        *error = std::string(name) + " needs a value";
         return false;
       }
       value = args[++i];

@@ -31,7 +31,8 @@ bool SetServeOption(std::string_view name, std::string_view value, ServeOptions*
 
 // The server program's arguments (without the program's name) for `options`.
 std::vector<std::string> ServeArguments(const ServeOptions& options);
-// The options from those arguments; false with the reason for anything else.
+// The options from those arguments (or their "--name=value" forms); false
+// with the reason for anything else.
 bool ReadServeArguments(const std::vector<std::string>& args, ServeOptions* options, std::string* error);
 
 }  // namespace sx::host

@@ -20,6 +20,8 @@ TEST(ServeHandOver, ArgumentsReadBackAsTheOptions) {
   }
   ServeOptions read;
   std::string error;
+  ASSERT_TRUE(ReadServeArguments({"--port=0", "--name=a=b"}, &read, &error)) << error;
+  EXPECT_TRUE(read.port == 0 && read.name == "a=b");
   for (const std::vector<std::string>& wrong : {std::vector<std::string>{"--port"}, {"--port", "65536"},
                                                {"--mode", "gray"}, {"--name", ""}}) {
     EXPECT_FALSE(ReadServeArguments(wrong, &read, &error)) << wrong[0];
