@@ -76,7 +76,7 @@ if(TARGET sxscan_host)
   set_target_properties(sxscan_host PROPERTIES
     INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   # sxscan doctor points at the default tree relative to the program.
-  target_compile_definitions(sxscan_host PRIVATE SX_INSTALL_SKELETON="${SX_INSTALL_SKELETON}")
+  target_compile_definitions(sxdoctor PRIVATE SX_INSTALL_SKELETON="${SX_INSTALL_SKELETON}")
   install(TARGETS sxscan_host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
   install(FILES docs/sxscan.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
   install(FILES tools/completion/sxscan.bash

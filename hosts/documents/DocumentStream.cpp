@@ -21,14 +21,6 @@ constexpr size_t kFileBufferBytes = 64 * 1024;
 // renamed (a file system may write a renamed file's data out first).
 constexpr uint64_t kWriteBackBytes = 8ull << 20;
 
-int SeekTo(std::FILE* file, uint64_t offset) {
-#ifdef _WIN32
-  return _fseeki64(file, static_cast<long long>(offset), SEEK_SET);
-#else
-  return fseeko(file, static_cast<off_t>(offset), SEEK_SET);
-#endif
-}
-
 }  // namespace
 
 FileSink::~FileSink() { Close(); }
@@ -63,7 +55,7 @@ bool FileSink::Fail() {
 
 bool FileSink::Seek(uint64_t offset) {
   if (position_ == offset) return true;
-  if (SeekTo(file_, offset) != 0) return Fail();
+  if (SeekFile(file_, offset) != 0) return Fail();
   position_ = offset;
   return true;
 }
@@ -96,12 +88,12 @@ bool FileSink::Read(uint64_t offset, void* data, size_t bytes) {
   if (!file_ || code_ || offset + bytes > size_) return false;
   // A stream switching from writing to reading must be flushed or seeked.
   if (std::fflush(file_) != 0) return Fail();
-  if (SeekTo(file_, offset) != 0) return Fail();
+  if (SeekFile(file_, offset) != 0) return Fail();
   position_ = offset;
   if (std::fread(data, 1, bytes, file_) != bytes) return Fail();
   position_ = offset + bytes;
   // And back again before the next write.
-  return SeekTo(file_, position_) == 0 || Fail();
+  return SeekFile(file_, position_) == 0 || Fail();
 }
 
 bool FileSink::Truncate(uint64_t size) {

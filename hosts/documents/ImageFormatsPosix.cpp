@@ -560,4 +560,7 @@ void StartWriteBack(std::FILE* file, uint64_t offset, uint64_t bytes) {
   sync_file_range(fileno(file), static_cast<off_t>(offset), static_cast<off_t>(bytes), SYNC_FILE_RANGE_WRITE);
 }
 
+// 64-bit offsets whatever the ABI (_FILE_OFFSET_BITS makes off_t 64 bits).
+int SeekFile(std::FILE* file, uint64_t offset) { return fseeko(file, static_cast<off_t>(offset), SEEK_SET); }
+
 }  // namespace sx::host

@@ -486,4 +486,7 @@ bool CreateNewFile(const std::string& name, int* code) {
 // Windows' cache manager writes dirty pages out steadily by itself.
 void StartWriteBack(std::FILE*, uint64_t, uint64_t) {}
 
+// fseek takes a 32-bit long on Windows.
+int SeekFile(std::FILE* file, uint64_t offset) { return _fseeki64(file, static_cast<long long>(offset), SEEK_SET); }
+
 }  // namespace sx::host

@@ -59,6 +59,9 @@ bool CreateNewFile(const std::string& name, int* code);
 // without waiting for it; nothing where the system does that by itself.
 // One per system, ImageFormats*.cpp.
 void StartWriteBack(std::FILE* file, uint64_t offset, uint64_t bytes);
+// fseek to `offset` from the start, however large; 0 on success. One per
+// system, ImageFormats*.cpp.
+int SeekFile(std::FILE* file, uint64_t offset);
 
 // The partial files being written, for an interrupt that ends the program at
 // once: slot i's name or nullptr. Safe to call in a signal handler.

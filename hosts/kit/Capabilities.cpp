@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "sxscan/CommandLine.h"
+#include "kit/Parse.h"
 #include "sxscan.h"
 
 namespace sx::host {

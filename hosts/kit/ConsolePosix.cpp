@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <iterator>
 
-#include "sxscan/Commands.h"
+#include "kit/Exit.h"
 #include "documents/ImageWriter.h"
 
 namespace sx::host {

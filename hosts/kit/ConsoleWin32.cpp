@@ -7,7 +7,7 @@
 
 #include <cstdio>
 
-#include "sxscan/Commands.h"
+#include "kit/Exit.h"
 #include "kit/Console.h"
 #include "documents/ImageWriter.h"
 

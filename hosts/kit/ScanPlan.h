@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "kit/Capabilities.h"
-#include "sxscan/CommandLine.h"
+#include "kit/ScanRequest.h"
 #include "documents/ImageWriter.h"
 #include "sxscan.h"
 

@@ -1,9 +1,12 @@
 #include "kit/Session.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
+#include "kit/LibraryCalls.h"
+// The store checks, shared with the doctor, which defines them.
 #include "sxscan/Commands.h"
 #include "sxsys.h"
 
@@ -12,9 +15,14 @@ namespace {
 // More entries than any tree holds: a bound on the walk, should the list
 // never report its end.
 constexpr int kMaxSources = 4096;
-// Unlock calls before giving up on a block whose count never drops.
-constexpr int kMaxUnlocks = 1 << 16;
 }  // namespace
+
+const LibraryCalls& LinkedLibrary() {
+  // Not a constant: an imported function's address is known once loaded.
+  static const LibraryCalls calls = {SxAcquire,       SxSysGlobalAlloc, SxSysGlobalLock,  SxSysGlobalUnlock,
+                                     SxSysGlobalFree, SxSysGlobalSize,  SxSysGlobalHandle};
+  return calls;
+}
 
 std::vector<SxDataSource> ListSources(int32_t* result) {
   std::vector<SxDataSource> sources;
@@ -71,13 +79,22 @@ bool CurrentSource(SxDataSource* source) {
   return SxGetDS(0, source) == SX_OK;
 }
 
-void ReleaseLockedBlock(void* address) {
-  if (!address) return;
-  SxHandle handle = SxSysGlobalHandle(address);
-  if (!handle) return;
-  for (int i = 0; i < kMaxUnlocks && SxSysGlobalUnlock(handle) != 0; ++i) {
+bool OpenSourceForScan() {
+  const int32_t loaded = SxLoad(nullptr);
+  if (loaded == SX_OK) return true;
+  int32_t result = 0;
+  std::vector<SxDataSource> sources;
+  if (loaded == SX_ERR_NO_SOURCE) sources = ListSources(&result);
+  std::string problem;
+  if (sources.size() == 1 && !RegistryStoreProblem(&problem)) {
+    SxDataSource only = sources[0];
+    if (SxSetDriverById(&only, 0) == SX_OK) {
+      std::fprintf(stderr, "sxscan: no source was chosen; using the only one installed, %s (now the chosen one)\n",
+                   FieldText(only.DisplayName, sizeof only.DisplayName).c_str());
+      return true;
+    }
   }
-  SxSysGlobalFree(handle);
+  return OpenStoredSource();  // says why not, and what to do
 }
 
 QueriedList QueryList(const CapabilityInfo& cap) {
@@ -87,7 +104,7 @@ QueriedList QueryList(const CapabilityInfo& cap) {
   SxHandle listHandle = list ? SxSysGlobalHandle(list) : nullptr;
   if (!listHandle) return out;
   if (SxSysGlobalSize(listHandle) < sizeof(SxValueList)) {
-    ReleaseLockedBlock(list);
+    ReleaseLockedBlock(LinkedLibrary(), list);
     return out;
   }
   out.made = true;
@@ -98,8 +115,8 @@ QueriedList QueryList(const CapabilityInfo& cap) {
   size_t size = itemsHandle ? SxSysGlobalSize(itemsHandle) : 0;
   const auto* bytes = static_cast<const uint8_t*>(items);
   if (size) out.items.assign(bytes, bytes + size);
-  ReleaseLockedBlock(items);
-  ReleaseLockedBlock(list);
+  ReleaseLockedBlock(LinkedLibrary(), items);
+  ReleaseLockedBlock(LinkedLibrary(), list);
   return out;
 }
 
@@ -118,10 +135,10 @@ int32_t WriteRaw(const CapabilityInfo& cap, const Value& value) {
   return SxSetValue(cap.code, copy.type, copy.bytes.data());
 }
 
-uint8_t ReadByte(uint16_t code) {
+// A one-byte setting, or `fallback` when it cannot be read.
+uint8_t ReadByte(uint16_t code, uint8_t fallback = 0) {
   uint8_t bytes[4] = {};
-  SxGetValue(code, TY_UINT8, bytes);
-  return bytes[0];
+  return SxGetValue(code, TY_UINT8, bytes) == SX_OK ? bytes[0] : fallback;
 }
 
 int32_t WriteByte(uint16_t code, uint8_t v) {
@@ -147,7 +164,42 @@ int32_t WithElement(int element, Access access) {
   return result != SX_OK ? result : restored;
 }
 
+// The list's items as numbers: 32-bit integers or reals, as the capability
+// table asks them.
+template <typename T>
+std::vector<T> ListedNumbers(uint16_t code) {
+  for (const auto& cap : AllCapabilities()) {
+    if (cap.code != code || ValueTypeBytes(cap.itemType) != 4) continue;
+    QueriedList list = QueryList(cap);
+    size_t n = list.count > 0 ? std::min<size_t>(list.count, list.items.size() / 4) : 0;
+    std::vector<T> out(n);
+    for (size_t i = 0; i < n; ++i) {
+      if (cap.itemType == TY_FLOAT32) {
+        float v;
+        std::memcpy(&v, &list.items[i * 4], 4);
+        out[i] = static_cast<T>(v);
+      } else {
+        int32_t v;
+        std::memcpy(&v, &list.items[i * 4], 4);
+        out[i] = static_cast<T>(v);
+      }
+    }
+    return out;
+  }
+  return {};
+}
+
 }  // namespace
+
+SourceFacts ReadSourceFacts() {
+  SourceFacts facts;
+  facts.sources = ListedNumbers<int>(CAP_SCANTYPE);
+  facts.maxWidths = ListedNumbers<float>(CAP_MAXWIDTHS);
+  facts.maxLengths = ListedNumbers<float>(CAP_MAXLENGTHS);
+  facts.units = ReadByte(CAP_UNITS, static_cast<uint8_t>(facts.units));
+  facts.feederLoaded = ReadByte(CAP_FEEDERLOADED) != 0;
+  return facts;
+}
 
 int32_t ReadElement(const CapabilityInfo& cap, int element, Value* value) {
   return WithElement(element, [&] { return ReadRaw(cap, value); });
@@ -167,14 +219,35 @@ int32_t WriteValue(const CapabilityInfo& cap, const Value& value) {
   return WriteRaw(cap, value);
 }
 
-bool CheckAdmissible(const CapabilityInfo& cap, const Value& value) {
-  if (cap.flags & kCapQueryActs) return true;
+std::string Inadmissible(const CapabilityInfo& cap, const Value& value) {
+  if (cap.flags & kCapQueryActs) return {};
   const QueriedList list = QueryList(cap);
-  if (!list.made || Admissible(cap, value, list.count, list.items.data(), list.items.size())) return true;
-  std::fprintf(stderr, "sxscan: %s cannot be %s; the scanner takes %s\n", cap.name,
-               FormatValue(value.type, value.bytes.data()).c_str(),
-               DescribeList(cap, list.count, list.items.data(), list.items.size()).c_str());
-  return false;
+  if (!list.made || Admissible(cap, value, list.count, list.items.data(), list.items.size())) return {};
+  return std::string(cap.name) + " cannot be " + FormatValue(value.type, value.bytes.data()) + "; the scanner takes " +
+         DescribeList(cap, list.count, list.items.data(), list.items.size());
+}
+
+bool CheckAdmissible(const CapabilityInfo& cap, const Value& value) {
+  const std::string refusal = Inadmissible(cap, value);
+  if (!refusal.empty()) std::fprintf(stderr, "sxscan: %s\n", refusal.c_str());
+  return refusal.empty();
+}
+
+SettingsOutcome ApplySettings(const std::vector<SettingChange>& changes, std::string* why) {
+  for (const auto& change : changes) {
+    *why = Inadmissible(*change.cap, change.value);
+    if (!why->empty()) return SettingsOutcome::Refused;
+  }
+  for (const auto& change : changes) {
+    const int32_t result = change.element == kNoElement ? WriteValue(*change.cap, change.value)
+                                                        : WriteElement(*change.cap, change.element, change.value);
+    if (result != SX_OK) {
+      *why = std::string("cannot set ") + change.cap->name + ": " + ResultText(result) + " (" +
+             std::to_string(result) + ")";
+      return SettingsOutcome::Failed;
+    }
+  }
+  return SettingsOutcome::Applied;
 }
 
 }  // namespace sx::host

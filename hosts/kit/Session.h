@@ -6,9 +6,19 @@
 #include <vector>
 
 #include "kit/Capabilities.h"
+#include "kit/ScanPlan.h"
 #include "sxscan.h"
 
 namespace sx::host {
+
+// Frees the library's state (SxFree) whichever way a command leaves: the
+// power-save time goes back to the scanner and the driver is unloaded.
+struct LibraryScope {
+  LibraryScope() = default;
+  LibraryScope(const LibraryScope&) = delete;
+  LibraryScope& operator=(const LibraryScope&) = delete;
+  ~LibraryScope() { SxFree(); }
+};
 
 // SxGetDS 2, then 3 until the end of the list. *result is 0, or the code of
 // the first message when there is no source at all.
@@ -16,6 +26,11 @@ std::vector<SxDataSource> ListSources(int32_t* result);
 
 // SxLoad; on failure prints why and what to do.
 bool OpenStoredSource();
+// Opens the chosen source; with none chosen and exactly one installed, that
+// one, saying so (the library stores it as the choice).
+bool OpenSourceForScan();
+// What the open scanner lists about its sources and their areas.
+SourceFacts ReadSourceFacts();
 // The source the library has bound (the entry at its list cursor).
 bool CurrentSource(SxDataSource* source);
 
@@ -29,11 +44,20 @@ QueriedList QueryList(const CapabilityInfo& cap);
 
 int32_t ReadValue(const CapabilityInfo& cap, Value* value);
 
-// Whether the library lists `value` as admissible for the capability; when
-// not, prints which values it admits, naming the capability and the value.
+// Empty when the library lists `value` as admissible for the capability;
+// otherwise which values it admits, naming the capability and the value.
 // Capabilities whose listing acts on the scanner are not asked.
+std::string Inadmissible(const CapabilityInfo& cap, const Value& value);
+// Inadmissible, said on stderr; whether the value is admissible.
 bool CheckAdmissible(const CapabilityInfo& cap, const Value& value);
 int32_t WriteValue(const CapabilityInfo& cap, const Value& value);
+
+// Every value is checked against what the scanner admits before any is
+// written; then they are written in order, a tone setting's element through
+// CAP_FILTER. Refused: a value not admitted, nothing written; Failed: the
+// library refused a write. *why says which, and why.
+enum class SettingsOutcome { Applied, Refused, Failed };
+SettingsOutcome ApplySettings(const std::vector<SettingChange>& changes, std::string* why);
 
 // One element of a tone setting (Capabilities.h), CAP_FILTER restored after.
 // ReadValue and WriteValue address the whole image's element of a tone
@@ -41,8 +65,5 @@ int32_t WriteValue(const CapabilityInfo& cap, const Value& value);
 // element, which alone shapes such an image.
 int32_t ReadElement(const CapabilityInfo& cap, int element, Value* value);
 int32_t WriteElement(const CapabilityInfo& cap, int element, const Value& value);
-
-// Unlocks a locked global block until its lock count is zero and frees it.
-void ReleaseLockedBlock(void* address);
 
 }  // namespace sx::host

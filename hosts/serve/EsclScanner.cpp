@@ -5,12 +5,12 @@
 #include <cstring>
 #include <exception>
 
-#include "sxscan/Commands.h"
+#include "kit/Intake.h"
+#include "kit/Parse.h"
 #include "kit/Progress.h"
 #include "kit/ScanPlan.h"
 #include "kit/Session.h"
 #include "sxscan.h"
-#include "sxsys.h"
 
 namespace sx::host::escl {
 namespace {
@@ -23,7 +23,7 @@ constexpr size_t kTransferBytes = 1u << 20;
 // Lines asked for in one block: small blocks let the page's bytes reach the
 // client as it is scanned, and let a cancel stop the scanner within a few
 // lines instead of a whole buffer.
-constexpr size_t kLinesPerBlock = 32;
+constexpr uint32_t kLinesPerBlock = 32;
 // Encoded bytes waiting for the client: the bound on what a job holds
 // beyond the encoder's own state.
 constexpr size_t kQueueBytes = 4u << 20;
@@ -113,24 +113,6 @@ void ReadAreas(const SourceFacts& source, ScannerFacts* facts) {
   facts->feederLoaded = source.feederLoaded;
 }
 
-// What the transfer callback works on. Thread contract: the library calls
-// the callback on the job's thread inside SxAcquire, so this is touched by
-// that thread only; g_transfer is set only while SxAcquire runs.
-struct Transfer {
-  Job* job = nullptr;
-  QueueSink* sink = nullptr;
-  size_t bufferBytes = 0;
-  const void* lastData = nullptr;
-  PageFormat delivered;  // as the library sends the page
-  PageFormat format;     // as the client gets it (AskedFormat)
-  std::unique_ptr<DocumentEncoder> encoder;
-  std::vector<uint8_t> carry;  // the start of a line split between blocks
-  std::vector<uint8_t> line;   // a delivered line widened to the asked width
-  uint32_t linesWritten = 0;
-  std::string failure;
-};
-Transfer* g_transfer = nullptr;
-
 DocumentFormat EncoderFormat(Format format) {
   switch (format) {
     case Format::Png: return DocumentFormat::Png;
@@ -138,27 +120,6 @@ DocumentFormat EncoderFormat(Format format) {
     case Format::Pdf: return DocumentFormat::Pdf;
   }
   return DocumentFormat::Png;
-}
-
-int32_t Stop(Transfer& t, const std::string& why) {
-  if (t.failure.empty()) t.failure = why;
-  return SX_ERR_CANCELLED;
-}
-
-bool EndPage(Transfer& t) {
-  if (!t.encoder) return true;
-  std::string error;
-  const bool ok = t.encoder->EndPage(&error) && t.encoder->Finish(&error);
-  t.encoder.reset();
-  t.carry.clear();
-  if (!ok) {
-    t.failure = error;
-    return false;
-  }
-  t.job->queue.EndDocument();
-  std::lock_guard<std::mutex> guard(t.job->lock);
-  ++t.job->pagesScanned;
-  return true;
 }
 
 // What the client asked for. Clients lay out the page from the region and
@@ -179,87 +140,53 @@ PageFormat AskedFormat(const PageFormat& delivered, const ScanRequest& request) 
   return f;
 }
 
-int32_t OnImageInfo(Transfer& t, const void* data, int64_t* byteCount) {
-  if (!data) return Stop(t, "the library announced a page without its description");
-  SxImageInfo info;
-  std::memcpy(&info, data, sizeof info);
-  std::string error;
-  PageFormat format;
-  if (!PageFormatFromInfo(info, &format, &error)) return Stop(t, error);
-  if (format.bytesPerLine > t.bufferBytes) return Stop(t, "a line of the page is larger than the transfer buffer");
-  // A page never marked as ended is over once the next one begins.
-  if (!EndPage(t)) return SX_ERR_CANCELLED;
-  t.delivered = format;
-  t.format = AskedFormat(format, t.job->request);
-  if (!CheckPageFormat(t.format, &error)) return Stop(t, error);
-  t.line.assign(t.format.bytesPerLine, 0xFF);
-  t.encoder = MakeDocumentEncoder(EncoderFormat(t.job->request.format), *t.sink, kJpegQuality);
-  if (!t.encoder || !t.encoder->BeginPage(t.format, &error)) return Stop(t, error.empty() ? "no encoder" : error);
-  t.linesWritten = 0;
-  if (byteCount) *byteCount = static_cast<int64_t>(std::min(t.bufferBytes, kLinesPerBlock * t.delivered.bytesPerLine));
-  return SX_OK;
-}
+// A job's pages, each encoded as a document of its own onto the job's
+// queue as its lines arrive. On the job's thread (the intake's contract).
+class JobPages final : public PageReceiver {
+ public:
+  JobPages(Job& job, QueueSink& sink) : job_(job), sink_(sink) {}
 
-// Whole lines go to the encoder; the start of a line cut by the block's end
-// waits for the next block. Lines past the announced ones are dropped.
-bool WriteLines(Transfer& t, const uint8_t* data, size_t bytes) {
-  const size_t stride = t.delivered.bytesPerLine;
-  std::string error;
-  const auto write = [&](const uint8_t* lines, uint32_t count) {
-    count = std::min(count, t.format.lines - t.linesWritten);
-    if (count == 0) return true;
-    t.linesWritten += count;
-    if (t.format.bytesPerLine == stride) return t.encoder->WriteLines(lines, count, &error);
+  bool BeginPage(const PageFormat& delivered, std::string* why) override {
+    delivered_ = delivered;
+    format_ = AskedFormat(delivered, job_.request);
+    if (!CheckPageFormat(format_, why)) return false;
+    line_.assign(format_.bytesPerLine, 0xFF);
+    encoder_ = MakeDocumentEncoder(EncoderFormat(job_.request.format), sink_, kJpegQuality);
+    if (!encoder_) *why = "no encoder";
+    return encoder_ && encoder_->BeginPage(format_, why);
+  }
+
+  bool TakeLines(const uint8_t* lines, uint32_t count, std::string* why) override {
+    const size_t stride = delivered_.bytesPerLine;
+    if (format_.bytesPerLine == stride) return encoder_->WriteLines(lines, count, why);
     for (uint32_t i = 0; i < count; ++i) {
-      std::copy_n(lines + i * stride, stride, t.line.begin());
-      if (!t.encoder->WriteLines(t.line.data(), 1, &error)) return false;
+      std::copy_n(lines + i * stride, stride, line_.begin());
+      if (!encoder_->WriteLines(line_.data(), 1, why)) return false;
     }
     return true;
-  };
-  if (!t.carry.empty()) {
-    const size_t take = std::min(bytes, stride - t.carry.size());
-    t.carry.insert(t.carry.end(), data, data + take);
-    data += take, bytes -= take;
-    if (t.carry.size() < stride) return true;
-    if (!write(t.carry.data(), 1)) return t.failure = error, false;
-    t.carry.clear();
   }
-  const size_t whole = bytes / stride;
-  if (whole && !write(data, static_cast<uint32_t>(whole))) return t.failure = error, false;
-  t.carry.assign(data + whole * stride, data + bytes);
-  return true;
-}
 
-int32_t OnImageData(Transfer& t, const void* data, const int64_t* byteCount, int32_t code) {
-  if (!t.encoder || !data) return SX_OK;
-  t.lastData = data;
-  int64_t count = byteCount ? *byteCount : 0;
-  // No block reaches 4 GiB: bits above 32 are not part of the count.
-  count &= INT64_C(0xFFFFFFFF);
-  SxHandle handle = SxSysGlobalHandle(data);
-  const size_t readable = handle ? SxSysGlobalSize(handle) : t.bufferBytes;
-  const size_t bytes = static_cast<size_t>(std::min<uint64_t>(static_cast<uint64_t>(count), readable));
-  if (!WriteLines(t, static_cast<const uint8_t*>(data), bytes)) return SX_ERR_CANCELLED;
-  if ((code == SX_XFER_PAGE_END || code == SX_XFER_SHORT_PAGE) && !EndPage(t)) return SX_ERR_CANCELLED;
-  return SX_OK;
-}
-
-// Called by the library, so nothing may be thrown out of it.
-extern "C" int32_t SX_API OnJobTransfer(void* data, int64_t* byteCount, int32_t code) {
-  Transfer& t = *g_transfer;
-  if (t.job->cancel.load()) return SX_ERR_CANCELLED;
-  try {
-    switch (code) {
-      case SX_XFER_IMAGE_INFO: return OnImageInfo(t, data, byteCount);
-      case SX_XFER_DATA:
-      case SX_XFER_PAGE_END:
-      case SX_XFER_SHORT_PAGE: return OnImageData(t, data, byteCount, code);
-      default: return SX_OK;  // a cancelled or failed block carries no data
-    }
-  } catch (const std::exception& e) {
-    return Stop(t, e.what());
+  bool EndPage(uint32_t, bool, std::string* why) override {
+    const bool ok = encoder_->EndPage(why) && encoder_->Finish(why);
+    encoder_.reset();
+    if (!ok) return false;
+    job_.queue.EndDocument();
+    std::lock_guard<std::mutex> guard(job_.lock);
+    ++job_.pagesScanned;
+    return true;
   }
-}
+
+  // A page cut short is not sent as a document.
+  void DropPage() override { encoder_.reset(); }
+
+ private:
+  Job& job_;
+  QueueSink& sink_;
+  PageFormat delivered_;  // as the library sends the page
+  PageFormat format_;     // as the client gets it (AskedFormat)
+  std::unique_ptr<DocumentEncoder> encoder_;
+  std::vector<uint8_t> line_;  // a delivered line widened to the asked width
+};
 
 // The settings of a job, in the scan command's terms, so that the server
 // and `sxscan scan` ask the library for the same page.
@@ -275,39 +202,6 @@ ScanOptions OptionsFor(const ScanRequest& request) {
   o.pages = request.source == InputSource::Feeder ? kAllPages : 0;
   return o;
 }
-
-bool ApplyAll(const std::vector<SettingChange>& changes, std::string* refusal) {
-  for (const auto& change : changes) {
-    if (!CheckAdmissible(*change.cap, change.value)) {
-      *refusal = std::string("the scanner does not take this value of ") + change.cap->name;
-      return false;
-    }
-  }
-  for (const auto& change : changes) {
-    const int32_t result = WriteValue(*change.cap, change.value);
-    if (result != SX_OK) {
-      *refusal = std::string("cannot set ") + change.cap->name + ": " + ResultText(result);
-      return false;
-    }
-  }
-  return true;
-}
-
-struct TransferBuffer {
-  SxHandle handle = SxSysGlobalAlloc(SX_GHND, kTransferBytes);
-  uint8_t* address = handle ? static_cast<uint8_t*>(SxSysGlobalLock(handle)) : nullptr;
-  // `current`: the last block address the library handed back (it may have
-  // moved the block).
-  void Release(const void* current) {
-    if (current && current != address && SxSysGlobalHandle(current)) {
-      ReleaseLockedBlock(const_cast<void*>(current));
-    } else if (address) {
-      ReleaseLockedBlock(address);
-    } else if (handle) {
-      SxSysGlobalFree(handle);
-    }
-  }
-};
 
 }  // namespace
 
@@ -499,7 +393,7 @@ bool Scanner::Prepare(Job& job, std::string* refusal) {
   std::vector<SettingChange> changes;
   if (!BuildScanSettings(options, &changes, refusal)) return false;
   AddSourceChanges(options, options.source, source, &changes);
-  return ApplyAll(changes, refusal);
+  return ApplySettings(changes, refusal) == SettingsOutcome::Applied;
 }
 
 void Scanner::RunJob(const std::shared_ptr<Job>& job) {
@@ -514,30 +408,26 @@ void Scanner::RunJob(const std::shared_ptr<Job>& job) {
   }
   job->startChanged.notify_all();
   int32_t result = SX_ERR_CANCELLED;
-  Transfer transfer;
+  std::string failure;
   if (prepared) {
-    TransferBuffer buffer;
     QueueSink sink(job->queue, kStall);
-    transfer.job = job.get();
-    transfer.sink = &sink;
-    transfer.bufferBytes = buffer.address ? kTransferBytes : 0;
+    JobPages pages(*job, sink);
+    Intake intake(LinkedLibrary(), pages, {kTransferBytes, kLinesPerBlock, &job->cancel});
     {
       LibraryDialogs dialogs(job->cancel, false);
-      g_transfer = &transfer;
-      result = buffer.address ? SxAcquire(OnJobTransfer, buffer.address) : SX_ERR_NO_MEMORY;
-      g_transfer = nullptr;
+      result = intake.Acquire();
     }
-    transfer.encoder.reset();  // a page cut short is not sent as a document
-    buffer.Release(transfer.lastData);
+    failure = intake.StopReason();
     const bool loaded = ReadSourceFacts().feederLoaded;
     std::lock_guard<std::mutex> guard(lock_);
     facts_.feederLoaded = loaded;
   }
   SxFree();
   job->queue.Finish();
-  if (!transfer.failure.empty()) std::fprintf(stderr, "sxscan: job %s stopped: %s\n", job->uuid.c_str(), transfer.failure.c_str());
+  if (!failure.empty()) std::fprintf(stderr, "sxscan: job %s stopped: %s\n", job->uuid.c_str(), failure.c_str());
   std::lock_guard<std::mutex> guard(job->lock);
   job->result = result;
+  job->failure = failure;
   job->noPaper = job->noPaper || result == SX_ERR_NO_PAPER;
   if (job->cancel.load()) {
     job->state = JobState::Canceled;

@@ -83,6 +83,7 @@ struct Job {
   bool running = true;  // the job's thread has not ended yet
   JobState state = JobState::Processing;
   int32_t result = 0;   // the library's answer to SxAcquire
+  std::string failure;  // why the server stopped the scan itself; empty if it did not
   bool noPaper = false;
   uint32_t pagesScanned = 0;
   uint32_t pagesSent = 0;

@@ -9,11 +9,12 @@
 #include <thread>
 #include <vector>
 
-#include "sxscan/Commands.h"
 #include "documents/DocumentStream.h"
+#include "kit/Capabilities.h"
+#include "kit/Exit.h"
 #include "serve/EsclAnnounce.h"
 #include "serve/EsclScanner.h"
-#include "sxscan/Serve.h"
+#include "serve/EsclServer.h"
 
 namespace sx::host {
 namespace {
@@ -116,7 +117,7 @@ void NoDocument(Job& job, httplib::Response& res) {
   if (job.pagesSent > 0 || job.state == escl::JobState::Completed || job.state == escl::JobState::Canceled)
     return Fail(res, 404, "the job has no more pages");
   if (job.noPaper) return Fail(res, 409, "the feeder holds no paper");
-  Fail(res, 500, "the scan failed: " + ResultText(job.result));
+  Fail(res, 500, "the scan failed: " + (job.failure.empty() ? ResultText(job.result) : job.failure));
 }
 
 // The next page of a job, streamed while it is scanned. A response that
@@ -252,7 +253,7 @@ int Bind(httplib::Server& server, const ServeOptions& options) {
 
 }  // namespace
 
-int RunServe(const ServeOptions& options) {
+int RunServer(const ServeOptions& options) {
   escl::ScannerFacts facts;
   if (!escl::ReadScannerFacts(options.source, options.name, &facts)) return kExitFailed;
   Scanner scanner(options.source, facts);

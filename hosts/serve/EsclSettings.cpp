@@ -11,6 +11,7 @@
 #include <charconv>
 #include <pugixml.hpp>
 
+#include "kit/Keywords.h"
 #include "serve/EsclModel.h"
 
 namespace sx::host::escl {
@@ -54,35 +55,25 @@ bool ParseNumber(const char* text, const char* what, uint32_t* out, std::string*
   return true;
 }
 
-template <typename T>
-struct Word {
-  const char* text;
-  T value;
-};
-
 template <typename T, size_t N>
-bool ParseWord(const char* text, const Word<T> (&words)[N], const char* what, T* out, std::string* error) {
+bool ParseWord(const char* text, const Keyword<T> (&words)[N], const char* what, T* out, std::string* error) {
   const std::string_view t = Trimmed(text);
-  for (const auto& w : words) {
-    if (t.size() == std::string_view(w.text).size() &&
-        std::equal(t.begin(), t.end(), w.text, [](char a, char b) {
-          return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-        })) {
-      *out = w.value;
-      return true;
-    }
+  const Keyword<T>* found = FindKeyword(words, t);
+  if (!found) {
+    *error = std::string(what) + " '" + std::string(t.substr(0, 64)) + "' is not one this server knows";
+    return false;
   }
-  *error = std::string(what) + " '" + std::string(t.substr(0, 64)) + "' is not one this server knows";
-  return false;
+  *out = found->value;
+  return true;
 }
 
-constexpr Word<InputSource> kSources[] = {{"Platen", InputSource::Platen}, {"Feeder", InputSource::Feeder}};
-constexpr Word<ColourMode> kModes[] = {{"BlackAndWhite1", ColourMode::BlackAndWhite1},
+constexpr Keyword<InputSource> kSources[] = {{"Platen", InputSource::Platen}, {"Feeder", InputSource::Feeder}};
+constexpr Keyword<ColourMode> kModes[] = {{"BlackAndWhite1", ColourMode::BlackAndWhite1},
                                        {"Grayscale8", ColourMode::Grayscale8},
                                        {"RGB24", ColourMode::Rgb24}};
-constexpr Word<Format> kFormats[] = {
+constexpr Keyword<Format> kFormats[] = {
     {"image/png", Format::Png}, {"image/jpeg", Format::Jpeg}, {"application/pdf", Format::Pdf}};
-constexpr Word<bool> kBooleans[] = {{"true", true}, {"false", false}, {"1", true}, {"0", false}};
+constexpr Keyword<bool> kBooleans[] = {{"true", true}, {"false", false}, {"1", true}, {"0", false}};
 
 // `count` is the regions seen so far, in this and earlier ScanRegions.
 bool ParseRegion(const pugi::xml_node& regions, ScanRequest* request, int* count, std::string* error) {

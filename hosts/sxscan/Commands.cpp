@@ -8,17 +8,13 @@
 #include <vector>
 
 #include "kit/Capabilities.h"
-#include "sxscan/Commands.h"
+#include "kit/Parse.h"
 #include "kit/Session.h"
 #include "sxscan.h"
+#include "sxscan/Commands.h"
 
 namespace sx::host {
 namespace {
-
-// Frees the library's state whichever way a command leaves.
-struct LibrarySession {
-  ~LibrarySession() { SxFree(); }
-};
 
 std::string SourceFile(const SxDataSource& s) {
   return FieldText(s.Directory, sizeof s.Directory) + FieldText(s.FileName, sizeof s.FileName);
@@ -109,73 +105,10 @@ const CapabilityInfo* LookUp(const std::string& name) {
   return cap;
 }
 
-// The list's items as numbers: 32-bit integers or reals, as the capability
-// table asks them.
-template <typename T>
-std::vector<T> ListedNumbers(uint16_t code) {
-  for (const auto& cap : AllCapabilities()) {
-    if (cap.code != code || ValueTypeBytes(cap.itemType) != 4) continue;
-    QueriedList list = QueryList(cap);
-    size_t n = list.count > 0 ? std::min<size_t>(list.count, list.items.size() / 4) : 0;
-    std::vector<T> out(n);
-    for (size_t i = 0; i < n; ++i) {
-      if (cap.itemType == TY_FLOAT32) {
-        float v;
-        std::memcpy(&v, &list.items[i * 4], 4);
-        out[i] = static_cast<T>(v);
-      } else {
-        int32_t v;
-        std::memcpy(&v, &list.items[i * 4], 4);
-        out[i] = static_cast<T>(v);
-      }
-    }
-    return out;
-  }
-  return {};
-}
-
-// A one-byte setting, or `fallback` when it cannot be read.
-int ReadByte(uint16_t code, int fallback) {
-  for (const auto& cap : AllCapabilities()) {
-    if (cap.code != code || cap.getType != TY_UINT8) continue;
-    Value value;
-    return ReadValue(cap, &value) == SX_OK ? value.bytes[0] : fallback;
-  }
-  return fallback;
-}
-
 }  // namespace
 
-bool OpenSourceForScan() {
-  const int32_t loaded = SxLoad(nullptr);
-  if (loaded == SX_OK) return true;
-  int32_t result = 0;
-  std::vector<SxDataSource> sources;
-  if (loaded == SX_ERR_NO_SOURCE) sources = ListSources(&result);
-  std::string problem;
-  if (sources.size() == 1 && !RegistryStoreProblem(&problem)) {
-    SxDataSource only = sources[0];
-    if (SxSetDriverById(&only, 0) == SX_OK) {
-      std::fprintf(stderr, "sxscan: no source was chosen; using the only one installed, %s (now the chosen one)\n",
-                   FieldText(only.DisplayName, sizeof only.DisplayName).c_str());
-      return true;
-    }
-  }
-  return OpenStoredSource();  // says why not, and what to do
-}
-
-SourceFacts ReadSourceFacts() {
-  SourceFacts facts;
-  facts.sources = ListedNumbers<int>(CAP_SCANTYPE);
-  facts.maxWidths = ListedNumbers<float>(CAP_MAXWIDTHS);
-  facts.maxLengths = ListedNumbers<float>(CAP_MAXLENGTHS);
-  facts.units = ReadByte(CAP_UNITS, facts.units);
-  facts.feederLoaded = ReadByte(CAP_FEEDERLOADED, 0) != 0;
-  return facts;
-}
-
 int RunSources() {
-  LibrarySession session;
+  LibraryScope session;
   int32_t result = 0;
   std::vector<SxDataSource> sources = ListSources(&result);
   if (sources.empty()) {
@@ -195,7 +128,7 @@ int RunSources() {
 }
 
 int RunSelect(const std::string& name) {
-  LibrarySession session;
+  LibraryScope session;
   int32_t result = 0;
   std::vector<SxDataSource> sources = ListSources(&result);
   std::vector<std::string> names;
@@ -229,7 +162,7 @@ int RunSelect(const std::string& name) {
 }
 
 int RunInfo() {
-  LibrarySession session;
+  LibraryScope session;
   if (!OpenStoredSource()) return kExitFailed;
   std::vector<std::vector<std::string>> rows;
   SxDataSource source;
@@ -256,7 +189,7 @@ int RunInfo() {
 }
 
 int RunCaps() {
-  LibrarySession session;
+  LibraryScope session;
   if (!OpenStoredSource()) return kExitFailed;
   std::vector<std::vector<std::string>> rows = {{"CAPABILITY", "CURRENT", "ADMISSIBLE"}};
   const SourceFacts facts = ReadSourceFacts();
@@ -277,7 +210,7 @@ int RunGet(const std::vector<std::string>& names) {
     }
     caps.push_back(cap);
   }
-  LibrarySession session;
+  LibraryScope session;
   if (!OpenStoredSource()) return kExitFailed;
   const SourceFacts facts = ReadSourceFacts();
   int exitCode = kExitOk;
@@ -312,7 +245,7 @@ int RunSet(const std::vector<std::string>& pairs) {
     }
     changes.emplace_back(cap, value);
   }
-  LibrarySession session;
+  LibraryScope session;
   if (!OpenStoredSource()) return kExitFailed;
   for (const auto& [cap, value] : changes) {
     if (!CheckAdmissible(*cap, value)) return kExitUsage;

@@ -3,15 +3,10 @@
 #include <string>
 #include <vector>
 
-#include "sxscan/CommandLine.h"
-#include "kit/ScanPlan.h"
+#include "kit/Exit.h"
+#include "kit/ScanRequest.h"
 
 namespace sx::host {
-
-constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-constexpr int kExitCancelled = 130;  // as a shell reports an interrupt
 
 int RunSources();
 int RunSelect(const std::string& name);
@@ -22,11 +17,6 @@ int RunSet(const std::vector<std::string>& pairs);
 int RunScan(const ScanOptions& options);
 int RunDoctor();
 
-// Opens the chosen source; with none chosen and exactly one installed, that
-// one, saying so (the library stores it as the choice).
-bool OpenSourceForScan();
-// What the open scanner lists about its sources and their areas.
-SourceFacts ReadSourceFacts();
 // A registry store that cannot be read, holds damaged lines, or cannot be
 // written (or made): the message names its path and the cause (the first
 // line at fault, shown safely), with a fix for that cause.

@@ -1,110 +1,109 @@
-// The scan command: settings from the options, a transfer buffer from the
-// library's memory functions, one SxAcquire, and the pages encoded into a
-// file beside the acquisition (BackgroundEncoder.h) as the transfer callback
-// receives them.
+// The scan command: settings from the options, one acquisition through the
+// intake (Intake.h), and the pages encoded into a file beside the
+// acquisition (BackgroundEncoder.h) as they arrive.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <exception>
 #include <filesystem>
-#include <new>
 #include <system_error>
 
 #include "documents/BackgroundEncoder.h"
-#include "sxscan/Commands.h"
-#include "kit/Console.h"
 #include "documents/ImageWriter.h"
+#include "kit/Console.h"
+#include "kit/Intake.h"
 #include "kit/Progress.h"
 #include "kit/ScanPlan.h"
 #include "kit/Session.h"
 #include "sxscan.h"
-#include "sxsys.h"
+#include "sxscan/Commands.h"
 
 namespace sx::host {
 namespace {
 
-// The callback's answer when the program itself must stop the transfer (a
-// page it cannot write); any nonzero answer stops it, and this one is not a
-// library code, so the reason is told from HostStop.
-constexpr int32_t kHostStop = -1;
 // Line widths are rounded down to a multiple of at most this many pixels.
 constexpr unsigned kLargestAlignment = 32;
 
 // Set by the interrupt handler (Console.h), read by the transfer callback.
 std::atomic<bool> g_interrupted{false};
 
-// Everything the transfer callback works on. Thread contract: the library
-// calls the callback on the host's thread inside SxAcquire in both transfer
-// modes, so this is touched by that thread only; the document is the
-// encoder's thread's until the scan ends.
-struct Transfer {
-  BackgroundEncoder* encoder = nullptr;
-  uint64_t pageBytes = 0;  // of the page being delivered, up to its announced size
-  std::chrono::steady_clock::time_point lastBlock;  // when the library delivered the last one
-  bool pageOpen = false;
-  const uint8_t* buffer = nullptr;  // the address handed to SxAcquire
-  size_t bufferBytes = 0;
-  const void* lastData = nullptr;   // the current block address, if it moved
-  bool showProgress = false;
-  bool terminal = false;
-  ProgressState progress;
-  std::string lastDrawn;
-  int lastDecile = -1;
-  std::string stopReason;
-  bool stopForValue = false;  // the stop names a value the person gave (exit 2)
-  bool areaTooSmall = false;  // the area holds less than the widest alignment unit
-  PageFormat format;  // of the page being delivered
-  uint32_t askedPixels = 0;  // the area's width at the resolution, as set
-  uint32_t askedLines = 0;
-};
-Transfer* g_transfer = nullptr;
+// The pages of a scan, handed to the encoder's thread (BackgroundEncoder.h)
+// as they arrive, each reported when it ends. On the thread that runs the
+// acquisition (the intake's contract). The progress line is the library's
+// own dialog (LibraryDialogs).
+class FilePages final : public PageReceiver {
+ public:
+  explicit FilePages(BackgroundEncoder& encoder) : encoder_(encoder) {}
 
-void DrawProgress(Transfer& t) {
-  if (!t.showProgress) return;
-  t.progress.bytesDone = t.pageBytes;
-  if (t.terminal) {
-    std::string text = RenderProgress(t.progress, TerminalWidth() - 1);
-    if (text != t.lastDrawn) DrawProgressLine(text);
-    t.lastDrawn = text;
-    return;
+  bool BeginPage(const PageFormat& format, std::string* why) override {
+    if (!encoder_.BeginPage(format)) return EncoderStop(why);
+    format_ = format;
+    ++page_;
+    return true;
   }
-  // Not a terminal: one line per tenth of the page is enough for a log.
-  int decile = t.progress.bytesExpected
-                   ? static_cast<int>(t.progress.bytesDone * 10 / t.progress.bytesExpected)
-                   : 0;
-  if (decile != t.lastDecile) DrawProgressLine(RenderProgress(t.progress, 80));
-  t.lastDecile = decile;
-}
+
+  bool TakeLines(const uint8_t* lines, uint32_t count, std::string* why) override {
+    lastBlock_ = std::chrono::steady_clock::now();
+    return encoder_.Append(lines, size_t{count} * format_.bytesPerLine) || EncoderStop(why);
+  }
+
+  bool EndPage(uint32_t lines, bool early, std::string* why) override {
+    lastBlock_ = std::chrono::steady_clock::now();
+    if (!encoder_.EndPage()) return EncoderStop(why);
+    ReportPage(lines, early);
+    return true;
+  }
+
+  // The document leaves a page that never ended out when it is finished.
+  void DropPage() override {}
+
+  // The area's size at the resolution, in pixels, as the settings ask for it.
+  void ReadAskedSize();
+  std::chrono::steady_clock::time_point LastBlock() const { return lastBlock_; }
+
+ private:
+  // The encoder failed (a full disk): the scan stops with its words.
+  bool EncoderStop(std::string* why) {
+    encoder_.Failed(why);
+    if (why->empty()) *why = "the page could not be written";
+    return false;
+  }
+  void ReportPage(uint32_t lines, bool endedEarly) const;
+
+  BackgroundEncoder& encoder_;
+  PageFormat format_;  // of the page being delivered
+  int page_ = 0;       // 1-based, of the page being delivered
+  std::chrono::steady_clock::time_point lastBlock_;  // when the library delivered the last one
+  uint32_t askedPixels_ = 0;  // the area's width at the resolution, as set
+  uint32_t askedLines_ = 0;
+};
 
 // What the page that just ended holds, as the user asked for it.
-void ReportPage(const Transfer& t, uint64_t lines, bool endedEarly) {
+void FilePages::ReportPage(uint32_t lines, bool endedEarly) const {
   static const char* const kKinds[] = {"line art", "gray", "colour"};
   EndProgressLine();
-  std::fprintf(stderr, "page %d: %u x %llu pixels at %u dpi, %s%s\n", t.progress.page, t.format.width,
-               static_cast<unsigned long long>(lines), t.format.xdpi,
-               kKinds[static_cast<int>(t.format.kind)],
+  std::fprintf(stderr, "page %d: %u x %u pixels at %u dpi, %s%s\n", page_, format_.width, lines,
+               format_.xdpi, kKinds[static_cast<int>(format_.kind)],
                endedEarly ? " (the scanner ended the page early)" : "");
   // Design note: a width short by less than a 32-pixel unit is the model's
   // alignment; anything more, and any shortfall of lines, is the source's
   // area cutting the requested one.
   constexpr uint32_t kAlignmentSlack = 32;
-  if (t.askedPixels > t.format.width) {
+  if (askedPixels_ > format_.width) {
     std::fprintf(stderr, "sxscan: the width was %s: %u of the %u pixels asked for\n",
-                 t.askedPixels - t.format.width < kAlignmentSlack ? "reduced to the scanner's alignment"
-                                                                  : "clipped to the source's area",
-                 t.format.width, t.askedPixels);
+                 askedPixels_ - format_.width < kAlignmentSlack ? "reduced to the scanner's alignment"
+                                                                : "clipped to the source's area",
+                 format_.width, askedPixels_);
   }
-  if (t.askedLines > t.format.lines && !endedEarly) {
+  if (askedLines_ > format_.lines && !endedEarly) {
     std::fprintf(stderr, "sxscan: the length was clipped to the source's area: %u of the %u lines asked for\n",
-                 t.format.lines, t.askedLines);
+                 format_.lines, askedLines_);
   }
 }
 
-// The area's size at the resolution, in pixels, as the settings ask for it.
-void ReadAskedSize(Transfer& t) {
+void FilePages::ReadAskedSize() {
   uint16_t width = 0, length = 0, dpi = 0;
   const auto read = [](const char* name, uint16_t* out) {
     Value v;
@@ -114,131 +113,8 @@ void ReadAskedSize(Transfer& t) {
   read("imagewidth", &width);
   read("imagelength", &length);
   read("xresolution", &dpi);
-  t.askedPixels = static_cast<uint32_t>((uint64_t{width} * dpi + 150) / 300);
-  t.askedLines = static_cast<uint32_t>((uint64_t{length} * dpi + 150) / 300);
-}
-
-int32_t HostStop(Transfer& t, const std::string& reason) {
-  t.stopReason = reason;
-  return kHostStop;
-}
-
-// The encoder failed (a full disk): the scan stops with its words.
-int32_t EncoderStop(Transfer& t) {
-  std::string why;
-  t.encoder->Failed(&why);
-  return HostStop(t, why.empty() ? "the page could not be written" : why);
-}
-
-int32_t OnImageInfo(Transfer& t, const void* data, int64_t* byteCount) {
-  if (!data) return HostStop(t, "the library announced a page without its description");
-  SxImageInfo info;
-  std::memcpy(&info, data, sizeof info);
-  PageFormat format;
-  std::string error;
-  if (!PageFormatFromInfo(info, &format, &error)) return HostStop(t, error);
-  // Direct transfers come a whole number of lines at a time: a buffer smaller
-  // than one line could never take the page. Said before the scanner starts.
-  if (t.bufferBytes < format.bytesPerLine) {
-    t.stopForValue = true;
-    return HostStop(t, "the transfer buffer of " + std::to_string(t.bufferBytes) +
-                           " bytes is smaller than one line of this page (" +
-                           std::to_string(format.bytesPerLine) + " bytes); give --buffer " +
-                           std::to_string(format.bytesPerLine) + " or more, or leave it out");
-  }
-  if (!t.encoder->BeginPage(format)) return EncoderStop(t);
-  t.format = format;
-  t.pageBytes = 0;
-  t.pageOpen = true;
-  ++t.progress.page;
-  t.progress.bytesExpected = uint64_t{format.lines} * format.bytesPerLine;
-  t.lastDecile = -1;
-  DrawProgress(t);
-  // Direct transfers size their blocks from this answer.
-  if (byteCount) *byteCount = static_cast<int64_t>(t.bufferBytes);
-  return SX_OK;
-}
-
-// The bytes that can be read at `data`: the library may have enlarged and
-// moved the buffer, so the block's own size counts, not the size asked for.
-// Design note: the count is trusted only up to that size, so a wrong count
-// cannot make the program read past the block.
-size_t ReadableBytes(const Transfer& t, const void* data) {
-  SxHandle handle = SxSysGlobalHandle(data);
-  if (handle) return SxSysGlobalSize(handle);
-  return data == t.buffer ? t.bufferBytes : 0;
-}
-
-int32_t OnImageData(Transfer& t, const void* data, const int64_t* byteCount, int32_t code) {
-  if (!t.pageOpen || !data) return SX_OK;
-  t.lastData = data;
-  t.lastBlock = std::chrono::steady_clock::now();
-  int64_t count = byteCount ? *byteCount : 0;
-  // Design note: no block reaches 4 GiB, so bits above 32 can only be the
-  // neighbour of a 32-bit count (a block status); they are ignored.
-  if (count > INT64_C(0xFFFFFFFF)) count &= INT64_C(0xFFFFFFFF);
-  size_t bytes = count > 0 ? static_cast<size_t>(std::min<uint64_t>(count, ReadableBytes(t, data))) : 0;
-  // Bytes past the announced page are the document's to drop; the count
-  // shown stops at the page's size.
-  t.pageBytes = std::min(t.pageBytes + bytes, t.progress.bytesExpected);
-  if (!t.encoder->Append(static_cast<const uint8_t*>(data), bytes)) return EncoderStop(t);
-  DrawProgress(t);
-  if (code == SX_XFER_PAGE_END || code == SX_XFER_SHORT_PAGE) {
-    const uint64_t lines = t.format.bytesPerLine ? t.pageBytes / t.format.bytesPerLine : 0;
-    t.pageOpen = false;
-    if (!t.encoder->EndPage()) return EncoderStop(t);
-    ReportPage(t, lines, code == SX_XFER_SHORT_PAGE);
-  }
-  return SX_OK;
-}
-
-int32_t Dispatch(Transfer& t, void* data, int64_t* byteCount, int32_t code) {
-  switch (code) {
-    case SX_XFER_IMAGE_INFO:
-      return OnImageInfo(t, data, byteCount);
-    case SX_XFER_DATA:
-    case SX_XFER_PAGE_END:
-    case SX_XFER_SHORT_PAGE:
-      return OnImageData(t, data, byteCount, code);
-    default:
-      // Cancelled or failed blocks carry no data. Design note: a page that
-      // did not end is dropped when the transfer ends, never written half.
-      return SX_OK;
-  }
-}
-
-// Called by the library, so nothing may be thrown out of it.
-extern "C" int32_t SX_API OnTransfer(void* data, int64_t* byteCount, int32_t code) {
-  Transfer& t = *g_transfer;
-  if (g_interrupted.load()) return SX_ERR_CANCELLED;
-  try {
-    return Dispatch(t, data, byteCount, code);
-  } catch (const std::bad_alloc&) {
-    return HostStop(t, "out of memory for the page");
-  } catch (const std::exception& e) {
-    return HostStop(t, e.what());
-  }
-}
-
-// Every value is checked before any reaches the library.
-bool AllAdmissible(const std::vector<SettingChange>& changes) {
-  for (const auto& change : changes) {
-    if (!CheckAdmissible(*change.cap, change.value)) return false;
-  }
-  return true;
-}
-
-bool ApplySettings(const std::vector<SettingChange>& changes) {
-  for (const auto& change : changes) {
-    int32_t result = change.element == kNoElement ? WriteValue(*change.cap, change.value)
-                                                  : WriteElement(*change.cap, change.element, change.value);
-    if (result != SX_OK) {
-      std::fprintf(stderr, "sxscan: cannot set %s: %s (%d)\n", change.cap->name, ResultText(result).c_str(),
-                   result);
-      return false;
-    }
-  }
-  return true;
+  askedPixels_ = static_cast<uint32_t>((uint64_t{width} * dpi + 150) / 300);
+  askedLines_ = static_cast<uint32_t>((uint64_t{length} * dpi + 150) / 300);
 }
 
 // Output folders are never made on the user's behalf: a mistyped path would
@@ -297,33 +173,6 @@ bool AreaMayBeTooSmall(const ScanOptions& options) {
          options.area.length * inches * options.resolution < 1;
 }
 
-// The transfer buffer: a movable global block, locked while the scan runs.
-struct TransferBuffer {
-  SxHandle handle = nullptr;
-  uint8_t* address = nullptr;
-  size_t bytes = 0;
-
-  bool Allocate(size_t n) {
-    handle = SxSysGlobalAlloc(SX_GHND, n);
-    address = handle ? static_cast<uint8_t*>(SxSysGlobalLock(handle)) : nullptr;
-    bytes = n;
-    return address != nullptr;
-  }
-  // `current` is the last address the library handed back (it may have moved
-  // the block); the block is freed through whichever handle still names it.
-  void Release(const void* current) {
-    if (current && current != address && SxSysGlobalHandle(current)) {
-      ReleaseLockedBlock(const_cast<void*>(current));
-      return;
-    }
-    if (address) {
-      ReleaseLockedBlock(address);
-    } else if (handle) {
-      SxSysGlobalFree(handle);
-    }
-  }
-};
-
 // The figures a benchmark reads, on one line of their own: the pages
 // written, the time from the last block the library delivered to the file
 // complete under its name, and the process's peak memory.
@@ -337,7 +186,16 @@ void PrintStats(int pages, std::chrono::steady_clock::time_point lastBlock,
                static_cast<unsigned long long>(PeakMemoryKb()));
 }
 
-int Report(int32_t result, const Transfer& transfer, const OutputDocument& document, bool finished) {
+// How a scan ended, for its report.
+struct ScanEnd {
+  int32_t result = SX_OK;  // SxAcquire's
+  const Intake& intake;
+  int pagesExpected = 0;   // 0: as many as come
+  bool areaTooSmall = false;  // the area holds less than the widest alignment unit
+};
+
+int Report(const ScanEnd& end, const OutputDocument& document, bool finished) {
+  const int32_t result = end.result;
   EndProgressLine();
   std::string written = document.WrittenPath();
   const bool cancelled = g_interrupted.load() || result == SX_ERR_CANCELLED;
@@ -360,19 +218,20 @@ int Report(int32_t result, const Transfer& transfer, const OutputDocument& docum
       std::fprintf(stderr, "sxscan: scan cancelled\n");
     return kExitCancelled;
   }
-  if (result == kHostStop && transfer.stopForValue) {
-    std::fprintf(stderr, "sxscan: %s\n", transfer.stopReason.c_str());
+  if (end.intake.LineTooLong()) {
+    std::fprintf(stderr, "sxscan: %s; give --buffer %u or more, or leave it out\n", end.intake.StopReason().c_str(),
+                 end.intake.LineTooLong());
     return kExitUsage;
   }
-  if (result == SX_ERR_UNSUPPORTED && transfer.areaTooSmall && transfer.progress.page == 0) {
+  if (result == SX_ERR_UNSUPPORTED && end.areaTooSmall && end.intake.PagesBegun() == 0) {
     std::fprintf(stderr, "sxscan: the area is too small: narrower than the scanner's smallest line (%u "
                          "pixels) or shorter than one line at this resolution; make it larger\n",
                  kLargestAlignment);
     return kExitUsage;
   }
   if (result != SX_OK) {
-    if (result == kHostStop && !transfer.stopReason.empty())
-      std::fprintf(stderr, "sxscan: scan stopped: %s\n", transfer.stopReason.c_str());
+    if (result == kIntakeStop && !end.intake.StopReason().empty())
+      std::fprintf(stderr, "sxscan: scan stopped: %s\n", end.intake.StopReason().c_str());
     else
       std::fprintf(stderr, "sxscan: scan failed: %s (%d)\n", ResultText(result).c_str(), result);
     return kExitFailed;
@@ -381,9 +240,9 @@ int Report(int32_t result, const Transfer& transfer, const OutputDocument& docum
     std::fprintf(stderr, "sxscan: the scanner delivered no page\n");
     return kExitFailed;
   }
-  if (document.PagesDone() < transfer.progress.pagesExpected)
+  if (document.PagesDone() < end.pagesExpected)
     std::fprintf(stderr, "sxscan: the feeder ran out of paper after %d of the %d pages asked for\n",
-                 document.PagesDone(), transfer.progress.pagesExpected);
+                 document.PagesDone(), end.pagesExpected);
   return kExitOk;
 }
 
@@ -401,72 +260,54 @@ int RunScan(const ScanOptions& options) {
     return kExitUsage;
   }
   if (!PrepareOutputFolder(options.output)) return kExitUsage;
-  if (!OpenSourceForScan()) {
-    SxFree();
-    return kExitFailed;
-  }
+  // Declared before everything that holds the library's memory, so that it
+  // is freed before the library is.
+  LibraryScope session;
+  if (!OpenSourceForScan()) return kExitFailed;
   const SourceFacts facts = ReadSourceFacts();
   const ScanSource source = ChooseSource(options.source, facts);
   AddSourceChanges(options, source, facts, &changes);
-  if (!AreaOnSource(options, source, facts)) {
-    SxFree();
-    return kExitUsage;
+  if (!AreaOnSource(options, source, facts)) return kExitUsage;
+  if (const SettingsOutcome applied = ApplySettings(changes, &error); applied != SettingsOutcome::Applied) {
+    std::fprintf(stderr, "sxscan: %s\n", error.c_str());
+    return applied == SettingsOutcome::Refused ? kExitUsage : kExitFailed;
   }
-  if (!AllAdmissible(changes)) {
-    SxFree();
-    return kExitUsage;
-  }
-  size_t bufferBytes = options.buffered ? std::max(options.transferBytes, kBufferedTransferBytes)
-                                        : options.transferBytes;
-  TransferBuffer buffer;
-  if (!ApplySettings(changes) || !buffer.Allocate(bufferBytes)) {
-    if (!buffer.address && buffer.bytes) std::fprintf(stderr, "sxscan: no memory for the transfer buffer\n");
-    buffer.Release(nullptr);
-    SxFree();
-    return kExitFailed;
-  }
-
   OutputDocument document(options.output, options.quality);
   BackgroundEncoder encoder(document, options.buffered ? BackgroundEncoder::kBufferedQueueBytes
                                                        : BackgroundEncoder::kQueueBytes);
-  if (!encoder.Start(&error)) {
-    std::fprintf(stderr, "sxscan: %s\n", error.c_str());
-    buffer.Release(nullptr);
-    SxFree();
+  FilePages pages(encoder);
+  if (AsksForAreaSize(options)) pages.ReadAskedSize();
+  g_interrupted.store(false);
+  const size_t bufferBytes = options.buffered ? std::max(options.transferBytes, kBufferedTransferBytes)
+                                              : options.transferBytes;
+  Intake intake(LinkedLibrary(), pages, {bufferBytes, 0, &g_interrupted});
+  if (!intake.Ready()) {
+    std::fprintf(stderr, "sxscan: no memory for the transfer buffer\n");
     return kExitFailed;
   }
-  Transfer transfer;
-  transfer.encoder = &encoder;
-  transfer.buffer = buffer.address;
-  transfer.bufferBytes = buffer.bytes;
-  transfer.terminal = StderrIsTerminal();
-  transfer.areaTooSmall = AreaMayBeTooSmall(options);
+  if (!encoder.Start(&error)) {
+    std::fprintf(stderr, "sxscan: %s\n", error.c_str());
+    return kExitFailed;
+  }
   // The library's own progress dialog is the progress line, and an
   // interrupt presses its Cancel.
-  LibraryDialogs dialogs(g_interrupted, options.progress || transfer.terminal);
-  // Only a feeder scan delivers the pages asked for; a flatbed gives one.
-  transfer.progress.pagesExpected =
-      source == ScanSource::Feeder && options.pages > 0 ? options.pages : 0;
-  if (AsksForAreaSize(options)) ReadAskedSize(transfer);
-  g_transfer = &transfer;
-  g_interrupted.store(false);
+  LibraryDialogs dialogs(g_interrupted, options.progress || StderrIsTerminal());
   // An interrupt stops the scan through its Cancel; the pages already
   // complete are still written, so the handler stays until they are.
   WatchInterrupts(&g_interrupted);
 
-  int32_t result = SxAcquire(OnTransfer, buffer.address);
+  // Only a feeder scan delivers the pages asked for; a flatbed gives one.
+  const ScanEnd end{intake.Acquire(), intake, source == ScanSource::Feeder && options.pages > 0 ? options.pages : 0,
+                    AreaMayBeTooSmall(options)};
 
-  g_transfer = nullptr;
   // What is queued is encoded and the document finished on the encoder's
   // thread; then the document is this thread's again.
   bool finished = encoder.Finish();
   const auto closed = std::chrono::steady_clock::now();
   document.RemoveReplaced();
   StopWatchingInterrupts();
-  buffer.Release(transfer.lastData);
-  SxFree();
-  const int status = Report(result, transfer, document, finished);
-  if (options.stats) PrintStats(document.PagesDone(), transfer.lastBlock, closed);
+  const int status = Report(end, document, finished);
+  if (options.stats) PrintStats(document.PagesDone(), pages.LastBlock(), closed);
   return status;
 }
 

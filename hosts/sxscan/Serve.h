@@ -1,6 +1,6 @@
 // `sxscan serve`: the data source served to the network over eSCL.
 #pragma once
-#include "sxscan/CommandLine.h"
+#include "kit/ServeOptions.h"
 
 namespace sx::host {
 

@@ -23,10 +23,8 @@ int RunServe(const ServeOptions& options) {
   std::error_code ec;
   const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
   const std::string server = (self.parent_path() / kServerProgram).string();
-  std::vector<std::string> args = {server, "--listen", options.listen, "--port", std::to_string(options.port)};
-  if (!options.source.empty()) args.insert(args.end(), {"--source", options.source});
-  if (!options.name.empty()) args.insert(args.end(), {"--name", options.name});
-  if (!options.announce) args.push_back("--no-announce");
+  std::vector<std::string> args = {server};
+  for (const std::string& arg : ServeArguments(options)) args.push_back(arg);
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
