@@ -312,7 +312,8 @@ void PrintReach(const std::string& scanner, const std::string& listen, const net
     hosts = reach.addresses;
     hosts.insert(hosts.begin() + (hosts.empty() ? 0 : 1), reach.names.begin(), reach.names.end());
   }
-  std::printf("serving %s at %s\n", scanner.c_str(), Url(hosts.empty() ? "localhost" : hosts[0], listening.port).c_str());
+  const std::string first = Url(hosts.empty() ? "localhost" : hosts[0], listening.port);
+  std::printf("serving %s at %s\n", scanner.c_str(), first.c_str());
   for (size_t i = 1; i < hosts.size(); ++i) std::printf("  also at %s\n", Url(hosts[i], listening.port).c_str());
   std::fflush(stdout);
 }

@@ -30,8 +30,9 @@ constexpr size_t kStreamBlock = 64 * 1024;
 enum Phase { kAwaitingRequest, kReadingBody, kHandling, kCut };
 
 bool SameName(std::string_view a, std::string_view b) {
-  return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](unsigned char x, unsigned char y) {
+           return std::tolower(x) == std::tolower(y);
+         });
 }
 
 std::string ClientAddress(MHD_Connection* connection) {
@@ -135,13 +136,13 @@ void Server::Route(const std::string& method, const std::string& pattern, Handle
 void Server::SetGate(Gate gate) { gate_ = std::move(gate); }
 
 bool Server::Start(int listeningSocket, std::string* error) {
-  daemon_ = MHD_start_daemon(
-      MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ERROR_LOG, 0, nullptr, nullptr, &Calls::Access,
-      this, MHD_OPTION_EXTERNAL_LOGGER, &Calls::Log, this, MHD_OPTION_LISTEN_SOCKET, listeningSocket,
-      MHD_OPTION_CONNECTION_LIMIT, limits_.connections, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
-      limits_.connectionsPerAddress, MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned>(limits_.stalled.count()),
-      MHD_OPTION_NOTIFY_COMPLETED, &Calls::Completed, this, MHD_OPTION_NOTIFY_CONNECTION, &Calls::Connection, this,
-      MHD_OPTION_END);
+  daemon_ =
+      MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ERROR_LOG, 0, nullptr,
+                       nullptr, &Calls::Access, this, MHD_OPTION_EXTERNAL_LOGGER, &Calls::Log, this,
+                       MHD_OPTION_LISTEN_SOCKET, listeningSocket, MHD_OPTION_CONNECTION_LIMIT, limits_.connections,
+                       MHD_OPTION_PER_IP_CONNECTION_LIMIT, limits_.connectionsPerAddress, MHD_OPTION_CONNECTION_TIMEOUT,
+                       static_cast<unsigned>(limits_.stalled.count()), MHD_OPTION_NOTIFY_COMPLETED, &Calls::Completed,
+                       this, MHD_OPTION_NOTIFY_CONNECTION, &Calls::Connection, this, MHD_OPTION_END);
   if (!daemon_) {
     *error = "the HTTP server did not start";
     return false;
@@ -336,8 +337,8 @@ bool Server::Answer(MHD_Connection* connection, Exchange& exchange) {
   for (const auto& [name, value] : r.headers) MHD_add_response_header(response, name.c_str(), value.c_str());
   const bool queued = MHD_queue_response(connection, static_cast<unsigned>(r.status), response) == MHD_YES;
   MHD_destroy_response(response);
-  std::fprintf(stderr, "sxscan: %s %s %s: %d\n", exchange.request.remoteAddress.c_str(), exchange.request.method.c_str(),
-               exchange.request.path.c_str(), r.status);
+  std::fprintf(stderr, "sxscan: %s %s %s: %d\n", exchange.request.remoteAddress.c_str(),
+               exchange.request.method.c_str(), exchange.request.path.c_str(), r.status);
   return queued;
 }
 
@@ -439,7 +440,8 @@ void Server::Sweep() {
   const Clock::time_point now = Clock::now();
   {
     std::lock_guard<std::mutex> guard(parkLock_);
-    const auto late = std::stable_partition(parked_.begin(), parked_.end(), [&](const Parked& p) { return p.until > now; });
+    const auto late =
+        std::stable_partition(parked_.begin(), parked_.end(), [&](const Parked& p) { return p.until > now; });
     for (auto p = late; p != parked_.end(); ++p) MHD_resume_connection(p->connection);
     parked_.erase(late, parked_.end());
   }

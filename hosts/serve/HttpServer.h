@@ -118,8 +118,8 @@ class Server {
     Clock::time_point until;
   };
 
-  bool Access(MHD_Connection* connection, const char* url, const char* method, const char* upload,
-              size_t* uploadSize, void** context);
+  bool Access(MHD_Connection* connection, const char* url, const char* method, const char* upload, size_t* uploadSize,
+              void** context);
   Exchange* Begin(MHD_Connection* connection, const char* url, const char* method);
   void Work(MHD_Connection* connection, Exchange* exchange);
   bool Answer(MHD_Connection* connection, Exchange& exchange);

@@ -109,7 +109,8 @@ std::vector<std::string> InterfaceAddresses(bool ipv6) {
   }
   freeifaddrs(list);
   // IPv4 first: the shorter address to type.
-  std::stable_partition(outside.begin(), outside.end(), [](const std::string& a) { return a.find(':') == std::string::npos; });
+  std::stable_partition(outside.begin(), outside.end(),
+                        [](const std::string& a) { return a.find(':') == std::string::npos; });
   outside.insert(outside.end(), loopback.begin(), loopback.end());
   return outside;
 }

@@ -505,13 +505,15 @@ TEST_F(Serve, AClientThatLeavesMidPageCancelsTheScan) {
 TEST_F(Serve, AnswersOnItsOwnPortAddressesAndNamesOnly) {
   const std::string port = std::to_string(port_);
   int status = 0;
-  const std::string second = Shell("timeout 10 '" SX_TEST_SXSCAN "' serve --no-announce --port " + port + " 2>&1", &status);
+  const std::string second =
+      Shell("timeout 10 '" SX_TEST_SXSCAN "' serve --no-announce --port " + port + " 2>&1", &status);
   EXPECT_EQ(WEXITSTATUS(status), 1) << second;
   EXPECT_NE(second.find("cannot listen on 127.0.0.1 port " + port), std::string::npos) << second;
 
   const std::string host = HostName();
-  for (const auto& [name, expected] : {std::pair{"127.0.0.1:" + port, 200}, {"LocalHost", 200}, {host + ":" + port, 200},
-                                       {"evil.example:" + port, 421}, {"127.0.0.1.evil.example", 421}, {"[::1]", 421}}) {
+  for (const auto& [name, expected] :
+       {std::pair{"127.0.0.1:" + port, 200}, {"LocalHost", 200}, {host + ":" + port, 200},
+        {"evil.example:" + port, 421}, {"127.0.0.1.evil.example", 421}, {"[::1]", 421}}) {
     auto res = client_->Get("/eSCL/ScannerCapabilities", {{"Host", name}});
     ASSERT_TRUE(res) << name;
     EXPECT_EQ(res->status, expected) << name;
