@@ -289,7 +289,8 @@ struct Reach {
 
 Reach ReachOf(const std::string& listen, const net::Listening& listening, bool announced) {
   Reach reach;
-  reach.addresses = listening.wildcard ? net::InterfaceAddresses(listening.ipv6) : std::vector{listening.address};
+  reach.addresses =
+      listening.wildcard ? net::InterfaceAddresses(listening.ipv6, false) : std::vector{listening.address};
   const std::string host = net::HostName();
   if (!host.empty() && host != "localhost") reach.names.push_back(announced ? host + ".local" : host);
   if (http::CanonicalAddress(listen).empty() && !listening.wildcard && listen != "localhost")
@@ -352,7 +353,7 @@ class HostGate {
   void Addresses() {
     allowed_.addresses.clear();
     const std::vector<std::string> texts =
-        listening_.wildcard ? net::InterfaceAddresses(listening_.ipv6) : std::vector{listening_.address};
+        listening_.wildcard ? net::InterfaceAddresses(listening_.ipv6, true) : std::vector{listening_.address};
     for (const auto& text : texts) allowed_.addresses.push_back(http::CanonicalAddress(text));
     read_ = http::Clock::now();
   }

@@ -16,7 +16,9 @@ bool AllDigits(std::string_view text) {
 
 std::string CanonicalAddress(std::string_view text) {
   if (text.size() >= 2 && text.front() == '[' && text.back() == ']') text = text.substr(1, text.size() - 2);
-  const std::string copy(text);
+  // A link-local IPv6 address names its interface after '%' ("%25" in a
+  // URL); the address is the same on any.
+  const std::string copy(text.substr(0, text.find(':') != std::string_view::npos ? text.find('%') : text.size()));
   unsigned char binary[16];
   char out[INET6_ADDRSTRLEN] = {};
   if (inet_pton(AF_INET, copy.c_str(), binary) == 1) return inet_ntop(AF_INET, binary, out, sizeof out);

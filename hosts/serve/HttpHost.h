@@ -22,7 +22,8 @@ struct HostNames {
 bool HostAllowed(std::string_view host, const HostNames& allowed);
 
 // `text` in the form inet_ntop writes it when it is a literal IPv4 or IPv6
-// address (brackets around an IPv6 one are allowed); empty otherwise.
+// address (brackets around an IPv6 one and an interface after '%' are
+// allowed); empty otherwise.
 std::string CanonicalAddress(std::string_view text);
 
 // The host part of a Host header value, without the port and brackets;

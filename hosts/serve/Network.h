@@ -29,9 +29,9 @@ std::string AddressText(const sockaddr* address);
 void Cut(int socket);
 
 // The machine's interface addresses, as text: IPv4 ones and, with `ipv6`,
-// IPv6 ones other than link-local (which need an interface to be typed);
-// loopback ones last.
-std::vector<std::string> InterfaceAddresses(bool ipv6);
+// IPv6 ones, link-local ones only with `linkLocal` (a person cannot type
+// them without naming an interface); loopback ones last.
+std::vector<std::string> InterfaceAddresses(bool ipv6, bool linkLocal);
 
 // The machine's host name, in lower case; empty when it has none.
 std::string HostName();

@@ -93,7 +93,7 @@ std::string AddressText(const sockaddr* address) {
 
 void Cut(int socket) { shutdown(socket, SHUT_RDWR); }
 
-std::vector<std::string> InterfaceAddresses(bool ipv6) {
+std::vector<std::string> InterfaceAddresses(bool ipv6, bool linkLocal) {
   std::vector<std::string> outside, loopback;
   ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0) return {};
@@ -101,7 +101,8 @@ std::vector<std::string> InterfaceAddresses(bool ipv6) {
     if (!i->ifa_addr || !(i->ifa_flags & IFF_UP)) continue;
     const int family = i->ifa_addr->sa_family;
     if (family != AF_INET && !(ipv6 && family == AF_INET6)) continue;
-    if (family == AF_INET6 && IN6_IS_ADDR_LINKLOCAL(&reinterpret_cast<const sockaddr_in6*>(i->ifa_addr)->sin6_addr))
+    if (family == AF_INET6 && !linkLocal &&
+        IN6_IS_ADDR_LINKLOCAL(&reinterpret_cast<const sockaddr_in6*>(i->ifa_addr)->sin6_addr))
       continue;
     auto& into = (i->ifa_flags & IFF_LOOPBACK) ? loopback : outside;
     const std::string text = AddressText(i->ifa_addr);
