@@ -105,9 +105,10 @@ struct Job {
 };
 
 // How long a job waits for a client to ask for its first page before it is
-// aborted and the scanner is free again: clients ask at once, so a job
-// nobody asks for was left by a client that went away.
-constexpr std::chrono::seconds kUnfetchedTimeout{10};
+// aborted and the scanner is free again: clients ask as soon as the job is
+// made (the request then waits for the page), so a job nobody asks for was
+// left by a client that went away.
+constexpr std::chrono::seconds kUnfetchedTimeout{5};
 
 class Scanner {
  public:

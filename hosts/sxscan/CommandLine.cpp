@@ -484,7 +484,7 @@ std::string CommandHelpText(CommandKind kind) {
       return "usage: sxscan serve [--listen ADDR] [--port N] [--source NAME] [--name TEXT] [--no-announce]\n\n"
              "Serves the chosen source (or the one NAME matches) over eSCL, the driverless\n"
              "scanning protocol of phones and computers, until interrupted. One job at a time;\n"
-             "a job whose pages nobody asks for within 10 s is aborted, freeing the scanner.\n\n"
+             "a job whose pages nobody asks for within 5 s is aborted, freeing the scanner.\n\n"
              "  --listen ADDR   the address to listen on; default 127.0.0.1 (this computer only);\n"
              "                  0.0.0.0 serves every network the computer is on\n"
              "  --port N        the TCP port; default 8090; 0 takes any free port\n"
