@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -17,11 +18,17 @@ namespace sx::host::escl {
 // Thread contract: one producer (the job's scanning thread) calls Write,
 // EndDocument and Finish; one consumer at a time (the response being
 // streamed) calls the reading side; Close may come from any thread. Every
-// member is guarded by lock_.
+// member is guarded by lock_, except the listener, set before the producer
+// starts.
 class DocumentQueue {
  public:
   using Clock = std::chrono::steady_clock;
   explicit DocumentQueue(size_t capacityBytes) : capacity_(capacityBytes) {}
+
+  // Called, outside the lock, after each change a reader may wait for (bytes,
+  // a document's end, the producer's end, Close): a reader that never
+  // blocks learns when to look again.
+  void OnChange(std::function<void()> listener) { listener_ = std::move(listener); }
 
   // Appends bytes of the current document, waiting while the queue is full.
   // False when the queue was closed, or when no reader took anything for
@@ -37,10 +44,11 @@ class DocumentQueue {
   // Waits until the next document's first bytes are queued (Ready), or the
   // producer finished with no further document (NoMore).
   Wait WaitForDocument(Clock::duration timeout);
-  enum class Read { Bytes, DocumentEnd, Failed };
+  enum class Read { Bytes, DocumentEnd, Empty, Failed };
   // The next chunk of the document being read; DocumentEnd once its end
-  // mark is reached; Failed when the queue was closed or the producer
-  // finished inside the document or nothing came for `timeout`.
+  // mark is reached; Empty when nothing came within `timeout` (zero: do not
+  // wait); Failed when the queue was closed or the producer finished inside
+  // the document.
   Read Next(std::string* chunk, Clock::duration timeout);
 
   size_t QueuedBytes() const;
@@ -52,6 +60,9 @@ class DocumentQueue {
     std::string bytes;
     bool end = false;
   };
+  void Changed() const;
+
+  std::function<void()> listener_;
   mutable std::mutex lock_;
   std::condition_variable changed_;
   std::deque<Item> items_;

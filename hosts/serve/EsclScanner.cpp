@@ -279,7 +279,28 @@ void Job::Cancel() {
   // dialog's Cancel ends the wait.
   PressCancelIfInterrupted();
   std::lock_guard<std::mutex> guard(lock);
-  if (running || state == JobState::Processing) state = JobState::Canceled;
+  if (!unfetched && (running || state == JobState::Processing)) state = JobState::Canceled;
+}
+
+void Job::MarkFetched() {
+  std::lock_guard<std::mutex> guard(lock);
+  fetched = true;
+}
+
+bool Job::AbortIfUnfetched() {
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    // A job whose page is scanned whole but never fetched is no success.
+    const bool over = state != JobState::Processing && state != JobState::Completed;
+    if (start != Start::Accepted || fetched || unfetched || over || Clock::now() - accepted < kUnfetchedTimeout)
+      return false;
+    unfetched = true;
+    state = JobState::Aborted;
+  }
+  std::fprintf(stderr, "sxscan: job %s: no client asked for its pages within %lld s; the job is aborted\n",
+               uuid.c_str(), static_cast<long long>(kUnfetchedTimeout.count()));
+  Cancel();
+  return true;
 }
 
 Scanner::Scanner(std::string sourceName, ScannerFacts facts)
@@ -332,6 +353,7 @@ Scanner::Start Scanner::StartJob(const ScanRequest& request, std::shared_ptr<Job
     // The previous job's thread has ended (it no longer holds the scanner).
     if (thread_.joinable()) thread_.join();
     job = std::make_shared<Job>(RandomUuid(), request);
+    job->queue.OnChange(onJobChange_);
     jobs_.push_back(job);
     if (jobs_.size() > kKeptJobs) jobs_.erase(jobs_.begin());
     active_ = job;
@@ -358,6 +380,15 @@ std::shared_ptr<Job> Scanner::Find(const std::string& uuid) const {
     if (job->uuid == uuid) return job;
   }
   return nullptr;
+}
+
+void Scanner::AbortUnfetched() {
+  std::shared_ptr<Job> job;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    job = active_;
+  }
+  if (job) job->AbortIfUnfetched();
 }
 
 std::vector<JobSummary> Scanner::Summaries() const {
@@ -403,6 +434,7 @@ void Scanner::RunJob(const std::shared_ptr<Job>& job) {
   {
     std::lock_guard<std::mutex> guard(job->lock);
     job->start = prepared ? Job::Start::Accepted : Job::Start::Refused;
+    job->accepted = Job::Clock::now();
     job->refusal = refusal;
     if (!prepared) job->state = JobState::Aborted;
   }
@@ -429,7 +461,9 @@ void Scanner::RunJob(const std::shared_ptr<Job>& job) {
   job->result = result;
   job->failure = failure;
   job->noPaper = job->noPaper || result == SX_ERR_NO_PAPER;
-  if (job->cancel.load()) {
+  if (job->unfetched) {
+    job->state = JobState::Aborted;
+  } else if (job->cancel.load()) {
     job->state = JobState::Canceled;
   } else if (prepared) {
     // A feeder that runs out after some pages ends the job normally.

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -79,6 +80,7 @@ struct Job {
   mutable std::mutex lock;
   std::condition_variable startChanged;
   Start start = Start::Waiting;
+  Clock::time_point accepted;  // when start became Accepted
   std::string refusal;
   bool running = true;  // the job's thread has not ended yet
   JobState state = JobState::Processing;
@@ -88,13 +90,26 @@ struct Job {
   uint32_t pagesScanned = 0;
   uint32_t pagesSent = 0;
   Clock::time_point lastRead = Clock::now();
+  bool fetched = false;    // a client asked for its pages
+  bool unfetched = false;  // aborted because none did in time
 
   JobSummary Summary() const;
   // Whether the job still holds the scanner: its thread runs, or pages wait
   // for a client that read recently.
   bool Holds() const;
   void Cancel();
+  // A client asked for the job's pages (whether or not one is ready).
+  void MarkFetched();
+  // Aborts the job when no client asked for its pages within
+  // kUnfetchedTimeout of the scanner taking its settings; true when it did.
+  bool AbortIfUnfetched();
 };
+
+// How long a job waits for a client to ask for its first page before it is
+// aborted and the scanner is free again: clients ask as soon as the job is
+// made (the request then waits for the page), so a job nobody asks for was
+// left by a client that went away.
+constexpr std::chrono::seconds kUnfetchedTimeout{5};
 
 class Scanner {
  public:
@@ -116,12 +131,19 @@ class Scanner {
   Start StartJob(const ScanRequest& request, std::shared_ptr<Job>* job, std::string* error);
   std::shared_ptr<Job> Find(const std::string& uuid) const;
   std::vector<JobSummary> Summaries() const;
+  // Called from any thread whenever a job's pages change (bytes, a page's
+  // end, the job's end): set before the first job starts.
+  void OnJobChange(std::function<void()> listener) { onJobChange_ = std::move(listener); }
+  // Aborts the active job if no client came for it in time (see
+  // Job::AbortIfUnfetched); called now and then.
+  void AbortUnfetched();
 
  private:
   void RunJob(const std::shared_ptr<Job>& job);
   bool Prepare(Job& job, std::string* refusal);
 
   const std::string sourceName_;
+  std::function<void()> onJobChange_;
   mutable std::mutex lock_;  // guards facts_, jobs_, active_ and thread_
   ScannerFacts facts_;
   std::vector<std::shared_ptr<Job>> jobs_;  // newest last, a few kept for status

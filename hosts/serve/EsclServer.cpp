@@ -1,8 +1,6 @@
-// `sxscan serve`: the HTTP side of the eSCL server. Requests are answered on
-// the HTTP library's worker threads; the scanner and its jobs (EsclScanner.h)
-// keep the library to one thread at a time.
-#include <httplib.h>
-
+// `sxscan serve`: the eSCL server. Its resources are routes on the HTTP
+// layer (HttpServer.h), whose handlers run on worker threads; the scanner
+// and its jobs (EsclScanner.h) keep the library to one thread at a time.
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -15,6 +13,9 @@
 #include "serve/EsclAnnounce.h"
 #include "serve/EsclScanner.h"
 #include "serve/EsclServer.h"
+#include "serve/HttpHost.h"
+#include "serve/HttpServer.h"
+#include "serve/Network.h"
 
 namespace sx::host {
 namespace {
@@ -22,38 +23,57 @@ namespace {
 using namespace std::chrono_literals;
 using escl::Job;
 using escl::Scanner;
+using http::Reply;
+using http::Request;
+using http::Response;
 
-// A client that sends a request slower than this, or does not take the
-// response, is dropped: an idle connection never holds a worker for long.
-constexpr time_t kReadTimeoutSeconds = 10;
-constexpr time_t kWriteTimeoutSeconds = 30;
-constexpr time_t kKeepAliveSeconds = 5;
-// Requests on one connection before the server closes it: a scan takes
-// about eight, and a client that sends another on a connection the server
-// has just closed may wait for its answer for ever.
-constexpr size_t kRequestsPerConnection = 100;
+// What one client, and all of them, may hold open at once: a scanning
+// client uses two or three connections, a browser six; a client past its
+// share is turned away without taking anyone else's.
+constexpr unsigned kConnections = 512;
+constexpr unsigned kConnectionsPerAddress = 16;
+// A request's header must be in whole this long after its connection opened
+// or its previous response ended (so an idle connection is closed after it
+// too), and its body this long after the header: clients send both at once.
+constexpr auto kHeaderDeadline = 5s;
+constexpr auto kBodyDeadline = 5s;
+// A client that takes no byte of a response for this long is dropped.
+constexpr auto kStalledClient = 30s;
 // What a client is told to wait before asking again while the scanner is busy.
 constexpr char kRetryAfterSeconds[] = "5";
-// How long NextDocument waits for a page to begin (a lamp warming up).
+// How long NextDocument waits for a page to begin (a lamp warming up), and
+// a response for the next bytes of a page being scanned.
 constexpr auto kFirstBytesWait = 120s;
-// How long a response waits for the next bytes of a page being scanned.
 constexpr auto kNextBytesWait = 120s;
-constexpr auto kStopPoll = 100ms;
+// How often the server looks for a stop signal and for jobs nobody fetched.
+constexpr auto kHousekeeping = 100ms;
+// How often, at most, the machine's addresses are read again for a Host
+// header that names none of them (an address may come with a new network).
+constexpr auto kAddressesRefresh = 5s;
 constexpr char kJobPath[] = "/eSCL/ScanJobs/";
+constexpr char kJobPattern[] = "/eSCL/ScanJobs/([0-9a-f-]{36})";  // the UUIDs this server makes
 constexpr char kIconPath[] = "/eSCL/icon.png";
 constexpr char kXml[] = "text/xml";
 
 std::atomic<bool> g_stop{false};
 extern "C" void OnStopSignal(int) { g_stop.store(true); }
 
-void Fail(httplib::Response& res, int status, const std::string& why) {
-  res.status = status;
-  res.set_content(why + "\n", "text/plain");
+Reply Answer(Response* res, int status, const std::string& why) {
+  res->status = status;
+  res->contentType = "text/plain";
+  res->body = why + "\n";
+  return Reply::Answered;
 }
 
-void Busy(httplib::Response& res, const std::string& why) {
-  res.set_header("Retry-After", kRetryAfterSeconds);
-  Fail(res, 503, why);
+Reply Busy(Response* res, const std::string& why) {
+  res->headers.emplace_back("Retry-After", kRetryAfterSeconds);
+  return Answer(res, 503, why);
+}
+
+Reply Content(Response* res, std::string body, const char* type) {
+  res->body = std::move(body);
+  res->contentType = type;
+  return Reply::Answered;
 }
 
 // The picture clients show beside the scanner's name: a flatbed seen from
@@ -91,144 +111,258 @@ std::string ScannerIconPng() {
   return sink.bytes;
 }
 
-void PostJob(Scanner& scanner, const httplib::Request& req, httplib::Response& res) {
+// What the handlers work on.
+struct Service {
+  Scanner& scanner;
+  http::Server& server;
+  const std::string icon;
+};
+
+Reply Icon(Service& s, const Request&, Response* res) { return Content(res, s.icon, "image/png"); }
+
+Reply Capabilities(Service& s, const Request&, Response* res) {
+  return Content(res, escl::CapabilitiesXml(s.scanner.Facts(), ""), kXml);
+}
+
+Reply Status(Service& s, const Request&, Response* res) {
+  s.scanner.RefreshWhenIdle();
+  return Content(res, escl::StatusXml(s.scanner.Facts(), s.scanner.Busy(), s.scanner.Summaries()), kXml);
+}
+
+Reply PostJob(Service& s, const Request& req, Response* res) {
   escl::ScanRequest request;
   std::string error;
-  if (!escl::ParseScanSettings(req.body, &request, &error)) return Fail(res, 400, error);
-  if (!escl::ResolveScanRequest(scanner.Facts(), &request, &error)) return Fail(res, 409, error);
+  if (!escl::ParseScanSettings(req.body, &request, &error)) return Answer(res, 400, error);
+  if (!escl::ResolveScanRequest(s.scanner.Facts(), &request, &error)) return Answer(res, 409, error);
   std::shared_ptr<Job> job;
-  switch (scanner.StartJob(request, &job, &error)) {
+  switch (s.scanner.StartJob(request, &job, &error)) {
     case Scanner::Start::Busy: return Busy(res, "the scanner is busy with another job");
-    case Scanner::Start::Refused: return Fail(res, 409, error);
+    case Scanner::Start::Refused: return Answer(res, 409, error);
     case Scanner::Start::Started: break;
   }
   std::fprintf(stderr, "sxscan: job %s: %s %s at %u dpi, %ux%u+%u+%u, %s\n", job->uuid.c_str(),
                request.source == escl::InputSource::Feeder ? "feeder" : "platen", ColourModeName(request.mode),
                request.xResolution, request.region.width, request.region.height, request.region.x, request.region.y,
                MimeType(request.format));
-  res.status = 201;
-  res.set_header("Location", kJobPath + job->uuid);
+  res->status = 201;
+  res->headers.emplace_back("Location", kJobPath + job->uuid);
+  return Reply::Answered;
 }
 
 // Why a job that sent nothing (more) has no document: 404 for a job that is
 // over as it should be, the failure otherwise.
-void NoDocument(Job& job, httplib::Response& res) {
+Reply NoDocument(Job& job, Response* res) {
   std::lock_guard<std::mutex> guard(job.lock);
   if (job.pagesSent > 0 || job.state == escl::JobState::Completed || job.state == escl::JobState::Canceled)
-    return Fail(res, 404, "the job has no more pages");
-  if (job.noPaper) return Fail(res, 409, "the feeder holds no paper");
-  Fail(res, 500, "the scan failed: " + (job.failure.empty() ? ResultText(job.result) : job.failure));
+    return Answer(res, 404, "the job has no more pages");
+  if (job.noPaper) return Answer(res, 409, "the feeder holds no paper");
+  if (job.unfetched) return Answer(res, 410, "the job was aborted: nobody asked for its pages in time");
+  return Answer(res, 500, "the scan failed: " + (job.failure.empty() ? ResultText(job.result) : job.failure));
 }
 
-// The next page of a job, streamed while it is scanned. A response that
-// ends before its page does (the client went away) cancels the job.
-void NextDocument(Scanner& scanner, const httplib::Request& req, httplib::Response& res) {
-  std::shared_ptr<Job> job = scanner.Find(req.matches[1]);
-  if (!job) return Fail(res, 404, "no such job");
-  // A client asks for the next page as soon as the last one's end reached
-  // it, which may be before the response that sent it has let go: the
-  // request waits for it rather than being turned away.
-  if (!job->reader.TakeWithin(kFirstBytesWait)) return Busy(res, "another request is reading this job");
-  // Given back once, by whichever comes first: the page's end, the
-  // response's release, or this request ending without a response.
-  struct Hold {
-    std::shared_ptr<Job> job;
-    std::atomic<bool> held{true};
-    void Give() {
-      if (held.exchange(false)) job->reader.Give();
+// A page streamed to one response while it is scanned. The job's reader
+// slot, taken by the request, is given back once: at the page's end (before
+// the client can see it, so that its next request finds the slot free) or
+// when the response ends. A response that ends before its page does (the
+// client went away) cancels the job.
+class PageStream : public http::BodySource {
+ public:
+  PageStream(std::shared_ptr<Job> job, http::Server& server) : job_(std::move(job)), server_(server) {}
+
+  Pull Read(std::string* chunk, http::Clock::time_point* waitUntil) override {
+    switch (job_->queue.Next(chunk, 0s)) {
+      case escl::DocumentQueue::Read::Bytes: Touch(false); return Pull::Bytes;
+      case escl::DocumentQueue::Read::DocumentEnd:
+        complete_ = true;
+        Touch(true);
+        Give();
+        return Pull::End;
+      case escl::DocumentQueue::Read::Failed: return Pull::Failed;
+      case escl::DocumentQueue::Read::Empty: break;
     }
-    ~Hold() { Give(); }
-  };
-  auto reader = std::make_shared<Hold>();
-  reader->job = job;
-  switch (job->queue.WaitForDocument(kFirstBytesWait)) {
-    case escl::DocumentQueue::Wait::TimedOut: return Busy(res, "the page has not begun yet");
-    case escl::DocumentQueue::Wait::NoMore: return NoDocument(*job, res);
-    case escl::DocumentQueue::Wait::Ready: break;
+    *waitUntil = lastBytes_ + kNextBytesWait;
+    return http::Clock::now() < *waitUntil ? Pull::Later : Pull::Failed;
   }
-  auto complete = std::make_shared<bool>(false);
-  const auto provider = [job, complete, reader](size_t, httplib::DataSink& sink) {
-    std::string chunk;
-    switch (job->queue.Next(&chunk, kNextBytesWait)) {
-      case escl::DocumentQueue::Read::Bytes: {
-        std::lock_guard<std::mutex> guard(job->lock);
-        job->lastRead = Job::Clock::now();
-        break;
-      }
-      case escl::DocumentQueue::Read::DocumentEnd: {
-        *complete = true;
-        {
-          std::lock_guard<std::mutex> guard(job->lock);
-          ++job->pagesSent;
-          job->lastRead = Job::Clock::now();
-        }
-        // Free for the next request before the client can see the end.
-        reader->Give();
-        sink.done();
-        return true;
-      }
-      case escl::DocumentQueue::Read::Failed: return false;
-    }
-    return sink.write(chunk.data(), chunk.size());
-  };
-  const auto release = [job, complete, reader](bool) {
-    if (!*complete) {
-      std::fprintf(stderr, "sxscan: job %s: the page was not sent whole; the job is cancelled\n", job->uuid.c_str());
-      job->Cancel();
+
+  void Finished(bool whole) override {
+    if (!complete_ || !whole) {
+      std::fprintf(stderr, "sxscan: job %s: the page was not sent whole; the job is cancelled\n", job_->uuid.c_str());
+      job_->Cancel();
       // The scan may have ended before the client left; the page it never
       // got makes the job cancelled all the same.
-      std::lock_guard<std::mutex> guard(job->lock);
-      job->state = escl::JobState::Canceled;
+      std::lock_guard<std::mutex> guard(job_->lock);
+      if (!job_->unfetched) job_->state = escl::JobState::Canceled;
     }
-    reader->Give();
-  };
-  res.set_chunked_content_provider(MimeType(job->request.format), provider, release);
+    Give();
+  }
+
+ private:
+  void Touch(bool pageEnd) {
+    lastBytes_ = http::Clock::now();
+    std::lock_guard<std::mutex> guard(job_->lock);
+    job_->lastRead = Job::Clock::now();
+    if (pageEnd) ++job_->pagesSent;
+  }
+  void Give() {
+    if (given_) return;
+    given_ = true;
+    job_->reader.Give();
+    server_.Wake();  // a request may wait for the slot
+  }
+
+  std::shared_ptr<Job> job_;
+  http::Server& server_;
+  http::Clock::time_point lastBytes_ = http::Clock::now();
+  bool complete_ = false;
+  bool given_ = false;
+};
+
+// The next page of a job, streamed while it is scanned. A client asks for
+// the next page as soon as the last one's end reached it, which may be
+// before the response that sent it has let go, or before the page begins
+// (a lamp warming up): the request waits rather than being turned away.
+Reply NextDocument(Service& s, const Request& req, Response* res) {
+  std::shared_ptr<Job> job = s.scanner.Find(req.matches[1]);
+  if (!job) return Answer(res, 404, "no such job");
+  job->MarkFetched();
+  const bool late = http::Clock::now() - req.arrived >= kFirstBytesWait;
+  res->waitUntil = req.arrived + kFirstBytesWait;
+  switch (job->queue.WaitForDocument(0s)) {
+    case escl::DocumentQueue::Wait::NoMore: return NoDocument(*job, res);
+    case escl::DocumentQueue::Wait::TimedOut: return late ? Busy(res, "the page has not begun yet") : Reply::Wait;
+    case escl::DocumentQueue::Wait::Ready: break;
+  }
+  if (!job->reader.TakeWithin(0s)) return late ? Busy(res, "another request is reading this job") : Reply::Wait;
+  res->stream = std::make_shared<PageStream>(job, s.server);
+  res->contentType = MimeType(job->request.format);
+  return Reply::Answered;
 }
 
-void DeleteJob(Scanner& scanner, const httplib::Request& req, httplib::Response& res) {
-  std::shared_ptr<Job> job = scanner.Find(req.matches[1]);
-  if (!job) return Fail(res, 404, "no such job");
+// The headers a GET would get depend on whether a next page comes, which is
+// known only by waiting for it and taking it: HEAD is refused rather than
+// using up the page.
+Reply HeadNextDocument(Service& s, const Request& req, Response* res) {
+  if (!s.scanner.Find(req.matches[1])) return Answer(res, 404, "no such job");
+  res->headers.emplace_back("Allow", "GET");
+  return Answer(res, 405, "a page is known only by taking it: ask with GET");
+}
+
+Reply DeleteJob(Service& s, const Request& req, Response* res) {
+  std::shared_ptr<Job> job = s.scanner.Find(req.matches[1]);
+  if (!job) return Answer(res, 404, "no such job");
   job->Cancel();
-  res.status = 200;
+  res->status = 200;
+  return Reply::Answered;
 }
 
-void Route(httplib::Server& server, Scanner& scanner, const std::string& icon) {
-  server.Get(kIconPath, [&](const httplib::Request&, httplib::Response& res) { res.set_content(icon, "image/png"); });
-  server.Get("/eSCL/ScannerCapabilities", [&](const httplib::Request&, httplib::Response& res) {
-    res.set_content(escl::CapabilitiesXml(scanner.Facts(), ""), kXml);
-  });
-  server.Get("/eSCL/ScannerStatus", [&](const httplib::Request&, httplib::Response& res) {
-    scanner.RefreshWhenIdle();
-    res.set_content(escl::StatusXml(scanner.Facts(), scanner.Busy(), scanner.Summaries()), kXml);
-  });
-  server.Post("/eSCL/ScanJobs", [&](const httplib::Request& req, httplib::Response& res) {
-    PostJob(scanner, req, res);
-  });
-  // Job names are the UUIDs this server made; anything else is no job.
-  server.Get(R"(/eSCL/ScanJobs/([0-9a-f-]{36})/NextDocument)",
-             [&](const httplib::Request& req, httplib::Response& res) { NextDocument(scanner, req, res); });
-  server.Delete(R"(/eSCL/ScanJobs/([0-9a-f-]{36}))",
-                [&](const httplib::Request& req, httplib::Response& res) { DeleteJob(scanner, req, res); });
-  server.set_logger([](const httplib::Request& req, const httplib::Response& res) {
-    std::fprintf(stderr, "sxscan: %s %s %s: %d\n", req.remote_addr.c_str(), req.method.c_str(), req.path.c_str(),
-                 res.status);
-  });
-  server.set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
-    Fail(res, 500, "internal error");
-  });
-}
-
-void Limit(httplib::Server& server) {
-  server.set_payload_max_length(escl::kMaxSettingsBytes);
-  server.set_read_timeout(kReadTimeoutSeconds, 0);
-  server.set_write_timeout(kWriteTimeoutSeconds, 0);
-  server.set_keep_alive_timeout(kKeepAliveSeconds);
-  server.set_keep_alive_max_count(kRequestsPerConnection);
+void AddRoutes(http::Server& server, Service& service) {
+  using Handler = Reply (*)(Service&, const Request&, Response*);
+  const std::string job = kJobPattern;
+  const struct {
+    const char* method;
+    std::string pattern;
+    Handler handler;
+  } routes[] = {
+      {"GET", kIconPath, Icon},
+      {"GET", "/eSCL/ScannerCapabilities", Capabilities},
+      {"GET", "/eSCL/ScannerStatus", Status},
+      {"POST", "/eSCL/ScanJobs", PostJob},
+      {"GET", job + "/NextDocument", NextDocument},
+      {"HEAD", job + "/NextDocument", HeadNextDocument},
+      {"DELETE", job, DeleteJob},
+  };
+  for (const auto& r : routes) {
+    server.Route(r.method, r.pattern, [&service, h = r.handler](const Request& req, Response* res) {
+      return h(service, req, res);
+    });
+  }
 }
 
 bool IsLoopback(const std::string& address) {
   return address.rfind("127.", 0) == 0 || address == "::1" || address == "localhost";
 }
+
+// The addresses and names the server is reached by, as a person types them.
+struct Reach {
+  std::vector<std::string> addresses;  // for a wildcard, the machine's; loopback last
+  std::vector<std::string> names;      // the host name (.local when announced); `--listen` when a name
+};
+
+Reach ReachOf(const std::string& listen, const net::Listening& listening, bool announced) {
+  Reach reach;
+  reach.addresses =
+      listening.wildcard ? net::InterfaceAddresses(listening.ipv6, false) : std::vector{listening.address};
+  const std::string host = net::HostName();
+  if (!host.empty() && host != "localhost") reach.names.push_back(announced ? host + ".local" : host);
+  if (http::CanonicalAddress(listen).empty() && !listening.wildcard && listen != "localhost")
+    reach.names.push_back(listen);
+  return reach;
+}
+
+std::string Url(const std::string& host, int port) {
+  const bool ipv6 = host.find(':') != std::string::npos;
+  return "http://" + (ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port) + "/eSCL";
+}
+
+// The first line names the address to use. A wildcard is no address to
+// type: the machine's addresses and names follow it instead (a name
+// survives a change of address).
+void PrintReach(const std::string& scanner, const std::string& listen, const net::Listening& listening,
+                const Reach& reach) {
+  std::vector<std::string> hosts = {listen};
+  if (listening.wildcard) {
+    hosts = reach.addresses;
+    hosts.insert(hosts.begin() + (hosts.empty() ? 0 : 1), reach.names.begin(), reach.names.end());
+  }
+  const std::string first = Url(hosts.empty() ? "localhost" : hosts[0], listening.port);
+  std::printf("serving %s at %s\n", scanner.c_str(), first.c_str());
+  for (size_t i = 1; i < hosts.size(); ++i) std::printf("  also at %s\n", Url(hosts[i], listening.port).c_str());
+  std::fflush(stdout);
+}
+
+// Requests must name this server: its addresses, localhost, its host name
+// (see HttpHost.h). Runs on the event thread only.
+class HostGate {
+ public:
+  HostGate(const Reach& reach, const net::Listening& listening) : listening_(listening) {
+    allowed_.names = {"localhost"};
+    for (const auto& name : reach.names) allowed_.names.push_back(Lower(name));
+    // `foo.local` is reached as `foo` too on networks with a DNS of their own.
+    const std::string host = net::HostName();
+    if (!host.empty()) allowed_.names.push_back(host);
+    Addresses();
+  }
+
+  bool operator()(const Request& req, Response* res) {
+    const std::string host = req.Header("Host");
+    // Only HTTP/1.0 clients send none; a browser always does.
+    if (host.empty() || http::HostAllowed(host, allowed_)) return true;
+    if (listening_.wildcard && !http::CanonicalAddress(http::HostPart(host)).empty() &&
+        http::Clock::now() - read_ >= kAddressesRefresh) {
+      Addresses();
+      if (http::HostAllowed(host, allowed_)) return true;
+    }
+    Answer(res, 421, "this server answers requests addressed to this computer's own names and addresses only");
+    return false;
+  }
+
+ private:
+  static std::string Lower(std::string text) {
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+  }
+  void Addresses() {
+    allowed_.addresses.clear();
+    const std::vector<std::string> texts =
+        listening_.wildcard ? net::InterfaceAddresses(listening_.ipv6, true) : std::vector{listening_.address};
+    for (const auto& text : texts) allowed_.addresses.push_back(http::CanonicalAddress(text));
+    read_ = http::Clock::now();
+  }
+
+  const net::Listening listening_;
+  http::HostNames allowed_;
+  http::Clock::time_point read_;
+};
 
 // Announces the server unless told not to, or unless it listens on loopback
 // only, where nobody on the network could reach it.
@@ -246,25 +380,32 @@ std::unique_ptr<escl::Announcer> StartAnnouncing(const ServeOptions& options, co
   return announcer;
 }
 
-int Bind(httplib::Server& server, const ServeOptions& options) {
-  if (options.port == 0) return server.bind_to_any_port(options.listen);
-  return server.bind_to_port(options.listen, options.port) ? options.port : -1;
-}
+const http::Limits kLimits = {kConnections, kConnectionsPerAddress, kHeaderDeadline, kBodyDeadline,
+                              kStalledClient, escl::kMaxSettingsBytes};
 
 }  // namespace
 
 int RunServer(const ServeOptions& options) {
   escl::ScannerFacts facts;
   if (!escl::ReadScannerFacts(options.source, options.name, &facts)) return kExitFailed;
+  net::Listening listening;
+  std::string error;
+  if (!net::Listen(options.listen, options.port, &listening, &error)) {
+    std::fprintf(stderr, "sxscan: cannot listen on %s port %d (in use, or not an address of this host): %s\n",
+                 options.listen.c_str(), options.port, error.c_str());
+    return kExitFailed;
+  }
+  // The server outlives the scanner: the scanner's job thread wakes it.
+  http::Server server(kLimits);
   Scanner scanner(options.source, facts);
-  const std::string icon = ScannerIconPng();
-  httplib::Server server;
-  Limit(server);
-  Route(server, scanner, icon);
-  const int port = Bind(server, options);
-  if (port <= 0) {
-    std::fprintf(stderr, "sxscan: cannot listen on %s port %d (in use, or not an address of this host)\n",
-                 options.listen.c_str(), options.port);
+  scanner.OnJobChange([&server] { server.Wake(); });
+  Service service{scanner, server, ScannerIconPng()};
+  AddRoutes(server, service);
+  const bool announced = options.announce && !IsLoopback(options.listen);
+  const Reach reach = ReachOf(options.listen, listening, announced);
+  server.SetGate(HostGate(reach, listening));
+  if (!server.Start(listening.socket, &error)) {
+    std::fprintf(stderr, "sxscan: %s\n", error.c_str());
     return kExitFailed;
   }
   // A client that goes away mid-response must not end the server.
@@ -272,17 +413,15 @@ int RunServer(const ServeOptions& options) {
   g_stop.store(false);
   std::signal(SIGINT, OnStopSignal);
   std::signal(SIGTERM, OnStopSignal);
-  const std::string host = options.listen.find(':') != std::string::npos ? "[" + options.listen + "]" : options.listen;
-  std::printf("serving %s at http://%s:%d/eSCL\n", facts.name.c_str(), host.c_str(), port);
-  std::fflush(stdout);
-  auto announcer = StartAnnouncing(options, facts, port);
-  std::thread stopper([&] {
-    while (!g_stop.load()) std::this_thread::sleep_for(kStopPoll);
-    server.stop();
-  });
-  server.listen_after_bind();
-  g_stop.store(true);
-  stopper.join();
+  PrintReach(facts.name, options.listen, listening, reach);
+  auto announcer = StartAnnouncing(options, facts, listening.port);
+  while (!g_stop.load()) {
+    std::this_thread::sleep_for(kHousekeeping);
+    scanner.AbortUnfetched();
+  }
+  // A page being sent is cut, which cancels its scan; a scan nobody reads
+  // is cancelled as the scanner goes.
+  server.Stop();
   announcer.reset();
   std::fprintf(stderr, "sxscan: server stopped\n");
   return kExitOk;

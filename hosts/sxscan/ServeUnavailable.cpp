@@ -7,7 +7,7 @@
 namespace sx::host {
 
 int RunServe(const ServeOptions&) {
-  std::fprintf(stderr, "sxscan: serve is not available in this build (it needs cpp-httplib and pugixml, on Linux)\n");
+  std::fprintf(stderr, "sxscan: serve is not available in this build (it needs libmicrohttpd and pugixml, on Linux)\n");
   return kExitFailed;
 }
 

@@ -11,6 +11,7 @@
 #include "sxscan/CommandLine.h"
 #include "serve/EsclModel.h"
 #include "serve/EsclQueue.h"
+#include "serve/HttpHost.h"
 
 namespace sx::host::escl {
 namespace {
@@ -254,6 +255,18 @@ TEST(EsclQueue, AWriterIsReleasedByCloseOrByAReaderThatStopped) {
   cut.Finish();
   ASSERT_EQ(cut.Next(&chunk, 1s), DocumentQueue::Read::Bytes);
   EXPECT_EQ(cut.Next(&chunk, 1s), DocumentQueue::Read::Failed);
+}
+
+// The Host header must name the server: names in any case, with a port or
+// a final dot; addresses by value, never a name that merely begins with one.
+TEST(HttpHost, OnlyTheServersOwnNamesAndAddresses) {
+  const http::HostNames allowed{{"localhost", "vm", "vm.local"}, {"127.0.0.1", "192.0.2.2", "fd00::2", "fe80::1"}};
+  for (const char* host : {"localhost", "LocalHost:8090", "vm.local.", "vm:80", "127.0.0.1:8090", "192.0.2.2",
+                           "[fd00::2]:8090", "[FD00:0::2]", "[fe80::1%25eth0]:8090"})
+    EXPECT_TRUE(http::HostAllowed(host, allowed)) << host;
+  for (const char* host : {"", ":8090", "evil.example", "vm.evil.example", "127.0.0.1.evil.example", "localhost:http",
+                           "[fd00::2", "[fd00::2]x", "192.0.2.3", "[::1]:8090", "0x7f.0.0.1", "localhost:8090:80"})
+    EXPECT_FALSE(http::HostAllowed(host, allowed)) << host;
 }
 
 TEST(ServeCommandLine, LoopbackByDefaultAndEachOptionChecked) {

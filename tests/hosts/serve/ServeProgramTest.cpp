@@ -5,10 +5,14 @@
 #include <gtest/gtest.h>
 
 #ifdef SX_SERVE_BUILT
+#include <arpa/inet.h>
 #include <httplib.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -64,6 +68,63 @@ class Started {
   FILE* pipe_;
   pid_t pid_ = 0;
 };
+
+// Connections from one of loopback's many addresses (127.x.y.z), which the
+// server counts as many clients.
+class Sockets {
+ public:
+  ~Sockets() {
+    for (int fd : fds_) close(fd);
+  }
+  // Connects from `source` and sends `text`; the connection stays open.
+  void Open(const std::string& source, int port, const std::string& text = "") {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    inet_pton(AF_INET, source.c_str(), &addr.sin_addr);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0) << source;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, "127.0.0.1", &addr.sin_addr);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(send(fd, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
+    fds_.push_back(fd);
+  }
+  // How many the server has closed.
+  size_t Closed() const {
+    size_t closed = 0;
+    for (int fd : fds_) {
+      pollfd p{fd, POLLIN, 0};
+      char byte;
+      if (poll(&p, 1, 0) == 1 && recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) <= 0) ++closed;
+    }
+    return closed;
+  }
+  size_t Size() const { return fds_.size(); }
+
+ private:
+  std::vector<int> fds_;
+};
+
+// An HTTP client whose connections come from `source`.
+std::unique_ptr<httplib::Client> ClientFrom(const std::string& source, int port) {
+  auto client = std::make_unique<httplib::Client>("127.0.0.1", port);
+  client->set_socket_options([source](int fd) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    inet_pton(AF_INET, source.c_str(), &addr.sin_addr);
+    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  });
+  client->set_read_timeout(5, 0);
+  return client;
+}
+
+std::string HostName() {
+  char name[256] = {};
+  gethostname(name, sizeof name - 1);
+  std::string text = name;
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
 
 // The pixel bytes of a binary PNM.
 std::vector<uint8_t> PnmPixels(const std::string& pnm, int* width, int* height) {
@@ -321,6 +382,16 @@ TEST_F(Serve, HostileAndImpossibleRequestsChangeNothing) {
     EXPECT_EQ(res->status, c.status) << c.body.substr(0, 300);
     EXPECT_FALSE(res->has_header("Location"));
   }
+  // A body that announces no length (chunked) is held to the same limit.
+  auto chunked = client_->Post(
+      "/eSCL/ScanJobs",
+      [](size_t offset, httplib::DataSink& sink) {
+        const std::string block(16 * 1024, ' ');
+        return offset < 100 * 1024 ? sink.write(block.data(), block.size()) : (sink.done(), true);
+      },
+      "text/xml");
+  ASSERT_TRUE(chunked);
+  EXPECT_EQ(chunked->status, 413);
   for (const char* path : {"/eSCL/ScanJobs/00000000-0000-4000-8000-000000000000/NextDocument",
                            "/eSCL/ScanJobs/..%2F..%2Fetc%2Fpasswd/NextDocument", "/eSCL/../etc/passwd", "/etc/passwd",
                            "/eSCL/ScanJobs/x/NextDocument"}) {
@@ -344,6 +415,12 @@ TEST_F(Serve, JpegAndPdfPagesAndOneJobAtATime) {
   EXPECT_EQ(busy->status, 503);
   EXPECT_EQ(busy->get_header_value("Retry-After"), "5");
 
+  // HEAD cannot say whether a page comes without taking it: it is refused,
+  // and the page is still there for GET.
+  auto head = client_->Head(job + "/NextDocument");
+  ASSERT_TRUE(head);
+  EXPECT_EQ(head->status, 405);
+  EXPECT_EQ(head->get_header_value("Allow"), "GET");
   auto page = client_->Get(job + "/NextDocument");
   ASSERT_TRUE(page);
   ASSERT_EQ(page->status, 200);
@@ -399,6 +476,112 @@ TEST_F(Serve, AClientThatLeavesMidPageCancelsTheScan) {
   ASSERT_NE(at, std::string::npos);
   EXPECT_LT(std::stol(proc.substr(at + 6)), 24 * 1024) << "kB";
 #endif
+
+  // A server told to stop mid-page stops at once, and the scan with it.
+  Pace(1000);
+  post = client_->Post("/eSCL/ScanJobs", Page("RGB24", 300, "image/png", 2550, 3300), "text/xml");
+  ASSERT_TRUE(post);
+  ASSERT_EQ(post->status, 201);
+  std::atomic<size_t> streamed{0};
+  std::thread reader([&] {
+    client_->Get(post->get_header_value("Location") + "/NextDocument", [&](const char*, size_t n) {
+      streamed += n;
+      return true;
+    });
+  });
+  for (int i = 0; i < 500 && streamed == 0; ++i) std::this_thread::sleep_for(10ms);
+  const auto stopping = std::chrono::steady_clock::now();
+  EXPECT_EQ(server_->Wait(SIGTERM), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - stopping, 1s);
+  reader.join();
+  EXPECT_TRUE(WaitForLog("the job is cancelled", 2)) << "the scan in progress was cancelled";
+}
+
+// The server is reached only by its own port, addresses and names: a second
+// server on its port is refused rather than sharing it; a wildcard address,
+// which nobody can type, is shown as the machine's addresses and names; and
+// a request must name one of them (a web page that points a name of its own
+// at this machine must not reach the scanner).
+TEST_F(Serve, AnswersOnItsOwnPortAddressesAndNamesOnly) {
+  const std::string port = std::to_string(port_);
+  int status = 0;
+  const std::string second =
+      Shell("timeout 10 '" SX_TEST_SXSCAN "' serve --no-announce --port " + port + " 2>&1", &status);
+  EXPECT_EQ(WEXITSTATUS(status), 1) << second;
+  EXPECT_NE(second.find("cannot listen on 127.0.0.1 port " + port), std::string::npos) << second;
+
+  const std::string host = HostName();
+  for (const auto& [name, expected] :
+       {std::pair{"127.0.0.1:" + port, 200}, {"LocalHost", 200}, {host + ":" + port, 200},
+        {"evil.example:" + port, 421}, {"127.0.0.1.evil.example", 421}, {"[::1]", 421}}) {
+    auto res = client_->Get("/eSCL/ScannerCapabilities", {{"Host", name}});
+    ASSERT_TRUE(res) << name;
+    EXPECT_EQ(res->status, expected) << name;
+  }
+
+  Started wide("'" SX_TEST_SXSCAN "' serve --listen 0.0.0.0 --port 0 --no-announce 2>/dev/null");
+  const std::string first = wide.Line();
+  const size_t colon = first.rfind(':');
+  ASSERT_NE(colon, std::string::npos) << first;
+  ASSERT_EQ(first.find("0.0.0.0"), std::string::npos) << first;
+  // Loopback comes last.
+  std::string lines = first;
+  while (lines.find("127.0.0.1") == std::string::npos) lines += wide.Line();
+  EXPECT_NE(lines.find("http://" + host + ":"), std::string::npos) << lines;
+  EXPECT_NE(lines.find("http://127.0.0.1:"), std::string::npos) << lines;
+  // The first address shown is one the server answers to.
+  const size_t from = first.find("http://") + 7;
+  httplib::Client toWide("127.0.0.1", std::stoi(first.substr(colon + 1)));
+  auto res = toWide.Get("/eSCL/ScannerCapabilities", {{"Host", first.substr(from, colon - from)}});
+  ASSERT_TRUE(res) << first;
+  EXPECT_EQ(res->status, 200) << first;
+  EXPECT_EQ(wide.Wait(SIGTERM), 0);
+}
+
+// Clients that open connections and send part of a request hold a socket
+// each, never the server: another client is answered at once. One client
+// address holds at most its share. What clients leave behind is let go in
+// time: partial requests after the header and body deadlines, a job whose
+// pages nobody asks for after its timeout (the scanner is free again).
+TEST_F(Serve, SlowAndAbandonedClientsCannotTakeTheServerAway) {
+  using Clock = std::chrono::steady_clock;
+  auto post = client_->Post("/eSCL/ScanJobs", Page("Grayscale8", 100, "image/png"), "text/xml");
+  ASSERT_TRUE(post);
+  ASSERT_EQ(post->status, 201);
+  const auto created = Clock::now();
+  Sockets partial;
+  for (int i = 0; i < 256; ++i) {
+    partial.Open("127.0.1." + std::to_string(1 + i % 16), port_,
+                 i % 2 ? "GET /eSCL/ScannerStatus HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+                       : "POST /eSCL/ScanJobs HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 1000\r\n\r\n<?xml");
+  }
+  const auto asked = Clock::now();
+  auto caps = client_->Get("/eSCL/ScannerCapabilities");
+  ASSERT_TRUE(caps);
+  EXPECT_EQ(caps->status, 200);
+  // 250 ms on an idle machine; this leaves room for a loaded one.
+  EXPECT_LT(Clock::now() - asked, 1s) << "answered among 256 partial requests";
+
+  Sockets greedy;
+  for (int i = 0; i < 16; ++i) greedy.Open("127.0.0.5", port_);
+  EXPECT_FALSE(ClientFrom("127.0.0.5", port_)->Get("/eSCL/ScannerCapabilities")) << "a 17th connection is refused";
+  auto other = ClientFrom("127.0.0.6", port_)->Get("/eSCL/ScannerCapabilities");
+  ASSERT_TRUE(other) << "while another client is served";
+  EXPECT_EQ(other->status, 200);
+  EXPECT_EQ(partial.Closed(), 0u);
+
+  std::this_thread::sleep_until(asked + 6s);
+  EXPECT_EQ(partial.Closed(), partial.Size()) << "closed after the header and body deadlines";
+  EXPECT_EQ(greedy.Closed(), greedy.Size());
+
+  const std::string status = IdleStatus();
+  EXPECT_GE(Clock::now() - created, 4s) << status;
+  EXPECT_NE(status.find("<pwg:JobState>Aborted</pwg:JobState>"), std::string::npos) << status;
+  EXPECT_NE(status.find("<pwg:JobStateReason>AbortedBySystem</pwg:JobStateReason>"), std::string::npos) << status;
+  post = client_->Post("/eSCL/ScanJobs", Page("Grayscale8", 100, "image/png"), "text/xml");
+  ASSERT_TRUE(post);
+  ASSERT_EQ(post->status, 201) << "the scanner is free again";
+  EXPECT_EQ(client_->Get(post->get_header_value("Location") + "/NextDocument")->status, 200);
 }
 
 }  // namespace
