@@ -6,7 +6,7 @@
 // second width, u8 lines, u8 parameter), then the bytes the rows and lines
 // are filled from, repeated as needed. Kernel 0 descreens, 1 sharpens, 2
 // blends, 3 scales horizontally (the plan reused from the previous input),
-// 4 maps tones, 5 inverts.
+// 4 maps tones (flag 2: one table for every channel), 5 inverts.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -117,7 +117,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     case 3: Horizontal(data, size, pixels, second, lines, flags); break;
     case 4: {
-      const Bytes tables = Fill(data, size, 768, parameter);
+      // Flag 2: one table for all three channels.
+      Bytes tables = Fill(data, size, 768, parameter);
+      if (flags & 2) {
+        std::copy_n(tables.begin(), 256, tables.begin() + 256);
+        std::copy_n(tables.begin(), 256, tables.begin() + 512);
+      }
       Compare([&](const sx::KernelSet& k) {
         k.ToneMap(out.data(), r4[0], size_t(pixels), s, tables.data());
         return out;

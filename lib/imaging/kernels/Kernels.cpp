@@ -113,11 +113,11 @@ bool AllocatePlan(HorizontalPlan& plan, int32_t pixels) {
   FreePlan(plan);
   if (pixels <= 0) return false;
   const size_t n = static_cast<size_t>(pixels);
-  plan.LeftOffsets = new (std::nothrow) uint32_t[n];
-  plan.RightOffsets = new (std::nothrow) uint32_t[n];
+  plan.PairOffsets = new (std::nothrow) uint32_t[n];
   plan.LeftMultipliers = new (std::nothrow) uint16_t[3 * n];
   plan.RightMultipliers = new (std::nothrow) uint16_t[3 * n];
-  if (!plan.LeftOffsets || !plan.RightOffsets || !plan.LeftMultipliers || !plan.RightMultipliers) {
+  plan.RightAlone = new (std::nothrow) uint32_t[n];
+  if (!plan.PairOffsets || !plan.LeftMultipliers || !plan.RightMultipliers || !plan.RightAlone) {
     FreePlan(plan);
     return false;
   }
@@ -126,10 +126,10 @@ bool AllocatePlan(HorizontalPlan& plan, int32_t pixels) {
 }
 
 void FreePlan(HorizontalPlan& plan) {
-  delete[] plan.LeftOffsets;
-  delete[] plan.RightOffsets;
+  delete[] plan.PairOffsets;
   delete[] plan.LeftMultipliers;
   delete[] plan.RightMultipliers;
+  delete[] plan.RightAlone;
   plan = HorizontalPlan{};
 }
 

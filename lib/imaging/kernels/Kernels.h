@@ -32,15 +32,19 @@ struct HorizontalGeometry {
 };
 
 // Where each output pixel after the first of a horizontally scaled line comes
-// from: the byte offsets of its left and right input pixels, and for each of
-// its samples the exact multipliers of the left and the right pixel's weight.
-// A kernel set fills it when the geometry changes and runs without it (more
-// slowly) where it is missing or too small.
+// from: the byte offset of its left input pixel (the right one follows it),
+// and for each of its samples the exact multipliers of the left and the right
+// pixel's weight. Where the left pixel weighs nothing the output is the right
+// pixel alone (its weight, the whole unit, has no 16-bit multiplier): those
+// output pixels are listed apart. A kernel set fills the plan when the
+// geometry changes and runs without it (more slowly) where it is missing or
+// too small.
 struct HorizontalPlan {
-  uint32_t* LeftOffsets = nullptr;
-  uint32_t* RightOffsets = nullptr;
+  uint32_t* PairOffsets = nullptr;
   uint16_t* LeftMultipliers = nullptr;   // three per pixel
   uint16_t* RightMultipliers = nullptr;  // three per pixel
+  uint32_t* RightAlone = nullptr;        // output pixels, ascending
+  int32_t RightAloneCount = 0;
   int32_t Capacity = 0;                  // output pixels the tables hold
   // The geometry the entries were made for, and how many there are.
   HorizontalGeometry For{};
