@@ -18,10 +18,6 @@ int32_t ScaleLinesVertical(ScanSettings& settings, uint8_t* out, const uint8_t* 
 // becomes OutputBytesPerLine bytes at `out`, packed.
 void ScalePixelsHorizontal(uint8_t* out, const uint8_t* in, const ScanSettings& settings,
                            int32_t lines);
-// Both passes over `lines` input lines at `in` (which the vertical pass
-// overwrites), output lines packed at `out` (which may be `in`); returns the
-// output lines written.
-int32_t ScaleLines(ScanSettings& settings, uint8_t* out, uint8_t* in, int32_t lines);
 int32_t PrepareDescreen(ScanSettings& settings);
 void ReleaseDescreen();
 // The 4 x 4 averaging filter over `lines` lines of `lineBytes` bytes; returns

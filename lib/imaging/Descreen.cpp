@@ -133,7 +133,10 @@ int32_t DescreenBlock(uint8_t* out, uint8_t* in, ScanSettings& s, int32_t lines)
     }
     return lines;
   }
-  return ScaleLines(s, out, in, DescreenFilter(in, in, s, s.ScanBytesPerLine, lines));
+  int32_t kept = DescreenFilter(in, in, s, s.ScanBytesPerLine, lines);
+  if (VerticalScalingActive()) kept = ScaleLinesVertical(s, in, in, kept);
+  ScalePixelsHorizontal(out, in, s, kept);
+  return kept;
 }
 
 }  // namespace sx

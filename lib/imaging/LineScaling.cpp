@@ -151,12 +151,7 @@ int32_t ReleaseLineScaling() {
 
 bool VerticalScalingActive() { return gScaling.Vertical; }
 
-namespace {
-
-// The vertical walk over `lines` input lines: emit(current, previous, weight,
-// index) for each output line, in order. Returns the output lines.
-template <class Emit>
-int32_t WalkLines(const ScanSettings& s, const uint8_t* in, int32_t lines, Emit emit) {
+int32_t ScaleLinesVertical(ScanSettings& s, uint8_t* out, const uint8_t* in, int32_t lines) {
   if (s.BitsPerPixel != 1 && s.BitsPerPixel != 8 && s.BitsPerPixel != 24) return 0;
   if (lines <= 0 || !gScaling.Vertical) return 0;
   const size_t stride = static_cast<size_t>(s.ScanBytesPerLine);
@@ -166,11 +161,12 @@ int32_t WalkLines(const ScanSettings& s, const uint8_t* in, int32_t lines, Emit 
   int32_t consumed = 0;
   int32_t written = 0;
   const int32_t lastEntry = gScaling.TableEntries - 1;
+  const auto blend = Kernels().Blend;
   while (consumed < lines) {
     int32_t& entry = gScaling.Table[gScaling.Cursor];
     if (entry >= kUnit) {
       entry -= kUnit;
-      emit(current, previous, entry, written);
+      blend(out + static_cast<size_t>(written) * stride, current, previous, stride, entry);
       ++written;
       continue;
     }
@@ -187,16 +183,6 @@ int32_t WalkLines(const ScanSettings& s, const uint8_t* in, int32_t lines, Emit 
   return written;
 }
 
-}  // namespace
-
-int32_t ScaleLinesVertical(ScanSettings& s, uint8_t* out, const uint8_t* in, int32_t lines) {
-  const size_t stride = static_cast<size_t>(s.ScanBytesPerLine);
-  const auto blend = Kernels().Blend;
-  return WalkLines(s, in, lines, [&](const uint8_t* current, const uint8_t* previous, int32_t weight, int32_t line) {
-    blend(out + static_cast<size_t>(line) * stride, current, previous, stride, weight);
-  });
-}
-
 namespace {
 
 // The plan is a cache: where it cannot be had the kernel walks the
@@ -207,52 +193,22 @@ HorizontalPlan* PlanFor(int32_t outputPixels) {
   return AllocatePlan(plan, outputPixels) ? &plan : nullptr;
 }
 
+}  // namespace
 
-// Design note: a colour line ends when no further whole pixel fits, so
-// every output pixel is written and none runs past the line; the input
-// samples used are those wholly inside an input line, whatever the
-// geometry says.
-HorizontalGeometry GeometryOf(const ScanSettings& s) {
+void ScalePixelsHorizontal(uint8_t* out, const uint8_t* in, const ScanSettings& s,
+                           int32_t lines) {
+  if (s.ScanPixels <= 0 || s.OutputPixels <= 0) return;
+  // Design note: a colour line ends when no further whole pixel fits, so
+  // every output pixel is written and none runs past the line; the input
+  // samples used are those wholly inside an input line, whatever the
+  // geometry says.
   HorizontalGeometry geometry;
   geometry.ScanPixels = s.ScanPixels;
   geometry.OutputPixels = s.OutputPixels;
   geometry.ScanBytesPerLine = s.ScanBytesPerLine;
   geometry.OutputBytesPerLine = s.OutputBytesPerLine;
   geometry.Sample = s.OutputPixels == s.OutputBytesPerLine ? 1 : 3;
-  return geometry;
-}
-
-}  // namespace
-
-void ScalePixelsHorizontal(uint8_t* out, const uint8_t* in, const ScanSettings& s,
-                           int32_t lines) {
-  if (s.ScanPixels <= 0 || s.OutputPixels <= 0) return;
-  Kernels().ScaleHorizontal(out, in, lines, GeometryOf(s), PlanFor(s.OutputPixels));
-}
-
-// Each output line of the vertical pass is scaled horizontally at once, while
-// it is still in the cache, instead of after the whole block. The result is
-// the same as the two passes one after the other: the horizontal pass writes
-// output line n (OutputBytesPerLine, at most ScanBytesPerLine) below input
-// line n + 1, which the vertical pass has read and not yet overwritten, and
-// the vertical pass writes line n + 1 above every horizontal output so far.
-int32_t ScaleLines(ScanSettings& s, uint8_t* out, uint8_t* in, int32_t lines) {
-  if (!VerticalScalingActive() || s.OutputBytesPerLine > s.ScanBytesPerLine || s.ScanPixels <= 0 ||
-      s.OutputPixels <= 0) {
-    const int32_t kept = VerticalScalingActive() ? ScaleLinesVertical(s, in, in, lines) : lines;
-    ScalePixelsHorizontal(out, in, s, kept);
-    return kept;
-  }
-  const KernelSet& kernels = Kernels();
-  const HorizontalGeometry geometry = GeometryOf(s);
-  HorizontalPlan* plan = PlanFor(s.OutputPixels);
-  const size_t stride = static_cast<size_t>(s.ScanBytesPerLine);
-  const size_t outStride = static_cast<size_t>(s.OutputBytesPerLine);
-  return WalkLines(s, in, lines, [&](const uint8_t* current, const uint8_t* previous, int32_t weight, int32_t line) {
-    uint8_t* blended = in + static_cast<size_t>(line) * stride;
-    kernels.Blend(blended, current, previous, stride, weight);
-    kernels.ScaleHorizontal(out + static_cast<size_t>(line) * outStride, blended, 1, geometry, plan);
-  });
+  Kernels().ScaleHorizontal(out, in, lines, geometry, PlanFor(s.OutputPixels));
 }
 
 }  // namespace sx

@@ -3,8 +3,6 @@
 // scanner through the exported functions.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <random>
 #include <vector>
 
 #include "imaging/BlockChain.h"
@@ -90,46 +88,6 @@ TEST(LineScaling, HorizontalPass) {
     expected.insert(expected.end(), c.Expected.begin(), c.Expected.end());
     two.resize(expected.size());
     EXPECT_EQ(two, expected) << c.From << "->" << c.To << " x" << c.Sample;
-  }
-}
-
-// The chain scales each output line horizontally as soon as the vertical pass
-// makes it; the page must come out as from the two passes one after the
-// other, in place, block after block.
-TEST(LineScaling, BothPassesLineByLineMatchThePassesInTurn) {
-  std::mt19937 rng(3);
-  for (int i = 0; i < 40; ++i) {
-    const int32_t sample = (rng() & 1) ? 3 : 1;
-    const int32_t scanPixels = 1 + static_cast<int32_t>(rng() % 300);
-    const int32_t scanLines = 2 + static_cast<int32_t>(rng() % 40);
-    sx::ScanSettings s = Geometry(scanPixels, 1 + static_cast<int32_t>(rng() % uint32_t(scanPixels)), scanLines,
-                                  1 + static_cast<int32_t>(rng() % uint32_t(scanLines)), sample);
-    Bytes page(size_t(scanLines) * size_t(s.ScanBytesPerLine));
-    for (auto& b : page) b = static_cast<uint8_t>(rng());
-    auto run = [&](bool inTurn) {
-      EXPECT_EQ(sx::PrepareLineScaling(s), 0);
-      Bytes out;
-      for (int32_t next = 0, n = 0; next < scanLines; next += n) {
-        n = std::min(scanLines - next, 1 + static_cast<int32_t>(rng() % 7));
-        Bytes block(page.begin() + ptrdiff_t(next) * s.ScanBytesPerLine,
-                    page.begin() + ptrdiff_t(next + n) * s.ScanBytesPerLine);
-        int32_t made = 0;
-        if (inTurn) {
-          made = sx::VerticalScalingActive() ? sx::ScaleLinesVertical(s, block.data(), block.data(), n) : n;
-          sx::ScalePixelsHorizontal(block.data(), block.data(), s, made);
-        } else {
-          made = sx::ScaleLines(s, block.data(), block.data(), n);
-        }
-        out.insert(out.end(), block.begin(), block.begin() + ptrdiff_t(made) * s.OutputBytesPerLine);
-      }
-      sx::ReleaseLineScaling();
-      return out;
-    };
-    const std::mt19937 splits = rng;
-    const Bytes inTurn = run(true);
-    rng = splits;
-    EXPECT_EQ(run(false), inTurn) << s.ScanPixels << "x" << s.ScanLines << " -> " << s.OutputPixels << "x"
-                                  << s.OutputLines << " x" << sample;
   }
 }
 
