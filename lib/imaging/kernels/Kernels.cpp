@@ -37,8 +37,10 @@ struct Requirement {
 };
 
 // Best last. Where the 256-bit and the 512-bit AVX-512 builds both run, the
-// 512-bit one is the default: these kernels are bound by the work per
-// instruction, which it halves; SX_KERNELS=avx512-ymm compares the two.
+// 512-bit one is the default: the kernel loops work on lines held in the
+// first two cache levels and are bound by the instructions they run, which
+// 512-bit vectors halve. That is yet to be measured on such a processor,
+// which SX_KERNELS=avx512-ymm against SX_KERNELS=avx512 does.
 const Requirement kBuilt[] = {
     {&kernels::portable::kSet, [](const ProcessorFeatures&) { return true; }},
 #if defined(SX_HAVE_AVX2_KERNELS)
