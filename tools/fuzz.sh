@@ -28,7 +28,7 @@ declare -A sources=(
 # object's attach hooks.
 core=$(cd "$root" && ls lib/frame/*.cpp lib/driver/*.cpp lib/sources/*.cpp lib/settings/*.cpp lib/acquire/*.cpp \
   lib/imaging/*.cpp lib/platform/*.cpp lib/platform/text/*.cpp lib/platform/posix/*.cpp | grep -v '/Attach\.cpp$' | tr '\n' ' ')
-kernels="lib/imaging/kernels/Kernels.cpp lib/imaging/kernels/KernelsPortable.cpp"
+kernels="lib/imaging/kernels/Kernels.cpp lib/imaging/kernels/KernelsPortable.cpp lib/imaging/kernels/Processor.cpp"
 core="$core $kernels"
 sources[values]="$core"
 sources[driver]="$core"
@@ -36,7 +36,8 @@ sources[vscan]="modules/vscan/VscanConfig.cpp modules/common/ModuleIni.cpp modul
 sources[aspibus]="modules/aspisim/AspiBus.cpp modules/common/ModuleIni.cpp modules/common/ModuleIniPosix.cpp"
 # The eSCL server's ScanSettings parser and its check (links pugixml).
 sources[escl]="hosts/serve/EsclSettings.cpp"
-# The kernels against the tests' reference; on x86-64 the AVX2 set too.
+# The kernels against the tests' reference; on x86-64 the AVX2 and AVX-512 sets
+# too (the target says which of them this processor cannot run).
 sources[kernels]="$kernels tests/support/ReferenceKernels.cpp"
 
 targets=("$@")
@@ -58,9 +59,14 @@ for t in "${targets[@]}"; do
   libs=()
   [[ $t == escl ]] && libs=(-lpugixml)
   if [[ $t == kernels && $(uname -m) == x86_64 ]]; then
-    "$cxx" "${flags[@]/-fsanitize=fuzzer,/-fsanitize=fuzzer-no-link,}" -mavx2 -c "$root/lib/imaging/kernels/KernelsAvx2.cpp" \
-      -o "$out/KernelsAvx2.o"
-    extra=(-DSX_HAVE_AVX2_KERNELS "$out/KernelsAvx2.o")
+    extra=(-DSX_HAVE_AVX2_KERNELS -DSX_HAVE_AVX512_KERNELS)
+    for set in "Avx2:-mavx2" "Avx512:-mavx512f -mavx512bw -mavx512vl" \
+               "Avx512Ymm:-mavx512f -mavx512bw -mavx512vl -mprefer-vector-width=256"; do
+      # shellcheck disable=SC2086
+      "$cxx" "${flags[@]/-fsanitize=fuzzer,/-fsanitize=fuzzer-no-link,}" ${set#*:} \
+        -c "$root/lib/imaging/kernels/Kernels${set%%:*}.cpp" -o "$out/Kernels${set%%:*}.o"
+      extra+=("$out/Kernels${set%%:*}.o")
+    done
   fi
   echo "== building $t"
   "$cxx" "${flags[@]}" "${extra[@]}" "$root/fuzz/${t}_fuzz.cpp" "${srcs[@]}" -o "$bin" "${libs[@]}" -lpthread -ldl
@@ -74,7 +80,7 @@ for t in "${targets[@]}"; do
     tail -n 40 "$out/$t.log" >&2
     status=1
   else
-    grep -E "^stat::number_of_executed_units|^Done" "$out/$t.log" || true
+    grep -E "^kernel set |^stat::number_of_executed_units|^Done" "$out/$t.log" || true
   fi
 done
 exit $status

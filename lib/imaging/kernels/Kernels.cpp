@@ -3,7 +3,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <new>
+
+#include "imaging/kernels/Processor.h"
 
 namespace sx {
 namespace kernels {
@@ -15,25 +19,52 @@ namespace avx2 {
 extern const KernelSet kSet;
 }
 #endif
+#if defined(SX_HAVE_AVX512_KERNELS)
+namespace avx512ymm {
+extern const KernelSet kSet;
+}
+namespace avx512 {
+extern const KernelSet kSet;
+}
+#endif
 }  // namespace kernels
 
 namespace {
 
+struct Requirement {
+  const KernelSet* Set;
+  bool (*Runs)(const ProcessorFeatures&);
+};
+
+// Best last. Where the 256-bit and the 512-bit AVX-512 builds both run, the
+// 512-bit one is the default: the kernel loops work on lines held in the
+// first two cache levels and are bound by the instructions they run, which
+// 512-bit vectors halve. That is yet to be measured on such a processor,
+// which SX_KERNELS=avx512-ymm against SX_KERNELS=avx512 does.
+const Requirement kBuilt[] = {
+    {&kernels::portable::kSet, [](const ProcessorFeatures&) { return true; }},
 #if defined(SX_HAVE_AVX2_KERNELS)
-bool ProcessorHasAvx2() {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2");
-}
+    {&kernels::avx2::kSet, [](const ProcessorFeatures& f) { return f.Avx2; }},
 #endif
+#if defined(SX_HAVE_AVX512_KERNELS)
+    {&kernels::avx512ymm::kSet, [](const ProcessorFeatures& f) { return f.Avx512; }},
+    {&kernels::avx512::kSet, [](const ProcessorFeatures& f) { return f.Avx512; }},
+#endif
+};
+constexpr int32_t kBuiltCount = static_cast<int32_t>(std::size(kBuilt));
 
 struct Available {
-  const KernelSet* Sets[2] = {};
+  bool Runs[kBuiltCount] = {};
+  const KernelSet* Sets[kBuiltCount] = {};
   int32_t Count = 0;
+  const KernelSet* Chosen = nullptr;
   Available() {
-    Sets[Count++] = &kernels::portable::kSet;
-#if defined(SX_HAVE_AVX2_KERNELS)
-    if (ProcessorHasAvx2()) Sets[Count++] = &kernels::avx2::kSet;
-#endif
+    const ProcessorFeatures features = DecodeFeatures(ReadCpuid());
+    for (int32_t i = 0; i < kBuiltCount; ++i) {
+      Runs[i] = kBuilt[i].Runs(features);
+      if (Runs[i]) Sets[Count++] = kBuilt[i].Set;
+    }
+    Chosen = &ChooseKernelSet(Sets, Count, std::getenv("SX_KERNELS"));
   }
 };
 
@@ -42,11 +73,19 @@ const Available& Sets() {
   return available;
 }
 
-// Null means the processor's best. Relaxed is enough: UseKernels is only
+// Null means the choice made at load. Relaxed is enough: UseKernels is only
 // called while no acquisition runs, and starting one orders everything after.
 std::atomic<const KernelSet*> gOverride{nullptr};
 
 }  // namespace
+
+const KernelSet& ChooseKernelSet(const KernelSet* const* sets, int32_t count, const char* wanted) {
+  if (wanted != nullptr) {
+    for (int32_t i = 0; i < count; ++i)
+      if (std::strcmp(sets[i]->Name, wanted) == 0) return *sets[i];
+  }
+  return *sets[count - 1];
+}
 
 // Every t from 1 to 255 brackets w / unit between floor(t w / unit) / t and
 // the next step up; the multipliers that give the floor for all t at once
@@ -76,11 +115,11 @@ bool AllocatePlan(HorizontalPlan& plan, int32_t pixels) {
   FreePlan(plan);
   if (pixels <= 0) return false;
   const size_t n = static_cast<size_t>(pixels);
-  plan.LeftOffsets = new (std::nothrow) uint32_t[n];
-  plan.RightOffsets = new (std::nothrow) uint32_t[n];
+  plan.PairOffsets = new (std::nothrow) uint32_t[n];
   plan.LeftMultipliers = new (std::nothrow) uint16_t[3 * n];
   plan.RightMultipliers = new (std::nothrow) uint16_t[3 * n];
-  if (!plan.LeftOffsets || !plan.RightOffsets || !plan.LeftMultipliers || !plan.RightMultipliers) {
+  plan.RightAlone = new (std::nothrow) uint32_t[n];
+  if (!plan.PairOffsets || !plan.LeftMultipliers || !plan.RightMultipliers || !plan.RightAlone) {
     FreePlan(plan);
     return false;
   }
@@ -89,16 +128,16 @@ bool AllocatePlan(HorizontalPlan& plan, int32_t pixels) {
 }
 
 void FreePlan(HorizontalPlan& plan) {
-  delete[] plan.LeftOffsets;
-  delete[] plan.RightOffsets;
+  delete[] plan.PairOffsets;
   delete[] plan.LeftMultipliers;
   delete[] plan.RightMultipliers;
+  delete[] plan.RightAlone;
   plan = HorizontalPlan{};
 }
 
 const KernelSet& Kernels() {
   const KernelSet* chosen = gOverride.load(std::memory_order_relaxed);
-  return chosen ? *chosen : *Sets().Sets[Sets().Count - 1];
+  return chosen ? *chosen : *Sets().Chosen;
 }
 
 void UseKernels(const KernelSet* set) { gOverride.store(set, std::memory_order_relaxed); }
@@ -108,6 +147,13 @@ int32_t KernelSetCount() { return Sets().Count; }
 const KernelSet& KernelSetAt(int32_t index) {
   const Available& a = Sets();
   return *a.Sets[index < 0 ? 0 : (index >= a.Count ? a.Count - 1 : index)];
+}
+
+int32_t BuiltKernelSetCount() { return kBuiltCount; }
+
+BuiltKernelSet BuiltKernelSetAt(int32_t index) {
+  const int32_t i = std::clamp(index, 0, kBuiltCount - 1);
+  return {kBuilt[i].Set, Sets().Runs[i]};
 }
 
 }  // namespace sx

@@ -3,11 +3,15 @@
 // a block, inversion and tone mapping. The block chain keeps the state (row
 // rings, line tables); a kernel set only computes.
 //
-// Every kernel set delivers the same bytes for the same input. The library
-// runs the fastest set the processor supports, chosen once when the library
-// is loaded: on x86-64 an AVX2 build of the kernels where the processor has
-// AVX2, otherwise the portable build the compiler vectorises for the baseline
-// instruction set (i386 has only that one).
+// Every kernel set delivers the same bytes for the same input: each is the
+// same source compiled for another instruction set. The library runs the
+// fastest set the processor supports, chosen once when the library is
+// loaded: on x86-64 an AVX-512 build (512-bit vectors, or 256-bit ones with
+// the AVX-512 instructions) or an AVX2 build where the processor and the
+// system allow it, otherwise the portable build the compiler vectorises for
+// the baseline instruction set (i386 has only that one). The environment
+// variable SX_KERNELS, naming a set, picks that set instead where this
+// processor can run it, so that sets can be compared on one machine.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -28,15 +32,19 @@ struct HorizontalGeometry {
 };
 
 // Where each output pixel after the first of a horizontally scaled line comes
-// from: the byte offsets of its left and right input pixels, and for each of
-// its samples the exact multipliers of the left and the right pixel's weight.
-// A kernel set fills it when the geometry changes and runs without it (more
-// slowly) where it is missing or too small.
+// from: the byte offset of its left input pixel (the right one follows it),
+// and for each of its samples the exact multipliers of the left and the right
+// pixel's weight. Where the left pixel weighs nothing the output is the right
+// pixel alone (its weight, the whole unit, has no 16-bit multiplier): those
+// output pixels are listed apart. A kernel set fills the plan when the
+// geometry changes and runs without it (more slowly) where it is missing or
+// too small.
 struct HorizontalPlan {
-  uint32_t* LeftOffsets = nullptr;
-  uint32_t* RightOffsets = nullptr;
+  uint32_t* PairOffsets = nullptr;
   uint16_t* LeftMultipliers = nullptr;   // three per pixel
   uint16_t* RightMultipliers = nullptr;  // three per pixel
+  uint32_t* RightAlone = nullptr;        // output pixels, ascending
+  int32_t RightAloneCount = 0;
   int32_t Capacity = 0;                  // output pixels the tables hold
   // The geometry the entries were made for, and how many there are.
   HorizontalGeometry For{};
@@ -84,10 +92,23 @@ struct KernelSet {
 // acquisition; UseKernels is for tests and benchmarks, called while no
 // acquisition runs.
 const KernelSet& Kernels();
-void UseKernels(const KernelSet* set);  // nullptr: back to the processor's best
+void UseKernels(const KernelSet* set);  // nullptr: back to the choice made at load
 
 // Every set built into this library that this processor can run, best last.
 int32_t KernelSetCount();
 const KernelSet& KernelSetAt(int32_t index);
+
+// Every set built into this library, best last, whether this processor can
+// run it or not: tests say which ones they could not check.
+struct BuiltKernelSet {
+  const KernelSet* Set;
+  bool Runs;
+};
+int32_t BuiltKernelSetCount();
+BuiltKernelSet BuiltKernelSetAt(int32_t index);
+
+// The choice made at load: the runnable set named `wanted` (SX_KERNELS), or
+// the best of the `count` runnable `sets` where none has that name.
+const KernelSet& ChooseKernelSet(const KernelSet* const* sets, int32_t count, const char* wanted);
 
 }  // namespace sx
