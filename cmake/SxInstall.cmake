@@ -59,6 +59,9 @@ install(TARGETS aspisim LIBRARY DESTINATION ${SX_INSTALL_MODULEDIR}/scsi-sim COM
 install(FILES modules/aspisim/aspibus.ini.example DESTINATION ${SX_INSTALL_MODULEDIR}/scsi-sim
   COMPONENT runtime)
 install(FILES cmake/skeleton/user.reg DESTINATION ${SX_INSTALL_SKELETON} COMPONENT runtime)
+# The progress dialog's texts, which the store's "LOCALIZE" names by a bare
+# name: the library looks for it in the tree's Windows folder.
+install(FILES cmake/skeleton/sxscan.loc DESTINATION ${SX_INSTALL_SKELETON}/windows COMPONENT runtime)
 install(DIRECTORY DESTINATION ${SX_INSTALL_SKELETON}/temp COMPONENT runtime)
 if(TARGET sxprofile)
   set(SX_PROFILE_DIR ${CMAKE_CURRENT_BINARY_DIR}/profiles)

@@ -29,3 +29,18 @@ endif()
 if(TARGET sxscan_host)
   install(TARGETS sxscan_host RUNTIME DESTINATION bin COMPONENT runtime)
 endif()
+
+# The progress dialog's texts, in the Windows folder where the library finds
+# the bare name that sxscan.reg gives "LOCALIZE". Carried in UTF-16 with its
+# byte-order mark: the system's profile functions read that encoding whatever
+# the ANSI code page, and hand each text over in the code page of the system.
+find_program(SX_ICONV iconv REQUIRED)
+set(SX_LOCALISATION ${CMAKE_BINARY_DIR}/sxscan.loc)
+execute_process(COMMAND ${SX_ICONV} -f UTF-8 -t UTF-16 ${CMAKE_SOURCE_DIR}/cmake/skeleton/sxscan.loc
+  OUTPUT_FILE ${SX_LOCALISATION} COMMAND_ERROR_IS_FATAL ANY)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/cmake/skeleton/sxscan.loc)
+install(FILES ${SX_LOCALISATION} DESTINATION ${SX_PACKAGE_WINDOWS} COMPONENT runtime)
+install(FILES cmake/sxscan.reg DESTINATION . COMPONENT runtime)
+# What a developer reads first: what the package holds, how to install it,
+# the registry values, the conventions against Linux, how to run the programs.
+install(FILES docs/README-windows.txt DESTINATION . COMPONENT runtime)

@@ -49,9 +49,17 @@ done
 # Every binary of the package carries the project's version resource, so an
 # installer or a person can tell which release a file belongs to.
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
-for f in "$dll" "$build/modules/cmms/sxcmms.dll"; do
+for f in "$dll" "$build/modules/cmms/sxcmms.dll" "$build/bin/sxscan.exe"; do
   strings -el "$f" | grep -A1 -x ProductVersion | tail -n 1 | grep -qx "$version" ||
     fail "$f carries no version resource naming $version"
+done
+
+# zlib and the C and C++ runtimes are linked in: a binary of the package
+# loads with the system's DLLs alone.
+for f in "$dll" "$build/modules/cmms/sxcmms.dll" "$build/bin/sxscan.exe"; do
+  extra=$("$objdump" -p "$f" | sed -n 's/^[[:space:]]*DLL Name: //p' |
+    grep -Ei '^(zlib1|libz|libstdc\+\+|libgcc|libwinpthread)' || true)
+  [ -z "$extra" ] || fail "$f needs DLLs the package does not carry: $extra"
 done
 
 # The public headers as a host compiled MSVC-style sees them (clang in the
@@ -71,5 +79,5 @@ else
 fi
 
 count=$(printf '%s\n' "$decorated" | wc -l)
-[ $status -eq 0 ] && echo "win32: sxscan.dll exports the $count names of sxscan.def; sxscan.lib has their @N decorations; the binaries carry version $version; the headers compile MSVC-style"
+[ $status -eq 0 ] && echo "win32: sxscan.dll exports the $count names of sxscan.def; sxscan.lib has their @N decorations; the binaries carry version $version and need only system DLLs; the headers compile MSVC-style"
 exit $status

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Builds the Windows package: cross-builds build/win32 (i686, the 32-bit
 # system the interfaces come from; ARCH=x86_64 for build/win64) and installs
-# it into a folder (default out/sxscan-win32): bin/sxscan.dll and the
-# programs, lib/sxscan.lib (import library) and lib/sxscan.def, the headers in
-# include/sxscan/, and twain_32/, the driver tree with the virtual scanner,
-# ready to copy under C:\Windows\.
+# it into a folder (default out/sxscan-win32): README-windows.txt, which
+# tells how to install and use the rest; bin/sxscan.dll and the programs,
+# lib/sxscan.lib (import library) and lib/sxscan.def, the headers in
+# include/sxscan/, the reference in doc/reference/, the example's source, and
+# windows/, the driver tree with the virtual scanner and the progress
+# dialog's texts, ready to copy into C:\Windows\, with sxscan.reg naming
+# the texts. tools/win-example.sh checks an x86_64 package under Wine.
 #
 # Environment: ARCH (i686 or x86_64), JOBS, BUILD_ROOT (default build), PACKAGE_DIR.
 set -euo pipefail

@@ -113,10 +113,6 @@ class FileSink : public ByteSink {
   int code_ = 0;
 };
 
-// Whether the encoders of this build can write `format` (PDF has none on
-// Windows); the reason when not.
-bool DocumentFormatAvailable(DocumentFormat format, std::string* error);
-
 // An encoder of `format` writing to `sink`, which must outlive it. `quality`
 // is the JPEG quality, 1..100.
 std::unique_ptr<DocumentEncoder> MakeDocumentEncoder(DocumentFormat format, ByteSink& sink, int quality);

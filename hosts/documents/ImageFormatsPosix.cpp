@@ -512,10 +512,6 @@ bool CopyRows(std::FILE* file, uint8_t* row, uint32_t lines, DocumentEncoder* in
 
 }  // namespace
 
-// libpng, libtiff, libjpeg and zlib together write every format.
-bool DocumentFormatAvailable(DocumentFormat, std::string*) { return true; }
-bool OutputFormatAvailable(const std::string&, std::string*) { return true; }
-
 std::unique_ptr<DocumentEncoder> MakeDocumentEncoder(DocumentFormat format, ByteSink& sink, int quality) {
   switch (format) {
     case DocumentFormat::Png: return MakePngEncoder(sink);

@@ -5,8 +5,8 @@
 // encoders as the POSIX build writes them: colour lines with
 // red and blue swapped (WIC's 24-bit format is blue first), gray as it is,
 // line art at 1 bit with 0 as black (WIC's BlackWhite) in PNG and TIFF, and
-// spread to gray (0 black, 255 white) in JPEG. PDF has no codec in WIC: a .pdf
-// output is refused before the scan.
+// spread to gray (0 black, 255 white) in JPEG. WIC has no PDF codec: PDF is
+// the project's own writer on zlib, as on POSIX (ZlibEncoders.cpp).
 //
 // Design note: a WIC frame's size is fixed before its pixels come, so a page
 // the scanner ends early is padded white to the announced height here (the
@@ -148,7 +148,9 @@ HRESULT WriteOption(IPropertyBag2* bag, const wchar_t* name, VARIANT& value) {
 }
 
 // The encoder options this program sets: JPEG quality and TIFF's lossless
-// LZW compression, as the POSIX build writes them.
+// LZW compression for every pixel kind, as the POSIX build writes them with
+// libtiff. (Wine's TIFF encoder accepts the option and ignores it: under Wine
+// the pages come out uncompressed.)
 HRESULT SetOptions(Codec codec, int quality, IPropertyBag2* bag) {
   VARIANT value;
   VariantInit(&value);
@@ -419,30 +421,14 @@ class WicEncoder final : public PageEncoder {
   bool abandoned_ = false;
 };
 
-std::string Lower(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
-
 }  // namespace
-
-bool OutputFormatAvailable(const std::string& path, std::string* error) {
-  if (Lower(std::filesystem::path(path).extension().string()) != ".pdf") return true;
-  return DocumentFormatAvailable(DocumentFormat::Pdf, error);
-}
-
-bool DocumentFormatAvailable(DocumentFormat format, std::string* error) {
-  if (format != DocumentFormat::Pdf) return true;
-  *error = "PDF output is not available on Windows (the system has no PDF encoder); write .png, .tif or .jpg";
-  return false;
-}
 
 std::unique_ptr<DocumentEncoder> MakeDocumentEncoder(DocumentFormat format, ByteSink& sink, int quality) {
   switch (format) {
     case DocumentFormat::Png: return std::make_unique<WicEncoder>(sink, Codec::Png, quality);
     case DocumentFormat::Jpeg: return std::make_unique<WicEncoder>(sink, Codec::Jpeg, quality);
     case DocumentFormat::Tiff: return std::make_unique<WicEncoder>(sink, Codec::Tiff, quality);
-    case DocumentFormat::Pdf: break;
+    case DocumentFormat::Pdf: return MakePdfEncoder(sink);
   }
   return nullptr;
 }

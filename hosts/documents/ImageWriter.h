@@ -68,10 +68,6 @@ int SeekFile(std::FILE* file, uint64_t offset);
 constexpr int kPartialSlots = 4;
 const char* PartialInFlight(int slot);
 
-// Whether this build can write the format the output's name asks for; the
-// reason when not. Asked before a scan, so that no page is scanned in vain.
-bool OutputFormatAvailable(const std::string& path, std::string* error);
-
 class ByteSink;
 class DocumentEncoder;
 class FileSink;

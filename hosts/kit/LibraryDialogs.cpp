@@ -54,13 +54,17 @@ void DrawLocked() {
 
 void SX_API Observe(const SxUiEvent* event, void*) {
   std::lock_guard<std::mutex> guard(g_watch.Lock);
-  if (!g_watch.View.Apply(*event)) return;
+  const bool changed = g_watch.View.Apply(*event);
+  // Seeded whether or not the opening is worth a line: a text the library
+  // sets to what the template holds already (the transfer mode's label, in
+  // English) is never reported as a change.
   if (event->Kind == SX_UI_OPEN) {
     char text[256];
     for (int32_t control : kShownControls) {
       if (SxSysUiGetText(event->Dialog, control, text, sizeof text) >= 0) g_watch.View.Seed(control, text);
     }
   }
+  if (!changed) return;
   PressLocked();
   DrawLocked();
 }

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "kit/Keywords.h"
+#include "sxscan/SystemTexts.h"
 
 namespace sx::host {
 namespace {
@@ -206,9 +207,7 @@ constexpr size_t kServeOptionColumn = 18;
 // Every command, in the order the usage lists them.
 constexpr Command kCommands[] = {
     {"sources", CommandKind::Sources, 0, 0, "sources",
-     "list the data sources (display name, vendor, port, file, version)",
-     "Lists the data sources the library finds under $SX_ROOT/windows/twain_32:\n"
-     "display name, vendor, port, file version and file.\n"},
+     "list the data sources (display name, vendor, port, file, version)", kSourcesHelp},
     {"select", CommandKind::Select, 1, 1, "select NAME",
      "choose a data source by display name (or a unique part of it)",
      "Chooses the data source whose display name is NAME or contains it\n"
@@ -233,10 +232,7 @@ constexpr Command kCommands[] = {
     {"doctor", CommandKind::Doctor, 0, 0, "doctor",
      "explain the set-up: system tree, registry store, driver modules\n"
      "and why each is or is not offered, each problem with its fix",
-     "Explains the set-up: the system tree in use and why, the registry store,\n"
-     "every driver module and why it is or is not offered, the ASPI and\n"
-     "colour-management modules, the trace settings; each problem with its fix.\n"
-     "Exit status 1 when a problem is found.\n"},
+     kDoctorHelp},
     {"serve", CommandKind::Serve, 0, 0, "serve [OPTIONS]",
      "serve the source to phones and computers over eSCL (AirScan)",
      "Serves the chosen source (or the one NAME matches) over eSCL, the driverless\n"
@@ -247,8 +243,9 @@ constexpr Command kCommands[] = {
     {"version", CommandKind::Version, 0, 0, nullptr, nullptr, nullptr},
 };
 
+// After the system's own note on how the library finds its set-up.
 constexpr char kNotes[] =
-    "The library finds its system tree through SX_ROOT. Ctrl-C stops a scan cleanly.\n"
+    "Ctrl-C stops a scan cleanly.\n"
     "Exit status: 0 success, 1 the library or scanner failed, 2 a wrong command line,\n"
     "130 interrupted.\n";
 
@@ -288,7 +285,7 @@ std::string OptionLines(unsigned commands, size_t column) {
 }
 
 std::string ScanOptionsSection() {
-  return "scan options:\n" + OptionLines(kForScan, kScanOptionColumn) + "\n" + kNotes;
+  return "scan options:\n" + OptionLines(kForScan, kScanOptionColumn) + "\n" + kSetUpNote + kNotes;
 }
 
 const Option* FindOption(std::string_view name, unsigned commands) {

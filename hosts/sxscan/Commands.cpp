@@ -12,6 +12,7 @@
 #include "kit/Session.h"
 #include "sxscan.h"
 #include "sxscan/Commands.h"
+#include "sxscan/SystemTexts.h"
 
 namespace sx::host {
 namespace {
@@ -112,9 +113,8 @@ int RunSources() {
   int32_t result = 0;
   std::vector<SxDataSource> sources = ListSources(&result);
   if (sources.empty()) {
-    std::fprintf(stderr,
-                 "sxscan: no data sources found (driver modules are looked for under "
-                 "$SX_ROOT/windows/twain_32)\n");
+    std::fprintf(stderr, "sxscan: no data sources found (driver modules are looked for under %s)\n",
+                 DriverTreeText().c_str());
     return kExitFailed;
   }
   std::vector<std::vector<std::string>> rows = {{"NAME", "VENDOR", "PORT", "VERSION", "FILE"}};

@@ -19,6 +19,7 @@
 #include "kit/Session.h"
 #include "sxscan.h"
 #include "sxscan/Commands.h"
+#include "sxscan/SystemTexts.h"
 
 namespace sx::host {
 namespace {
@@ -123,8 +124,8 @@ bool PrepareOutputFolder(const std::string& output) {
   std::filesystem::path parent = std::filesystem::path(output).parent_path();
   std::error_code ec;
   if (!parent.empty() && !std::filesystem::is_directory(parent, ec)) {
-    std::fprintf(stderr, "sxscan: the folder %s does not exist; create it first (mkdir -p %s)\n",
-                 parent.string().c_str(), parent.string().c_str());
+    std::fprintf(stderr, "sxscan: the folder %s does not exist; create it first (%s)\n", parent.string().c_str(),
+                 MakeFolderCommand(parent.string()).c_str());
     return false;
   }
   // A folder that takes no new file is found before anything is scanned:
@@ -252,10 +253,6 @@ int RunScan(const ScanOptions& options) {
   std::vector<SettingChange> changes;
   std::string error;
   if (!BuildScanSettings(options, &changes, &error)) {
-    std::fprintf(stderr, "sxscan: %s\n", error.c_str());
-    return kExitUsage;
-  }
-  if (!OutputFormatAvailable(options.output, &error)) {
     std::fprintf(stderr, "sxscan: %s\n", error.c_str());
     return kExitUsage;
   }

@@ -102,6 +102,11 @@ if [[ -x "$prefix/bin/sxscan" ]]; then
   cp -r "$prefix/$libdir/sxscan/root" "$work/root-program"
   SX_ROOT="$work/root-program" "$prefix/bin/sxscan" sources | grep -q QM7110V || fail "sxscan sources"
   SX_ROOT="$work/root-program" "$prefix/bin/sxscan" doctor >/dev/null || fail "sxscan doctor on the default tree"
+  # The default tree's localisation file names the transfer mode on the progress line.
+  progress=$(cd "$work" && LC_ALL=C SX_ROOT="$work/root-program" "$prefix/bin/sxscan" scan --resolution 50 \
+             --progress --output page.png 2>&1 >/dev/null || true)
+  grep -q "Scanning  Transfer Mode : Direct" <<<"$progress" ||
+    fail "the progress line on the default tree names no transfer mode: $progress"
   # A tree without drivers: the fix names the default tree of the moved prefix.
   advice=$(SX_ROOT="$work/bare" "$prefix/bin/sxscan" doctor || true)
   grep -qF "cp -r $prefix/$libdir/sxscan/root/windows $work/bare/" <<<"$advice" ||

@@ -1,6 +1,7 @@
 // sxscan's progress line drawn from the library's own dialogs, as a log
 // (stderr not a terminal) records it: the warm-up countdown of a cold lamp,
-// then each page's caption and bar up to the full page.
+// then each page's caption, transfer mode (from the localisation file the
+// installed tree carries) and bar up to the full page.
 #include <gtest/gtest.h>
 
 #ifdef SX_HOST_BUILT
@@ -10,6 +11,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <cstdlib>
 #include <sstream>
 #include <thread>
@@ -22,7 +24,10 @@ namespace {
 TEST(HostProgramProgress, WarmUpCountdownThenPagesFromTheLibrarysDialogs) {
   sxtest::TempRoot root;
   sxtest::ScopedEnv fast("SX_TIME_SCALE", "0.001");
+  sxtest::ScopedEnv english("LC_ALL", "C");
   root.InstallVscan("Corvane/QM7110V", "[Scanner]\nModel=QM7110V\n[Feeder]\nSheets=2\n[Page]\nWarmUpRefusals=1\n");
+  std::filesystem::copy_file(SX_TEST_SOURCE_DIR "/cmake/skeleton/sxscan.loc", root.Windows() / "sxscan.loc");
+  root.WriteRegistry("[Software\\Quillmark]\n\"LOCALIZE\"=\"sxscan.loc\"\n");
   const std::string program = "cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN "' ";
   ASSERT_EQ(std::system((program + "select QM7110V >/dev/null").c_str()), 0);
   const std::string log = (root.Path() / "log.txt").string();
@@ -32,18 +37,21 @@ TEST(HostProgramProgress, WarmUpCountdownThenPagesFromTheLibrarysDialogs) {
 
   std::vector<std::string> countdown, pageEnds;
   std::istringstream lines(sxtest::ReadFile(log));
+  const std::string wait = "Scanner warm up...  Scanner lamp is warming up  Please wait ...";
+  const std::string fullBar = "#] 100%";  // not the empty bar a new dialog shows before its page
   for (std::string line; std::getline(lines, line);) {
-    const std::string wait = "Scanner warm up...  Scanner lamp is warming up  Please wait ...";
     if (line.rfind(wait, 0) == 0 && line.size() > wait.size()) {
       countdown.push_back(line.substr(wait.size() + 2));
-    } else if (line.size() > 4 && line.compare(line.size() - 4, 4, "100%") == 0) {
-      pageEnds.push_back(line.substr(0, line.find("  ")));
+    } else if (line.size() > fullBar.size() &&
+               line.compare(line.size() - fullBar.size(), fullBar.size(), fullBar) == 0) {
+      pageEnds.push_back(line.substr(0, line.find("  [")));
     }
   }
   ASSERT_EQ(countdown.size(), 29u);
   EXPECT_EQ(countdown.front(), "29");
   EXPECT_EQ(countdown.back(), "1");
-  EXPECT_EQ(pageEnds, (std::vector<std::string>{"Page1 Scanning", "Page2 Scanning"}));
+  EXPECT_EQ(pageEnds, (std::vector<std::string>{"Page1 Scanning  Transfer Mode : Direct",
+                                                "Page2 Scanning  Transfer Mode : Direct"}));
 }
 
 // Ctrl-C while the lamp warms up ends the wait at the next tick (the
