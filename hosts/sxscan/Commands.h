@@ -5,6 +5,7 @@
 
 #include "sxscan/CommandLine.h"
 #include "kit/ScanPlan.h"
+#include "kit/StoreChecks.h"
 
 namespace sx::host {
 
@@ -27,13 +28,5 @@ int RunDoctor();
 bool OpenSourceForScan();
 // What the open scanner lists about its sources and their areas.
 SourceFacts ReadSourceFacts();
-// A registry store that cannot be read, holds damaged lines, or cannot be
-// written (or made): the message names its path and the cause (the first
-// line at fault, shown safely), with a fix for that cause.
-bool RegistryStoreProblem(std::string* message);
-// The source chosen in a registry store that can be read but not written
-// (the library then reads its fall-back file instead); false when the store
-// can be written or names none.
-bool UnwritableStoreChoice(std::string* name);
 
 }  // namespace sx::host

@@ -15,15 +15,6 @@ struct Line {
   std::string_view Value;    // key lines: trimmed value, quotes kept
 };
 
-
-bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
-
-std::string_view Trim(std::string_view s) {
-  while (!s.empty() && IsBlank(s.front())) s.remove_prefix(1);
-  while (!s.empty() && IsBlank(s.back())) s.remove_suffix(1);
-  return s;
-}
-
 Line Classify(std::string_view raw) {
   Line line;
   line.Raw = raw;
