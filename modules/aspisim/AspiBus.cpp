@@ -12,11 +12,11 @@ namespace sx::aspisim {
 
 namespace {
 
-// One section of the bus file: the text and the section's name.
+// One section of the bus file.
 struct Section {
-  std::string_view Text;
+  const modini::Ini& Lines;
   std::string_view Name;
-  std::optional<std::string> Find(std::string_view key) const { return modini::Find(Text, Name, key); }
+  std::optional<std::string> Find(std::string_view key) const { return modini::Find(Lines, Name, key); }
 };
 
 constexpr uint8_t kDefaultType = 6;  // a scanner
@@ -111,8 +111,9 @@ Target ParseTarget(const Section& s) {
 
 Bus ParseBus(const std::string& text) {
   Bus bus;
-  for (const std::string& name : modini::SectionNames(text)) {
-    const Section s{text, name};
+  const modini::Ini ini = modini::ParseIni(text);
+  for (const std::string& name : modini::SectionNames(ini)) {
+    const Section s{ini, name};
     size_t a = 0, t = 0;
     bool isTarget = false;
     if (!ParseSectionName(name, a, t, isTarget)) continue;

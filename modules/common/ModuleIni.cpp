@@ -1,6 +1,5 @@
 #include "modules/common/ModuleIni.h"
 
-#include "platform/text/ProfileText.h"
 #include "platform/text/Text.h"
 
 namespace sx::modini {
@@ -13,15 +12,15 @@ constexpr uint64_t kSaturated = uint64_t{1} << 40;
 
 }  // namespace
 
-std::optional<std::string> Find(std::string_view text, std::string_view section, std::string_view key) {
+std::optional<std::string> Find(const Ini& ini, std::string_view section, std::string_view key) {
   std::string value;
-  if (!plat::ProfileLookup(text, section, key, value)) return std::nullopt;
+  if (!plat::ProfileLookup(ini, section, key, value)) return std::nullopt;
   return value;
 }
 
-std::vector<std::string> SectionNames(std::string_view text) {
+std::vector<std::string> SectionNames(const Ini& ini) {
   std::vector<std::string> names;
-  for (std::string& name : plat::ProfileSectionNames(text)) {
+  for (std::string& name : plat::ProfileSectionNames(ini)) {
     bool seen = false;
     for (const std::string& earlier : names) seen = seen || plat::EqualNoCase(earlier, name);
     if (!seen) names.push_back(std::move(name));

@@ -12,13 +12,20 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/text/ProfileText.h"
+
 namespace sx::modini {
+
+// An ini text split into its lines once for the many lookups a module
+// makes; it refers to the text, which must outlive it.
+using Ini = std::vector<plat::ProfileLine>;
+inline Ini ParseIni(std::string_view text) { return plat::SplitProfile(text); }
 
 // The value of a key in the first section of that name; none when either is
 // missing.
-std::optional<std::string> Find(std::string_view text, std::string_view section, std::string_view key);
+std::optional<std::string> Find(const Ini& ini, std::string_view section, std::string_view key);
 // The names of the sections that count, in file order.
-std::vector<std::string> SectionNames(std::string_view text);
+std::vector<std::string> SectionNames(const Ini& ini);
 // Numbers are decimal (optionally signed) or 0x-prefixed hexadecimal; the
 // leading number of the text counts. False when there is none.
 bool ParseIniNumber(std::string_view text, int64_t& value);

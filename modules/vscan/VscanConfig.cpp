@@ -137,7 +137,7 @@ constexpr FieldSpec kNvramFields[] = {
 #undef SX_NVRAM
 
 template <class T>
-void ReadNumber(std::string_view ini, const char* section, const char* key, T& out) {
+void ReadNumber(const modini::Ini& ini, const char* section, const char* key, T& out) {
   int64_t v = 0;
   if (const auto s = Find(ini, section, key); s && ParseIniNumber(*s, v)) out = static_cast<T>(v);
 }
@@ -154,7 +154,7 @@ void StoreText(uint8_t* record, size_t offset, size_t size, const std::string& t
   std::memcpy(record + offset, text.data(), std::min(size, text.size()));
 }
 
-void ApplyScanner(Config& c, std::string_view ini) {
+void ApplyScanner(Config& c, const modini::Ini& ini) {
   auto* ability = reinterpret_cast<uint8_t*>(&c.Ability);
   for (const TextSpec& t : kAbilityTexts)
     if (const auto s = Find(ini, "Scanner", t.Key)) StoreText(ability, t.Offset, t.Size, *s);
@@ -178,7 +178,7 @@ void ApplyScanner(Config& c, std::string_view ini) {
   ReadNumber(ini, "Scanner", "PressedButton", c.PressedButton);
 }
 
-void ApplyNvram(Config& c, std::string_view ini) {
+void ApplyNvram(Config& c, const modini::Ini& ini) {
   auto* nvram = reinterpret_cast<uint8_t*>(&c.Nvram);
   for (const FieldSpec& f : kNvramFields) {
     int64_t v = 0;
@@ -188,7 +188,7 @@ void ApplyNvram(Config& c, std::string_view ini) {
     StoreText(nvram, offsetof(NvRam, SerialNumber), sizeof c.Nvram.SerialNumber, *s);
 }
 
-void ApplyFaults(Config& c, std::string_view ini) {
+void ApplyFaults(Config& c, const modini::Ini& ini) {
   for (size_t i = 0; i < kEntryCount; ++i) {
     const std::string name = kEntryNames[i];
     ReadNumber(ini, "Faults", name.c_str(), c.Faults[i].Status);
@@ -230,7 +230,7 @@ Config DefaultConfig() {
 }
 
 void ApplyIni(Config& c, const std::string& text, const std::string& folder) {
-  const std::string_view ini = text;
+  const modini::Ini ini = modini::ParseIni(text);
   ApplyScanner(c, ini);
   ApplyNvram(c, ini);
   ReadNumber(ini, "Feeder", "Sheets", c.Sheets);
