@@ -6,8 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/Module.h"
-#include "platform/VersionRecord.h"
+#include "platform/text/VersionRecord.h"
 
 using namespace sx::plat;
 
@@ -22,7 +21,7 @@ void QueryAll(const std::string& block) {
   for (const char* q : kQueries) {
     const void* value = nullptr;
     uint32_t length = 0;
-    if (!VersionQueryValue(block.data(), q, &value, &length)) continue;
+    if (!QueryVersionBlock(block.data(), q, &value, &length)) continue;
     const char* p = static_cast<const char*>(value);
     if (p < block.data() || p + length > block.data() + block.size()) __builtin_trap();
   }

@@ -1,75 +1,57 @@
 #!/usr/bin/env bash
-# Builds the parser fuzz targets with libFuzzer (clang, address and undefined
-# sanitizers) straight from the platform sources and runs each one for a
-# bounded time on its seed corpus.
+# Builds the fuzz targets through CMake (fuzz/CMakeLists.txt: clang's
+# libFuzzer, address and undefined-behaviour sanitizers, the same targets the
+# library and the modules are built from) and runs each one for a bounded
+# time on its seed corpus fuzz/corpus/<target>.
 #
 #   tools/fuzz.sh [target...]      targets: registry profile version values driver vscan kernels aspibus escl
-#                                  (default: all)
+#                                  (default: every one this build has; escl needs the eSCL server's libraries)
 #
 # Environment: FUZZ_SECONDS (default 20) per target; FUZZ_BUILD_DIR (default
-# build-fuzz). Needs: apt-get install clang libclang-rt-14-dev
+# build/fuzz); JOBS (parallel build jobs, default 2); CC_FUZZ / CXX_FUZZ
+# (default clang-14 or clang). Needs: apt-get install clang libclang-rt-14-dev
 set -euo pipefail
 
 root="$(cd "$(dirname "$0")/.." && pwd)"
 seconds="${FUZZ_SECONDS:-20}"
-out="${FUZZ_BUILD_DIR:-$root/build-fuzz}"
+out="${FUZZ_BUILD_DIR:-$root/build/fuzz}"
+jobs="${JOBS:-2}"
+cc="${CC_FUZZ:-$(command -v clang-14 || command -v clang || true)}"
 cxx="${CXX_FUZZ:-$(command -v clang++-14 || command -v clang++ || true)}"
-if [[ -z "$cxx" ]]; then
-  echo "fuzz.sh: clang++ not found (apt-get install clang libclang-rt-14-dev)" >&2
+if [[ -z "$cc" || -z "$cxx" ]]; then
+  echo "fuzz.sh: clang not found (apt-get install clang libclang-rt-14-dev)" >&2
   exit 2
 fi
 
-declare -A sources=(
-  [registry]="lib/platform/text/RegistryText.cpp"
-  [profile]="lib/platform/text/ProfileText.cpp"
-  [version]="lib/platform/posix/VersionRecord.cpp lib/platform/posix/VersionBlock.cpp"
-)
-# Host values go through the whole library: every source but the shared
-# object's attach hooks.
-core=$(cd "$root" && ls lib/frame/*.cpp lib/driver/*.cpp lib/sources/*.cpp lib/settings/*.cpp lib/acquire/*.cpp \
-  lib/imaging/*.cpp lib/platform/*.cpp lib/platform/text/*.cpp lib/platform/posix/*.cpp | grep -v '/Attach\.cpp$' | tr '\n' ' ')
-kernels="lib/imaging/kernels/Kernels.cpp lib/imaging/kernels/KernelsPortable.cpp lib/imaging/kernels/Processor.cpp"
-core="$core $kernels"
-sources[values]="$core"
-sources[driver]="$core"
-sources[vscan]="modules/vscan/VscanConfig.cpp modules/common/ModuleIni.cpp modules/common/ModuleIniPosix.cpp modules/vscan/TestChart.cpp $kernels"
-sources[aspibus]="modules/aspisim/AspiBus.cpp modules/common/ModuleIni.cpp modules/common/ModuleIniPosix.cpp"
-# The eSCL server's ScanSettings parser and its check (links pugixml).
-sources[escl]="hosts/serve/EsclSettings.cpp"
-# The kernels against the tests' reference; on x86-64 the AVX2 and AVX-512 sets
-# too (the target says which of them this processor cannot run).
-sources[kernels]="$kernels tests/support/ReferenceKernels.cpp"
+mkdir -p "$out"
+launcher=()
+if command -v ccache >/dev/null; then
+  launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+cmake -S "$root" -B "$out" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" -DSX_BUILD_FUZZ=ON \
+  -DSX_SANITIZE=address,undefined -DCMAKE_C_FLAGS=-fno-sanitize-recover=undefined \
+  -DCMAKE_CXX_FLAGS=-fno-sanitize-recover=undefined -DSX_BUILD_TESTS=OFF -DSX_BUILD_BENCH=OFF \
+  "${launcher[@]}" >"$out/configure.log" 2>&1 || { cat "$out/configure.log" >&2; exit 2; }
+if [[ ! -f "$out/fuzz/targets.txt" ]]; then
+  echo "fuzz.sh: this clang has no libFuzzer (apt-get install libclang-rt-14-dev)" >&2
+  exit 2
+fi
+mapfile -t available <"$out/fuzz/targets.txt"
 
 targets=("$@")
-[[ ${#targets[@]} -eq 0 ]] && targets=(registry profile version values driver vscan kernels aspibus escl)
-mkdir -p "$out"
+[[ ${#targets[@]} -eq 0 ]] && targets=("${available[@]}")
+for t in "${targets[@]}"; do
+  if [[ " ${available[*]} " != *" $t "* ]]; then
+    echo "fuzz.sh: no fuzz target '$t' in this build (there are: ${available[*]})" >&2
+    exit 2
+  fi
+done
+echo "== building ${targets[*]}"
+cmake --build "$out" -j "$jobs" --target "${targets[@]/%/_fuzz}"
 
 status=0
 for t in "${targets[@]}"; do
-  if [[ -z "${sources[$t]:-}" ]]; then
-    echo "fuzz.sh: unknown target '$t'" >&2
-    exit 2
-  fi
-  bin="$out/${t}_fuzz"
-  srcs=()
-  for s in ${sources[$t]}; do srcs+=("$root/$s"); done
-  flags=(-std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined
-         -I"$root" -I"$root/lib" -I"$root/hosts" -I"$root/include" -I"$root/tests")
-  extra=()
-  libs=()
-  [[ $t == escl ]] && libs=(-lpugixml)
-  if [[ $t == kernels && $(uname -m) == x86_64 ]]; then
-    extra=(-DSX_HAVE_AVX2_KERNELS -DSX_HAVE_AVX512_KERNELS)
-    for set in "Avx2:-mavx2" "Avx512:-mavx512f -mavx512bw -mavx512vl" \
-               "Avx512Ymm:-mavx512f -mavx512bw -mavx512vl -mprefer-vector-width=256"; do
-      # shellcheck disable=SC2086
-      "$cxx" "${flags[@]/-fsanitize=fuzzer,/-fsanitize=fuzzer-no-link,}" ${set#*:} \
-        -c "$root/lib/imaging/kernels/Kernels${set%%:*}.cpp" -o "$out/Kernels${set%%:*}.o"
-      extra+=("$out/Kernels${set%%:*}.o")
-    done
-  fi
-  echo "== building $t"
-  "$cxx" "${flags[@]}" "${extra[@]}" "$root/fuzz/${t}_fuzz.cpp" "${srcs[@]}" -o "$bin" "${libs[@]}" -lpthread -ldl
+  bin="$out/fuzz/${t}_fuzz"
   # New inputs go to a work corpus; the seed corpus in the tree stays as it is.
   work="$out/corpus-$t"
   mkdir -p "$work"

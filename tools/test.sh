@@ -121,7 +121,7 @@ windows() {
 }
 
 fuzz() {
-  FUZZ_SECONDS=$FUZZ_SECONDS bash tools/fuzz.sh
+  FUZZ_SECONDS=$FUZZ_SECONDS FUZZ_BUILD_DIR="$BUILD_ROOT/fuzz" JOBS=$JOBS bash tools/fuzz.sh
 }
 
 # Only the suites that run threads: the sanitizer slows everything down, and

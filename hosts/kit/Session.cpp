@@ -7,7 +7,7 @@
 
 #include "kit/LibraryCalls.h"
 // The store checks, shared with the doctor, which defines them.
-#include "sxscan/Commands.h"
+#include "kit/StoreChecks.h"
 #include "sxsys.h"
 
 namespace sx::host {

@@ -10,6 +10,7 @@
 #include "kit/Capabilities.h"
 #include "kit/Parse.h"
 #include "kit/Session.h"
+#include "kit/StoreChecks.h"
 #include "sxscan.h"
 #include "sxscan/Commands.h"
 #include "sxscan/SystemTexts.h"

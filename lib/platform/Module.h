@@ -28,11 +28,4 @@ bool FileVersionInfo(const std::string& path, uint32_t size, void* block);
 bool VersionQueryValue(const void* block, const char* query, const void** value,
                        uint32_t* length);
 
-// Parses the text of a .sxversion section into a version block (exposed for
-// tests and fuzzing). Returns the block's bytes; empty for unusable input.
-std::string BuildVersionBlock(const char* text, size_t size);
-// Extracts the .sxversion section of an ELF image held in memory (ELF32 or
-// ELF64). False when the image is not ELF, is malformed, or lacks the section.
-bool ExtractVersionSection(const void* image, size_t size, std::string& section);
-
 }  // namespace sx::plat

@@ -33,6 +33,13 @@ struct FontSpec {
   char FaceName[64] = {};
 };
 
+// A screen a host declares (SxSysUiSetScreen) in place of the real one, or
+// of the emulated one where there is none; 0 or less declares none, and the
+// declared values are then 0.
+void DeclareScreen(int32_t width, int32_t dotsPerInch);
+int32_t DeclaredScreenWidth();
+int32_t DeclaredScreenDpi();
+
 struct Font;
 using FontHandle = Font*;
 

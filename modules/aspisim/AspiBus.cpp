@@ -2,14 +2,22 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
+#include <string_view>
 
 #include "modules/common/ModuleIni.h"
+#include "platform/text/Text.h"
 
 namespace sx::aspisim {
 
 namespace {
 
-using modini::IniSection;
+// One section of the bus file.
+struct Section {
+  const modini::Ini& Lines;
+  std::string_view Name;
+  std::optional<std::string> Find(std::string_view key) const { return modini::Find(Lines, Name, key); }
+};
 
 constexpr uint8_t kDefaultType = 6;  // a scanner
 constexpr size_t kVendorAt = 8, kVendorBytes = 8;
@@ -22,7 +30,7 @@ constexpr uint8_t kAnsiVersion = 2, kResponseFormat = 2;
 // "Adapter<n>" or "Adapter<n> Target<t>": false for any other name.
 bool ParseSectionName(std::string_view name, size_t& adapter, size_t& target, bool& isTarget) {
   auto number = [](std::string_view& s, std::string_view word, size_t limit, size_t& out) {
-    if (s.size() <= word.size() || !modini::SameName(s.substr(0, word.size()), word)) return false;
+    if (s.size() <= word.size() || !plat::EqualNoCase(s.substr(0, word.size()), word)) return false;
     s.remove_prefix(word.size());
     size_t digits = 0;
     out = 0;
@@ -34,19 +42,19 @@ bool ParseSectionName(std::string_view name, size_t& adapter, size_t& target, bo
     return digits > 0 && out < limit;
   };
   if (!number(name, "Adapter", kMaxAdapters, adapter)) return false;
-  name = modini::Trim(name);
+  name = plat::Trim(name);
   isTarget = !name.empty();
   return !isTarget || (number(name, "Target", kTargetsPerAdapter, target) && name.empty());
 }
 
 template <class T>
-void ReadNumber(const IniSection& s, std::string_view key, T& out) {
+void ReadNumber(const Section& s, std::string_view key, T& out) {
   int64_t v = 0;
-  if (const std::string* text = modini::FindIn(s, key); text && modini::ParseIniNumber(*text, v))
+  if (const auto text = s.Find(key); text && modini::ParseIniNumber(*text, v))
     out = static_cast<T>(std::clamp<int64_t>(v, 0, static_cast<int64_t>(static_cast<T>(~T{}))));
 }
 
-void PutText(std::array<uint8_t, kInquiryBytes>& data, size_t at, size_t bytes, const std::string* text) {
+void PutText(std::array<uint8_t, kInquiryBytes>& data, size_t at, size_t bytes, const std::optional<std::string>& text) {
   std::memset(data.data() + at, ' ', bytes);
   if (text) std::memcpy(data.data() + at, text->data(), std::min(bytes, text->size()));
 }
@@ -56,7 +64,7 @@ size_t ParseHex(const std::string& text, std::array<uint8_t, kInquiryBytes>& dat
   size_t n = 0;
   int high = -1;
   for (char c : text) {
-    const int d = modini::HexDigit(c);
+    const int d = plat::HexDigit(c);
     if (d < 0) {
       high = -1;
       continue;
@@ -72,10 +80,10 @@ size_t ParseHex(const std::string& text, std::array<uint8_t, kInquiryBytes>& dat
   return n;
 }
 
-Target ParseTarget(const IniSection& s) {
+Target ParseTarget(const Section& s) {
   Target t;
   t.Present = true;
-  if (const std::string* hex = modini::FindIn(s, "Inquiry")) {
+  if (const auto hex = s.Find("Inquiry")) {
     t.InquiryLength = ParseHex(*hex, t.Inquiry);
   } else {
     uint8_t type = kDefaultType, flags = 0;
@@ -85,9 +93,9 @@ Target ParseTarget(const IniSection& s) {
     t.Inquiry[2] = kAnsiVersion;
     t.Inquiry[3] = kResponseFormat;
     t.Inquiry[4] = kStandardAdditionalLength;
-    PutText(t.Inquiry, kVendorAt, kVendorBytes, modini::FindIn(s, "Vendor"));
-    PutText(t.Inquiry, kProductAt, kProductBytes, modini::FindIn(s, "Product"));
-    PutText(t.Inquiry, kRevisionAt, kRevisionBytes, modini::FindIn(s, "Revision"));
+    PutText(t.Inquiry, kVendorAt, kVendorBytes, s.Find("Vendor"));
+    PutText(t.Inquiry, kProductAt, kProductBytes, s.Find("Product"));
+    PutText(t.Inquiry, kRevisionAt, kRevisionBytes, s.Find("Revision"));
     t.Inquiry[kOwnCommandSetByte] = flags;
     t.InquiryLength = kInquiryBytes;
   }
@@ -103,10 +111,12 @@ Target ParseTarget(const IniSection& s) {
 
 Bus ParseBus(const std::string& text) {
   Bus bus;
-  for (const IniSection& s : modini::ParseIni(text)) {
+  const modini::Ini ini = modini::ParseIni(text);
+  for (const std::string& name : modini::SectionNames(ini)) {
+    const Section s{ini, name};
     size_t a = 0, t = 0;
     bool isTarget = false;
-    if (!ParseSectionName(modini::Trim(s.Name), a, t, isTarget)) continue;
+    if (!ParseSectionName(name, a, t, isTarget)) continue;
     if (bus.Adapters.size() <= a) bus.Adapters.resize(a + 1);
     Adapter& adapter = bus.Adapters[a];
     if (isTarget) {
@@ -114,7 +124,7 @@ Bus ParseBus(const std::string& text) {
       continue;
     }
     adapter.Present = true;
-    if (const std::string* id = modini::FindIn(s, "Identifier")) adapter.Identifier = id->substr(0, 16);
+    if (const auto id = s.Find("Identifier")) adapter.Identifier = id->substr(0, 16);
     ReadNumber(s, "Status", adapter.Status);
   }
   return bus;

@@ -1,38 +1,34 @@
 // The ini files the modules read beside their own file (vscan.ini, the
-// simulated SCSI bus): the rules of the profile functions, kept small so that
-// a module needs nothing of the library.
+// simulated SCSI bus), read by the library's own profile rules (sxtext): a
+// "[name]" line starts a section, ';' starts a comment, names match without
+// regard to case, a value in matching quotes loses them, and of a section
+// or key named twice the first counts. A module's file therefore reads as
+// the profile functions read it, and a module needs nothing else of the
+// library.
 #pragma once
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
+
+#include "platform/text/ProfileText.h"
 
 namespace sx::modini {
 
-// One ini file: sections of key/value pairs in file order.
-struct IniSection {
-  std::string Name;
-  std::vector<std::pair<std::string, std::string>> Values;
-};
+// An ini text split into its lines once for the many lookups a module
+// makes; it refers to the text, which must outlive it.
+using Ini = std::vector<plat::ProfileLine>;
+inline Ini ParseIni(std::string_view text) { return plat::SplitProfile(text); }
 
-std::string_view Trim(std::string_view s);
-// Names match without regard to case.
-bool SameName(std::string_view a, std::string_view b);
-// Sections in file order; lines starting with ';' or '#' are comments, blanks
-// around names and values are trimmed and a value in matching quotes loses
-// them. Malformed lines are skipped.
-std::vector<IniSection> ParseIni(const std::string& text);
-// The first value of a key in one section; null when it has none.
-const std::string* FindIn(const IniSection& section, std::string_view key);
-// The first value of a key in the first section of that name that has it, as
-// the profile functions find it; null when there is none.
-const std::string* Find(const std::vector<IniSection>& ini, std::string_view section, std::string_view key);
+// The value of a key in the first section of that name; none when either is
+// missing.
+std::optional<std::string> Find(const Ini& ini, std::string_view section, std::string_view key);
+// The names of the sections that count, in file order.
+std::vector<std::string> SectionNames(const Ini& ini);
 // Numbers are decimal (optionally signed) or 0x-prefixed hexadecimal; the
 // leading number of the text counts. False when there is none.
-bool ParseIniNumber(const std::string& text, int64_t& value);
-// The value of a hexadecimal digit of either case; -1 for any other character.
-int HexDigit(char c);
+bool ParseIniNumber(std::string_view text, int64_t& value);
 
 // The folder of the module file this code is linked into, where the module's
 // ini lies ("." when the system cannot tell). Each system has its own way of

@@ -13,8 +13,6 @@ namespace sx::vscan {
 namespace {
 
 using modini::Find;
-using modini::IniSection;
-using modini::ParseIni;
 
 constexpr const char* kEntryNames[kEntryCount] = {
     "TerminateDriver", "InitializeDriver", "InitializeScanner", "GetScannerStatusEx",
@@ -139,9 +137,9 @@ constexpr FieldSpec kNvramFields[] = {
 #undef SX_NVRAM
 
 template <class T>
-void ReadNumber(const std::vector<IniSection>& ini, const char* section, const char* key, T& out) {
+void ReadNumber(const modini::Ini& ini, const char* section, const char* key, T& out) {
   int64_t v = 0;
-  if (const std::string* s = Find(ini, section, key); s && ParseIniNumber(*s, v)) out = static_cast<T>(v);
+  if (const auto s = Find(ini, section, key); s && ParseIniNumber(*s, v)) out = static_cast<T>(v);
 }
 
 // Little-endian store of the low `width` bytes of v.
@@ -156,15 +154,15 @@ void StoreText(uint8_t* record, size_t offset, size_t size, const std::string& t
   std::memcpy(record + offset, text.data(), std::min(size, text.size()));
 }
 
-void ApplyScanner(Config& c, const std::vector<IniSection>& ini) {
+void ApplyScanner(Config& c, const modini::Ini& ini) {
   auto* ability = reinterpret_cast<uint8_t*>(&c.Ability);
   for (const TextSpec& t : kAbilityTexts)
-    if (const std::string* s = Find(ini, "Scanner", t.Key)) StoreText(ability, t.Offset, t.Size, *s);
+    if (const auto s = Find(ini, "Scanner", t.Key)) StoreText(ability, t.Offset, t.Size, *s);
   for (const FieldSpec& f : kAbilityFields) {
     int64_t v = 0;
-    if (const std::string* s = Find(ini, "Scanner", f.Key); s && ParseIniNumber(*s, v)) StoreField(ability, f, v);
+    if (const auto s = Find(ini, "Scanner", f.Key); s && ParseIniNumber(*s, v)) StoreField(ability, f, v);
   }
-  if (const std::string* s = Find(ini, "Scanner", "HalftonePatternMap")) {
+  if (const auto s = Find(ini, "Scanner", "HalftonePatternMap")) {
     size_t pos = 0;
     for (size_t i = 0; i < sizeof c.Ability.HalftonePatternMap && pos <= s->size(); ++i) {
       size_t comma = std::min(s->find(',', pos), s->size());
@@ -180,17 +178,17 @@ void ApplyScanner(Config& c, const std::vector<IniSection>& ini) {
   ReadNumber(ini, "Scanner", "PressedButton", c.PressedButton);
 }
 
-void ApplyNvram(Config& c, const std::vector<IniSection>& ini) {
+void ApplyNvram(Config& c, const modini::Ini& ini) {
   auto* nvram = reinterpret_cast<uint8_t*>(&c.Nvram);
   for (const FieldSpec& f : kNvramFields) {
     int64_t v = 0;
-    if (const std::string* s = Find(ini, "NVRAM", f.Key); s && ParseIniNumber(*s, v)) StoreField(nvram, f, v);
+    if (const auto s = Find(ini, "NVRAM", f.Key); s && ParseIniNumber(*s, v)) StoreField(nvram, f, v);
   }
-  if (const std::string* s = Find(ini, "NVRAM", "SerialNumber"))
+  if (const auto s = Find(ini, "NVRAM", "SerialNumber"))
     StoreText(nvram, offsetof(NvRam, SerialNumber), sizeof c.Nvram.SerialNumber, *s);
 }
 
-void ApplyFaults(Config& c, const std::vector<IniSection>& ini) {
+void ApplyFaults(Config& c, const modini::Ini& ini) {
   for (size_t i = 0; i < kEntryCount; ++i) {
     const std::string name = kEntryNames[i];
     ReadNumber(ini, "Faults", name.c_str(), c.Faults[i].Status);
@@ -232,12 +230,12 @@ Config DefaultConfig() {
 }
 
 void ApplyIni(Config& c, const std::string& text, const std::string& folder) {
-  const std::vector<IniSection> ini = ParseIni(text);
+  const modini::Ini ini = modini::ParseIni(text);
   ApplyScanner(c, ini);
   ApplyNvram(c, ini);
   ReadNumber(ini, "Feeder", "Sheets", c.Sheets);
   ReadNumber(ini, "Feeder", "PaperFlag", c.PaperFlag);
-  if (const std::string* s = Find(ini, "Page", "Image")) c.ImagePath = Resolve(*s, folder);
+  if (const auto s = Find(ini, "Page", "Image")) c.ImagePath = Resolve(*s, folder);
   ReadNumber(ini, "Page", "WarmUpRefusals", c.WarmUpRefusals);
   ReadNumber(ini, "Page", "WarmUpStatus", c.WarmUpStatus);
   ReadNumber(ini, "Page", "WarmUpPolls", c.WarmUpPolls);
@@ -246,7 +244,7 @@ void ApplyIni(Config& c, const std::string& text, const std::string& folder) {
   ReadNumber(ini, "Page", "KeepLastPage", c.KeepLastPage);
   ReadNumber(ini, "Page", "Prerender", c.Prerender);
   ApplyFaults(c, ini);
-  if (const std::string* s = Find(ini, "Log", "File")) c.LogPath = Resolve(*s, folder);
+  if (const auto s = Find(ini, "Log", "File")) c.LogPath = Resolve(*s, folder);
 }
 
 }  // namespace sx::vscan

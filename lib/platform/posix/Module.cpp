@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "platform/Paths.h"
-#include "platform/VersionRecord.h"
+#include "platform/text/VersionRecord.h"
 
 namespace sx::plat {
 
@@ -100,6 +100,11 @@ bool FileVersionInfo(const std::string& path, uint32_t size, void* block) {
   } catch (...) {
     return false;
   }
+}
+
+bool VersionQueryValue(const void* block, const char* query, const void** value,
+                       uint32_t* length) {
+  return QueryVersionBlock(block, query, value, length);
 }
 
 }  // namespace sx::plat

@@ -3,47 +3,12 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 
 namespace sx::plat {
-
-namespace {
-
-std::string WithoutTrailingSlashes(std::string path) {
-  while (!path.empty() && path.back() == '/') path.pop_back();
-  return path;
-}
-
-std::string HomeDirectory() {
-  if (const char* home = std::getenv("HOME"); home && *home) return home;
-  struct passwd pw {};
-  struct passwd* found = nullptr;
-  char buf[4096];
-  if (::getpwuid_r(::getuid(), &pw, buf, sizeof buf, &found) == 0 && found && found->pw_dir)
-    return found->pw_dir;
-  return ".";
-}
-
-
-}  // namespace
-
-std::string RootDirectory() {
-  if (RootIsNamed()) return WithoutTrailingSlashes(std::getenv("SX_ROOT"));
-  // Relative XDG paths are invalid by that convention and are ignored.
-  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && xdg[0] == '/')
-    return WithoutTrailingSlashes(xdg) + "/sxscan";
-  return WithoutTrailingSlashes(HomeDirectory()) + "/.local/share/sxscan";
-}
-
-bool RootIsNamed() {
-  const char* root = std::getenv("SX_ROOT");
-  return root && *root;
-}
 
 std::string WindowsDirectory() { return RootDirectory() + "/windows"; }
 std::string SystemDirectory() { return WindowsDirectory() + "/system32"; }

@@ -95,12 +95,6 @@ int32_t ModifyStore(Change&& change) {
   return err == 0 ? kRegOk : CodeForErrno(err);
 }
 
-bool Ignored(const RegLine& line) {
-  if (line.LineKind != RegLine::Kind::Other) return false;
-  const size_t first = line.Raw.find_first_not_of(" \t\r");
-  return first != std::string::npos && line.Raw[first] != ';' && line.Raw[first] != '#';
-}
-
 // Names and keys live on one line of the store.
 bool Writable(std::string_view text) {
   return text.find_first_of(std::string_view("\n\r\0", 3)) == std::string_view::npos;
@@ -159,11 +153,7 @@ int32_t RegistryCreateKey(std::string_view key) {
 
 uint32_t RegistryIgnoredLines() {
   try {
-    return WithStore([](const RegDocument& doc) {
-      uint32_t count = 0;
-      for (const RegLine& line : doc.Lines) count += Ignored(line) ? 1 : 0;
-      return count;
-    });
+    return WithStore([](const RegDocument& doc) { return FindRegistryDamage(doc).Lines; });
   } catch (...) {
     return 0;
   }

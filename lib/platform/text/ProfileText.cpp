@@ -7,22 +7,7 @@ namespace sx::plat {
 
 namespace {
 
-struct Line {
-  std::string_view Raw;      // without the line break
-  bool IsSection = false;
-  bool IsKey = false;
-  std::string_view Name;     // section or key name, trimmed
-  std::string_view Value;    // key lines: trimmed value, quotes kept
-};
-
-
-bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
-
-std::string_view Trim(std::string_view s) {
-  while (!s.empty() && IsBlank(s.front())) s.remove_prefix(1);
-  while (!s.empty() && IsBlank(s.back())) s.remove_suffix(1);
-  return s;
-}
+using Line = ProfileLine;
 
 Line Classify(std::string_view raw) {
   Line line;
@@ -42,20 +27,6 @@ Line Classify(std::string_view raw) {
   line.Name = Trim(t.substr(0, eq));
   line.Value = Trim(t.substr(eq + 1));
   return line;
-}
-
-std::vector<Line> SplitLines(std::string_view text) {
-  std::vector<Line> lines;
-  while (!text.empty()) {
-    size_t nl = text.find('\n');
-    if (nl == std::string_view::npos) {
-      lines.push_back(Classify(text));
-      break;
-    }
-    lines.push_back(Classify(text.substr(0, nl)));
-    text.remove_prefix(nl + 1);
-  }
-  return lines;
 }
 
 std::string_view Unquote(std::string_view v) {
@@ -80,9 +51,27 @@ size_t SectionEnd(const std::vector<Line>& lines, size_t header) {
 
 }  // namespace
 
+std::vector<ProfileLine> SplitProfile(std::string_view text) {
+  std::vector<Line> lines;
+  while (!text.empty()) {
+    size_t nl = text.find('\n');
+    if (nl == std::string_view::npos) {
+      lines.push_back(Classify(text));
+      break;
+    }
+    lines.push_back(Classify(text.substr(0, nl)));
+    text.remove_prefix(nl + 1);
+  }
+  return lines;
+}
+
 bool ProfileLookup(std::string_view text, std::string_view section, std::string_view key,
                    std::string& value) {
-  std::vector<Line> lines = SplitLines(text);
+  return ProfileLookup(SplitProfile(text), section, key, value);
+}
+
+bool ProfileLookup(const std::vector<ProfileLine>& lines, std::string_view section, std::string_view key,
+                   std::string& value) {
   size_t header = FindSection(lines, section);
   if (header == lines.size()) return false;
   key = Trim(key);
@@ -96,15 +85,19 @@ bool ProfileLookup(std::string_view text, std::string_view section, std::string_
 }
 
 std::vector<std::string> ProfileSectionNames(std::string_view text) {
+  return ProfileSectionNames(SplitProfile(text));
+}
+
+std::vector<std::string> ProfileSectionNames(const std::vector<ProfileLine>& lines) {
   std::vector<std::string> names;
-  for (const Line& line : SplitLines(text))
+  for (const Line& line : lines)
     if (line.IsSection) names.emplace_back(line.Name);
   return names;
 }
 
 std::vector<std::string> ProfileKeyNames(std::string_view text, std::string_view section) {
   std::vector<std::string> names;
-  std::vector<Line> lines = SplitLines(text);
+  std::vector<Line> lines = SplitProfile(text);
   size_t header = FindSection(lines, section);
   if (header == lines.size()) return names;
   for (size_t i = header + 1, end = SectionEnd(lines, header); i < end; ++i)
@@ -115,7 +108,7 @@ std::vector<std::string> ProfileKeyNames(std::string_view text, std::string_view
 std::string ProfileUpdate(std::string_view text, std::string_view section,
                           std::optional<std::string_view> key,
                           std::optional<std::string_view> value) {
-  std::vector<Line> lines = SplitLines(text);
+  std::vector<Line> lines = SplitProfile(text);
   // New lines follow the file's own line ends.
   const bool crlf = !lines.empty() && !lines[0].Raw.empty() && lines[0].Raw.back() == '\r';
   const std::string_view eol = crlf ? "\r\n" : "\n";

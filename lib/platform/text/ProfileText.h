@@ -15,11 +15,26 @@
 
 namespace sx::plat {
 
+// One line of a profile text, classified; views into the text.
+struct ProfileLine {
+  std::string_view Raw;  // without the line break
+  bool IsSection = false;
+  bool IsKey = false;
+  std::string_view Name;   // section or key name, trimmed
+  std::string_view Value;  // key lines: trimmed value, quotes kept
+};
+// The text split into its lines once, for many lookups over the same text
+// (a module's whole configuration). The text must outlive the lines.
+std::vector<ProfileLine> SplitProfile(std::string_view text);
+
 // False when the section or the key is missing.
+bool ProfileLookup(const std::vector<ProfileLine>& lines, std::string_view section, std::string_view key,
+                   std::string& value);
 bool ProfileLookup(std::string_view text, std::string_view section, std::string_view key,
                    std::string& value);
 
 // Section names in file order / key names of the first section of that name.
+std::vector<std::string> ProfileSectionNames(const std::vector<ProfileLine>& lines);
 std::vector<std::string> ProfileSectionNames(std::string_view text);
 std::vector<std::string> ProfileKeyNames(std::string_view text, std::string_view section);
 

@@ -15,21 +15,6 @@ constexpr uint32_t kTypeBinary = 3;
 constexpr uint32_t kTypeDword = 4;
 
 
-bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
-
-std::string_view Trim(std::string_view s) {
-  while (!s.empty() && IsBlank(s.front())) s.remove_prefix(1);
-  while (!s.empty() && IsBlank(s.back())) s.remove_suffix(1);
-  return s;
-}
-
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  c = AsciiLower(c);
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
 std::string_view NormalizeKey(std::string_view key) {
   key = Trim(key);
   constexpr std::string_view kHive = "HKEY_CURRENT_USER";
@@ -262,6 +247,22 @@ RegDocument ParseRegistryText(std::string_view text) {
     doc.Lines.push_back(std::move(line));
   }
   return doc;
+}
+
+RegistryDamage FindRegistryDamage(const RegDocument& doc) {
+  RegistryDamage damage;
+  size_t number = 1;
+  for (const RegLine& line : doc.Lines) {
+    const std::string_view first = Trim(std::string_view(line.Raw).substr(0, line.Raw.find('\n')));
+    if (line.LineKind == Kind::Other && !first.empty() && first.front() != ';' && first.front() != '#' &&
+        damage.Lines++ == 0) {
+      damage.FirstLine = number;
+      damage.FirstText.assign(first);
+    }
+    for (char c : line.Raw) number += c == '\n' ? 1 : 0;
+    ++number;
+  }
+  return damage;
 }
 
 std::string WriteRegistryText(const RegDocument& doc) {

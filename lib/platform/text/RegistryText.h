@@ -39,6 +39,17 @@ struct RegDocument {
 
 // Never fails: whatever is not understood becomes an Other line.
 RegDocument ParseRegistryText(std::string_view text);
+// The lines a reader skips although they are neither blank nor comments:
+// what a damaged or half-written store leaves. Every intact value still
+// counts. The first one is named by its line number in the text (from 1)
+// and its first line, trimmed.
+struct RegistryDamage {
+  uint32_t Lines = 0;
+  size_t FirstLine = 0;
+  std::string FirstText;
+};
+RegistryDamage FindRegistryDamage(const RegDocument& doc);
+
 // Every line followed by '\n'.
 std::string WriteRegistryText(const RegDocument& doc);
 

@@ -3,7 +3,6 @@
 // context, unless a host has declared a screen of its own.
 #include "platform/win32/UiNative.h"
 
-#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <type_traits>
@@ -27,9 +26,6 @@ struct FontTable {
 };
 static_assert(std::is_trivially_destructible_v<FontTable>);
 constinit FontTable g_fonts;
-
-std::atomic<int32_t> g_declaredWidth{0};
-std::atomic<int32_t> g_declaredDpi{0};
 
 __attribute__((destructor(101))) void ReleaseFontTable() {
   std::lock_guard<TableLock> guard(g_fonts.Lock);
@@ -115,14 +111,5 @@ int32_t LogPixelsY(void* window) {
   ReleaseDC(owner, dc);
   return dpi > 0 ? dpi : kScreenDpi;
 }
-
-void DeclareScreen(int32_t width, int32_t dotsPerInch) {
-  g_declaredWidth.store(width > 0 ? width : 0);
-  g_declaredDpi.store(dotsPerInch > 0 ? dotsPerInch : 0);
-}
-
-int32_t DeclaredScreenWidth() { return g_declaredWidth.load(); }
-
-int32_t DeclaredScreenDpi() { return g_declaredDpi.load(); }
 
 }  // namespace sx::plat

@@ -1,6 +1,5 @@
-// What the Windows dialogs share with the font and screen code: the GDI font
-// behind a font handle, and the screen a host may declare in place of the
-// real one (SxSysUiSetScreen).
+// What the Windows dialogs share with the font code: the table lock and the
+// GDI font behind a font handle.
 #pragma once
 #include <cstdint>
 
@@ -24,11 +23,5 @@ class TableLock {
 
 // The font's GDI object; null for a null or deleted handle.
 HFONT NativeFont(FontHandle font);
-
-// A declared width or resolution replaces the real screen's; 0 means none
-// was declared and the system's own metrics apply.
-void DeclareScreen(int32_t width, int32_t dotsPerInch);
-int32_t DeclaredScreenWidth();
-int32_t DeclaredScreenDpi();
 
 }  // namespace sx::plat

@@ -7,6 +7,8 @@
 
 #include <cstdlib>
 
+#include "platform/Paths.h"
+#include "platform/Profile.h"
 #include "support/TestEnv.h"
 
 namespace {
@@ -112,6 +114,44 @@ TEST(HostDoctor, ExplainsTheTraceLogTheRootAndUnofferedCopies) {
       << home.text;
 }
 
+// The tree in the user database's home folder, which the library makes when
+// it first writes its store: put back as it was found.
+class HomeTreeGuard {
+ public:
+  explicit HomeTreeGuard(const fs::path& tree) : store_(tree / "user.reg") {
+    created_ = tree;
+    for (fs::path p = tree; !fs::exists(p) && p.has_relative_path(); p = p.parent_path()) created_ = p;
+    if (fs::exists(tree)) created_.clear();
+    if ((hadStore_ = fs::exists(store_))) content_ = sxtest::ReadFile(store_);
+  }
+  ~HomeTreeGuard() {
+    std::error_code ec;
+    if (!created_.empty()) fs::remove_all(created_, ec);
+    else if (hadStore_) sxtest::WriteFile(store_, content_);
+    else fs::remove(store_, ec);
+  }
+
+ private:
+  fs::path store_, created_;
+  bool hadStore_ = false;
+  std::string content_;
+};
+
+// Without HOME the library asks the user database for the home folder; the
+// doctor must report that very store, not one in the current folder.
+TEST(HostDoctor, FindsTheLibrarysStoreWithoutHome) {
+  std::string store;
+  {
+    sxtest::ScopedEnv noRoot("SX_ROOT", nullptr), noHome("HOME", nullptr), noData("XDG_DATA_HOME", nullptr);
+    store = sx::plat::RegistryStorePath();
+  }
+  ASSERT_EQ(store.rfind("./", 0), std::string::npos) << store;
+  HomeTreeGuard guard(fs::path(store).parent_path());
+  sxtest::TempRoot root;
+  const Report report = Doctor(root, "cd '" + root.Path().string() + "' && env -u SX_ROOT -u HOME -u XDG_DATA_HOME");
+  EXPECT_TRUE(report.Says("registry     " + store + "\n")) << report.text;
+}
+
 #ifdef SX_TEST_CMMS
 // Colour matching as the library would find it (the module, its entry points,
 // the profiles cmatch.ini names) and module files that cannot be modules.
@@ -150,6 +190,18 @@ TEST(HostDoctor, ChecksColourMatchingAndNamesDamagedModules) {
                            "Corvane/Text/vscan.dll: not offered\n  problem: it is not a shared object at all",
                            "4 problem(s) found"})
     EXPECT_TRUE(faults.Says(said)) << said << "\n" << faults.text;
+  // The profile names as the library reads them: quotes dropped, a ';' line
+  // a comment, and only the first [Model] section counts.
+  const fs::path cmatch = driver.parent_path() / "cmatch.ini";
+  sxtest::WriteFile(cmatch, "[Model]\n; QM7110Y=gone.icc\nQM7110V=\"vscan.icc\"\n[Model]\nQM7110X=gone.icc\n");
+  sxtest::WriteFile(color / "vscan.icc", icc);
+  char library[64] = "";
+  sx::plat::ProfileGetString("Model", "QM7110V", "", library, sizeof library, cmatch.string());
+  EXPECT_STREQ(library, "vscan.icc");
+  const Report agreed = Doctor(root);
+  EXPECT_TRUE(agreed.Says("QM7110V uses vscan.icc: a valid ICC profile")) << agreed.text;
+  EXPECT_FALSE(agreed.Says("gone.icc")) << agreed.text;
+
   // The colour module itself cut short.
   sxtest::WriteFile(system / "sxcmms.dll", whole.substr(0, 100));
   EXPECT_TRUE(Doctor(root).Says("sxcmms.dll\n  problem: it is truncated")) << Doctor(root).text;

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/Module.h"
+#include "platform/text/VersionRecord.h"
 #include "support/TestEnv.h"
 
 namespace sx::plat {

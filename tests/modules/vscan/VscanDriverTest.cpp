@@ -39,7 +39,7 @@ TEST(VscanConfig, DefaultsExampleIniAndFieldLimits) {
   const Vscan v("; comment\n# comment\n[scanner]\n  model = \"QM 99\"  \n"
                 "VENDOR=ABCDEFGHIJKLMNOP\nMaxResolution=0x4B0\nExtended=0\nAdfMaxLength=12x\n"
                 "FlatbedMaxWidth=oops\nHalftonePatternMap=9, 8,,7\nPort=\n"
-                "[Scanner]\nModel=ignored, the first section wins\n"
+                "[Scanner]\nModel=ignored, the first section wins\nFirmware=9\n"
                 "[NVRAM]\nSerialNumber=123456789012345678901234567\nBornYear=1999\nCCDType=0x1FF\n");
   const Records c = Read(v);
   EXPECT_EQ(Text(c.Ability.ModelName, sizeof c.Ability.ModelName), "QM 99");

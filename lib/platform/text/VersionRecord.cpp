@@ -1,11 +1,9 @@
 // Every offset and size taken from the file is checked against the file's
 // size before it is used, so a truncated or hostile module gives no record
 // rather than a fault or a huge allocation.
-#include "platform/VersionRecord.h"
+#include "platform/text/VersionRecord.h"
 
 #include <cstring>
-
-#include "platform/Module.h"
 
 namespace sx::plat {
 

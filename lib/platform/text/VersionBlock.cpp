@@ -6,7 +6,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/Module.h"
+#include "platform/text/Text.h"
+#include "platform/text/VersionRecord.h"
 
 namespace sx::plat {
 
@@ -15,22 +16,11 @@ namespace {
 constexpr uint32_t kBlockMagic = 0x42565853;  // "SXVB"
 constexpr size_t kHeaderBytes = 12;
 
-char Lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
-
 // Paths compare without regard to case and to a leading '\'.
 bool SamePath(std::string_view a, std::string_view b) {
   if (!a.empty() && a.front() == '\\') a.remove_prefix(1);
   if (!b.empty() && b.front() == '\\') b.remove_prefix(1);
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (Lower(a[i]) != Lower(b[i])) return false;
-  return true;
-}
-
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  c = Lower(c);
-  return (c >= 'a' && c <= 'f') ? c - 'a' + 10 : -1;
+  return EqualNoCase(a, b);
 }
 
 // "09 04 b0 04" or "09,04,b0,04": pairs of hex digits between blanks/commas.
@@ -104,8 +94,7 @@ std::string BuildVersionBlock(const char* text, size_t size) {
   }
 }
 
-bool VersionQueryValue(const void* block, const char* query, const void** value,
-                       uint32_t* length) {
+bool QueryVersionBlock(const void* block, const char* query, const void** value, uint32_t* length) {
   if (!block || !query || !value) return false;
   const auto* p = static_cast<const unsigned char*>(block);
   if (GetU32(p) != kBlockMagic) return false;
