@@ -123,5 +123,24 @@ TEST(HostOutputFiles, UnwritableFolderAndFullDiskAreNamed) {
   EXPECT_TRUE(sx::host::DecodeJpeg(sx::host::ReadBytes((root.Path() / "kept/b-2.jpg").string())).ok);
 }
 
+// A scanner that fails inside the third page: the two before are kept, and
+// the message says where, after the failure.
+TEST(HostOutputFiles, ScannerErrorKeepsThePagesBefore) {
+  sxtest::TempRoot root;
+  root.InstallVscan("Corvane/QM7110V",
+                    "[Scanner]\nModel=QM7110V\n[Feeder]\nSheets=5\n[Faults]\nFaultPage=3\nFailReadAtLine=40\n");
+  const std::string scan = "cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN "' ";
+  ASSERT_EQ(std::system((scan + "select QM7110V >/dev/null").c_str()), 0);
+  const fs::path log = root.Path() / "log.txt";
+  const int status = std::system((scan + "scan --source feeder --resolution 50 --output b.tif >'" + log.string() +
+                                  "' 2>&1").c_str());
+  const std::string text = sxtest::ReadFile(log);
+  EXPECT_EQ(ExitCode(status), 1) << text;
+  EXPECT_NE(text.find("sxscan: scan failed: "), std::string::npos) << text;
+  EXPECT_NE(text.find("; the 2 pages scanned before it are kept in b.tif\n"), std::string::npos) << text;
+  EXPECT_EQ(text.find("wrote"), std::string::npos) << text;
+  EXPECT_EQ(sx::host::ReadTiff((root.Path() / "b.tif").string()).size(), 2u);
+}
+
 }  // namespace
 #endif
