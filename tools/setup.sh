@@ -2,7 +2,8 @@
 # Installs what building and testing sxscan needs on Debian bookworm, the
 # Windows builds included (the MinGW-w64 cross compilers, wine64 to run the
 # x86-64 tests, Xvfb for screenshots of the real dialogs), and what `sxscan
-# serve` is built and tested with (cpp-httplib, pugixml, Avahi, sane-airscan).
+# serve` is built and tested with (cpp-httplib, pugixml, Avahi, sane-airscan),
+# and the PDF readers the tests check written documents with (qpdf, poppler).
 # Safe to run again: when every package is installed already, apt is not
 # touched.
 set -euo pipefail
@@ -12,7 +13,7 @@ PACKAGES=(cmake g++ g++-multilib make binutils googletest libgtest-dev libbenchm
           libjpeg-dev zlib1g-dev libsane-dev sane-utils libopencv-dev qemu-user
           g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix binutils-mingw-w64 wine64 xvfb
           libcpp-httplib-dev libpugixml-dev libavahi-client-dev sane-airscan avahi-utils avahi-daemon
-          doxygen)
+          doxygen qpdf poppler-utils)
 
 missing=()
 for package in "${PACKAGES[@]}"; do
