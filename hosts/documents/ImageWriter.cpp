@@ -138,8 +138,8 @@ std::string OutputDocument::KeptText() const {
   return KeptPhrase(kept_, PathsOf(kept_));
 }
 
-// Said once, and the pages and the note change in one turn: an interrupt
-// that ends the program at once keeps what the note says.
+// The file's boundary and the note change in one turn: an interrupt that
+// ends the program at once keeps what the note says.
 void OutputDocument::MarkWhole(const PageBoundary& boundary, int pages) {
   WriteTurn turn;
   if (file_ && !file_->partial.empty()) PartialWhole(file_->partial, boundary);
@@ -331,6 +331,7 @@ bool OutputDocument::CloseFile() {
   if (file_->sink.IsOpen()) {
     if (!file_->encoder->Finish(&why)) return Fail(why);
     if (!file_->sink.Close()) return Fail("cannot write " + file_->path);
+    if (format_ == Format::Jpeg) MarkWhole({file_->sink.Size()}, kept_ + 1);
   }
   return Publish(&why) || Fail(why);
 }
