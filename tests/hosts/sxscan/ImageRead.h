@@ -188,7 +188,8 @@ inline int PdfStructurePages(const std::vector<uint8_t>& bytes, std::string* why
   const size_t last = text.rfind("startxref\n");
   if (last == std::string::npos || text.compare(text.size() - 6, 6, "%%EOF\n") != 0) return *why = "no trailer", -1;
   for (long at = std::atol(text.c_str() + last + 10), sections = 0; at > 0 && sections < 100000; ++sections) {
-    if (static_cast<size_t>(at) >= text.size() || text.compare(at, 5, "xref\n") != 0) return *why = "no xref section", -1;
+    if (static_cast<size_t>(at) >= text.size() || text.compare(at, 5, "xref\n") != 0)
+      return *why = "no xref section", -1;
     size_t p = at + 5;
     for (int first = 0, count = 0; std::sscanf(text.c_str() + p, "%d %d\n", &first, &count) == 2;) {
       p = text.find('\n', p) + 1;
@@ -206,7 +207,8 @@ inline int PdfStructurePages(const std::vector<uint8_t>& bytes, std::string* why
       return *why = "object " + std::to_string(number) + " is not where its entry says", -1;
   const auto body = [&](int number) {
     const auto found = objects.find(number);
-    return found == objects.end() ? std::string() : text.substr(found->second, text.find("endobj", found->second) - found->second);
+    if (found == objects.end()) return std::string();
+    return text.substr(found->second, text.find("endobj", found->second) - found->second);
   };
   const std::string catalog = body(std::atoi(root.c_str()));
   const size_t pagesAt = catalog.find("/Pages ");

@@ -125,9 +125,10 @@ TEST(HostInterrupt, SecondSignalKeepsTheCompletePages) {
   const int signals[] = {SIGINT, SIGTERM, SIGHUP};
   int round = 0;
   for (const auto& [output, kept] : outputs) {
-    for (auto gap : {std::chrono::microseconds(0), std::chrono::microseconds(1000), std::chrono::microseconds(100000)}) {
+    for (int micros : {0, 1000, 100000}) {
+      const std::chrono::microseconds gap(micros);
       const int signal = signals[round++ % 3];
-      SCOPED_TRACE(testing::Message() << output << " signal " << signal << " after " << gap.count() << " us");
+      SCOPED_TRACE(testing::Message() << output << " signal " << signal << " after " << micros << " us");
       RemoveOutputs(root);
       // Inside the third page, which takes about half a second.
       auto [code, text] = InterruptAt(root, FeederTo(output), "page 2:", signal, gap, std::chrono::milliseconds(150));
@@ -145,7 +146,8 @@ TEST(HostInterrupt, SecondSignalKeepsTheCompletePages) {
         if (qpdf) {
           const std::string pdf = "'" + first.string() + "'";
           EXPECT_EQ(std::system(("qpdf --check " + pdf + " >/dev/null").c_str()), 0);
-          EXPECT_EQ(std::system(("pdftoppm -r 4 -png " + pdf + " '" + (root.Path() / "b-shown").string() + "'").c_str()), 0);
+          const std::string shown = "'" + (root.Path() / "b-shown").string() + "'";
+          EXPECT_EQ(std::system(("pdftoppm -r 4 -png " + pdf + " " + shown).c_str()), 0);
           EXPECT_TRUE(fs::exists(root.Path() / "b-shown-2.png") && !fs::exists(root.Path() / "b-shown-3.png"));
         }
       } else {

@@ -94,7 +94,8 @@ TEST(HostOutputFiles, UnwritableFolderAndFullDiskAreNamed) {
       "head -c 917504 /dev/zero >full/filler 2>/dev/null\n"
       "for f in png tif jpg pdf; do '" SX_TEST_SXSCAN "' scan --source feeder --pages 4 --output full/page.$f\n"
       "echo \"status $f $?\"; done; echo left: $(ls -A full); umount full\n"
-      "for f in tif jpg pdf; do '" SX_TEST_SXSCAN "' scan --source feeder --resolution 100 --pages 1 --output one.$f >/dev/null\n"
+      "for f in tif jpg pdf; do\n"
+      "'" SX_TEST_SXSCAN "' scan --source feeder --resolution 100 --pages 1 --output one.$f >/dev/null\n"
       "mount -t tmpfs -o size=$(( $(stat -c %s one.$f) * 5 / 2048 + 1 ))k tmpfs full\n"
       "'" SX_TEST_SXSCAN "' scan --source feeder --resolution 100 --pages 4 --output full/b.$f\n"
       "echo \"status $f $?\"; echo left $f: $(ls -A full); cp full/* kept/; umount full; done\n");
