@@ -130,8 +130,9 @@ TEST(HostInterrupt, SecondSignalKeepsTheCompletePages) {
       const int signal = signals[round++ % 3];
       SCOPED_TRACE(testing::Message() << output << " signal " << signal << " after " << micros << " us");
       RemoveOutputs(root);
-      // Inside the third page, which takes about half a second.
-      auto [code, text] = InterruptAt(root, FeederTo(output), "page 2:", signal, gap, std::chrono::milliseconds(150));
+      // Inside the third page, which takes over half a second, once the encoder
+      // has written the second page's end (it is at most a transfer block behind).
+      auto [code, text] = InterruptAt(root, FeederTo(output), "page 2:", signal, gap, std::chrono::milliseconds(300));
       EXPECT_EQ(code, 130) << text;
       EXPECT_NE(text.find(std::string("scan cancelled; the 2 pages scanned before it are kept in ") + kept),
                 std::string::npos) << text;
