@@ -11,6 +11,44 @@ set(SX_INSTALL_MODULEDIR ${CMAKE_INSTALL_LIBDIR}/sxscan)
 # not replace the module an x86-64 host loads.
 set(SX_INSTALL_SKELETON ${CMAKE_INSTALL_LIBDIR}/sxscan/root)
 
+# What the rules below copy from the build. sx_installable builds all of it
+# (tools/demo.sh does), and an install from a tree that lacks any of it
+# stops before it copies anything, naming what is missing: a partial prefix
+# would pass for a whole one.
+set(SX_PROFILE_DIR ${CMAKE_CURRENT_BINARY_DIR}/profiles)
+set(SX_INSTALLED_TARGETS sxscan vscan aspisg aspisim)
+foreach(target sxcmms sxscan_host sxscan_serve sane-sxscan sx_reference)
+  if(TARGET ${target})
+    list(APPEND SX_INSTALLED_TARGETS ${target})
+  endif()
+endforeach()
+if(TARGET sxprofile)
+  list(APPEND SX_INSTALLED_TARGETS sx_profiles)  # made below
+endif()
+set(SX_INSTALLED_FILES)
+foreach(target ${SX_INSTALLED_TARGETS})
+  if(target STREQUAL "sx_profiles")
+    list(APPEND SX_INSTALLED_FILES ${SX_PROFILE_DIR}/vscan.icc ${SX_PROFILE_DIR}/sRGB.icc)
+  elseif(target STREQUAL "sx_reference")
+    list(APPEND SX_INSTALLED_FILES ${SX_REFERENCE_DIR}/html/index.html)
+  else()
+    list(APPEND SX_INSTALLED_FILES $<TARGET_FILE:${target}>)
+  endif()
+endforeach()
+add_custom_target(sx_installable DEPENDS ${SX_INSTALLED_TARGETS})
+install(CODE "
+  set(missing)
+  foreach(file IN ITEMS ${SX_INSTALLED_FILES})
+    if(NOT EXISTS \"\${file}\")
+      list(APPEND missing \"  \${file}\")
+    endif()
+  endforeach()
+  if(missing)
+    list(JOIN missing \"\\n\" missing)
+    message(FATAL_ERROR \"the build tree lacks what the install copies; nothing was installed. \"
+      \"Build it first: cmake --build ${CMAKE_BINARY_DIR} --target sx_installable\\n\${missing}\")
+  endif()")
+
 install(TARGETS sxscan EXPORT sxscanTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 install(FILES include/sxscan.h include/sxsys.h include/sxdriver.h include/sxaspi.h
@@ -64,7 +102,6 @@ install(FILES cmake/skeleton/user.reg DESTINATION ${SX_INSTALL_SKELETON} COMPONE
 install(FILES cmake/skeleton/sxscan.loc DESTINATION ${SX_INSTALL_SKELETON}/windows COMPONENT runtime)
 install(DIRECTORY DESTINATION ${SX_INSTALL_SKELETON}/temp COMPONENT runtime)
 if(TARGET sxprofile)
-  set(SX_PROFILE_DIR ${CMAKE_CURRENT_BINARY_DIR}/profiles)
   add_custom_command(OUTPUT ${SX_PROFILE_DIR}/vscan.icc ${SX_PROFILE_DIR}/sRGB.icc
     COMMAND ${CMAKE_COMMAND} -E make_directory ${SX_PROFILE_DIR}
     COMMAND sxprofile scanner ${SX_PROFILE_DIR}/vscan.icc

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Installs what building and testing sxscan needs on Debian bookworm, the
 # Windows builds included (the MinGW-w64 cross compilers and zlib for them,
-# wine64 to run the x86-64 tests, Xvfb for screenshots of the real dialogs,
-# pdfinfo to check the PDFs the Windows package writes), and what `sxscan
-# serve` is built and tested with (libmicrohttpd, pugixml, Avahi; cpp-httplib
-# and sane-airscan as its test clients).
+# wine64 to run the x86-64 tests, Xvfb for screenshots of the real dialogs),
+# what `sxscan serve` is built and tested with (libmicrohttpd, pugixml, Avahi;
+# cpp-httplib and sane-airscan as its test clients), and the PDF readers the
+# tests check written documents with (qpdf, poppler's pdfinfo and pdftoppm).
 # Safe to run again: when every package is installed already, apt is not
 # touched.
 set -euo pipefail
@@ -13,9 +13,9 @@ PACKAGES=(cmake g++ g++-multilib make binutils googletest libgtest-dev libbenchm
           libpng-dev libtiff-dev clang libclang-rt-14-dev pkg-config liblcms2-dev
           libjpeg-dev zlib1g-dev libsane-dev sane-utils libopencv-dev qemu-user
           g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix binutils-mingw-w64 libz-mingw-w64-dev
-          wine64 xvfb poppler-utils
+          wine64 xvfb
           libmicrohttpd-dev libcpp-httplib-dev libpugixml-dev libavahi-client-dev sane-airscan avahi-utils
-          avahi-daemon doxygen)
+          avahi-daemon doxygen qpdf poppler-utils)
 
 missing=()
 for package in "${PACKAGES[@]}"; do

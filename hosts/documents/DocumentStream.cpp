@@ -1,13 +1,15 @@
-// The file sink: a partial file written through the C library's buffered
-// streams, the same on every system.
+// The file sink: a partial file written through its descriptor and a buffer
+// of the sink's own, the same on every system: the sink alone decides when a
+// byte reaches the file, so a page's end can be made whole on disk
+// (PartialFiles.h).
 #include "documents/DocumentStream.h"
 
 #include <algorithm>
-#include "documents/Encoders.h"
-
 #include <cerrno>
-#include <filesystem>
 #include <system_error>
+
+#include "documents/Encoders.h"
+#include "documents/PartialFiles.h"
 
 namespace sx::host {
 namespace {
@@ -28,85 +30,87 @@ FileSink::~FileSink() { Close(); }
 bool FileSink::Open(const std::string& name) {
   Close();
   name_ = name;
-  // Read and write: a TIFF's later directories read back the earlier ones.
-  // The partial file is new and empty: opened without truncating it, which
-  // a file system may answer by writing the whole file out when it closes.
-  file_ = std::fopen(name.c_str(), "r+b");
-  size_ = position_ = writtenBack_ = 0;
+  size_ = writtenBack_ = 0;
   code_ = 0;
-  if (!file_) return Fail();
-  buffer_.resize(kFileBufferBytes);
-  std::setvbuf(file_, buffer_.data(), _IOFBF, buffer_.size());
+  buffer_.clear();
+  buffer_.reserve(kFileBufferBytes);
+  descriptor_ = OpenPartialFile(name, &code_);
+  if (descriptor_ < 0) return false;
+  PartialDescriptor(name_, descriptor_);
   return true;
 }
 
 bool FileSink::Close() {
-  if (!file_) return code_ == 0;
-  const bool ok = std::fclose(file_) == 0;
-  file_ = nullptr;
-  if (!ok && code_ == 0) code_ = errno ? errno : EIO;
-  return ok && code_ == 0;
+  if (descriptor_ < 0) return code_ == 0;
+  const bool flushed = Flush();
+  WriteTurn turn;
+  PartialDescriptor(name_, -1);
+  int code = 0;
+  const bool closed = ClosePartialFile(descriptor_, &code);
+  descriptor_ = -1;
+  if (!closed && code_ == 0) code_ = code;
+  return flushed && closed && code_ == 0;
 }
 
-bool FileSink::Fail() {
-  if (code_ == 0) code_ = errno ? errno : EIO;
-  return false;
-}
-
-bool FileSink::Seek(uint64_t offset) {
-  if (position_ == offset) return true;
-  if (SeekFile(file_, offset) != 0) return Fail();
-  position_ = offset;
-  return true;
-}
-
-bool FileSink::Write(const void* data, size_t bytes) {
-  if (!file_ || code_) return false;
-  if (!Seek(size_)) return false;
-  errno = 0;
-  if (std::fwrite(data, 1, bytes, file_) != bytes) return Fail();
-  size_ += bytes;
-  position_ = size_;
+bool FileSink::Flush() {
+  if (descriptor_ < 0 || code_) return false;
+  if (buffer_.empty()) return true;
+  const uint64_t at = size_ - buffer_.size();
+  {
+    WriteTurn turn;
+    if (!WritePartialAt(descriptor_, at, buffer_.data(), buffer_.size(), &code_)) return false;
+  }
+  buffer_.clear();
   if (size_ - writtenBack_ >= kWriteBackBytes) {
-    if (std::fflush(file_) != 0) return Fail();
-    StartWriteBack(file_, writtenBack_, size_ - writtenBack_);
+    StartWriteBack(descriptor_, writtenBack_, size_ - writtenBack_);
     writtenBack_ = size_;
   }
   return true;
 }
 
-bool FileSink::Rewrite(uint64_t offset, const void* data, size_t bytes) {
-  if (!file_ || code_ || offset + bytes > size_) return false;
-  if (!Seek(offset)) return false;
-  errno = 0;
-  if (std::fwrite(data, 1, bytes, file_) != bytes) return Fail();
-  position_ = offset + bytes;
+bool FileSink::Write(const void* data, size_t bytes) {
+  if (descriptor_ < 0 || code_) return false;
+  const auto* p = static_cast<const uint8_t*>(data);
+  while (bytes > 0) {
+    if (buffer_.size() == kFileBufferBytes && !Flush()) return false;
+    const size_t n = std::min(bytes, kFileBufferBytes - buffer_.size());
+    buffer_.insert(buffer_.end(), p, p + n);
+    size_ += n, p += n, bytes -= n;
+  }
   return true;
 }
 
+bool FileSink::Rewrite(uint64_t offset, const void* data, size_t bytes) {
+  if (descriptor_ < 0 || code_ || offset + bytes > size_ || !Flush()) return false;
+  WriteTurn turn;
+  return WritePartialAt(descriptor_, offset, data, bytes, &code_);
+}
+
 bool FileSink::Read(uint64_t offset, void* data, size_t bytes) {
-  if (!file_ || code_ || offset + bytes > size_) return false;
-  // A stream switching from writing to reading must be flushed or seeked.
-  if (std::fflush(file_) != 0) return Fail();
-  if (SeekFile(file_, offset) != 0) return Fail();
-  position_ = offset;
-  if (std::fread(data, 1, bytes, file_) != bytes) return Fail();
-  position_ = offset + bytes;
-  // And back again before the next write.
-  return SeekFile(file_, position_) == 0 || Fail();
+  if (descriptor_ < 0 || code_ || offset + bytes > size_ || !Flush()) return false;
+  return ReadPartialAt(descriptor_, offset, data, bytes, &code_);
 }
 
 bool FileSink::Truncate(uint64_t size) {
-  if (!file_ || code_ || size > size_) return false;
-  if (std::fflush(file_) != 0) return Fail();
-  std::error_code ec;
-  std::filesystem::resize_file(name_, size, ec);
-  if (ec) {
-    code_ = ec.value();
+  if (descriptor_ < 0 || size > size_) return false;
+  // After a failed write the buffer's bytes never reach the file; the cut
+  // ends within what did.
+  if (code_) {
+    size_ -= buffer_.size();
+    buffer_.clear();
+    if (size > size_) return false;
+  } else if (!Flush()) {
     return false;
   }
+  WriteTurn turn;
+  int code = 0;
+  if (!ResizePartial(descriptor_, size, &code)) {
+    if (code_ == 0) code_ = code;
+    return false;
+  }
+  code_ = 0;
   size_ = size;
-  position_ = size + 1;  // unknown: the next write seeks
+  writtenBack_ = std::min(writtenBack_, size);
   return true;
 }
 
@@ -185,12 +189,32 @@ bool PageEncoder::AbandonPage(std::string* error) {
 }
 
 bool PageEncoder::OnAbandonPage(std::string* error) {
-  if (sink_.Truncate(pageOffset_)) {
-    offset_ = pageOffset_;
-    return true;
+  if (!sink_.CanRewrite()) {
+    *error = "a page left unfinished cannot be taken out of this output";
+    return false;
   }
-  *error = "a page left unfinished cannot be taken out of this output";
-  return false;
+  if (boundary_.length) return CutBackToBoundary(error);
+  if (!sink_.Truncate(pageOffset_)) return SinkFailed(error);
+  offset_ = pageOffset_;
+  return true;
+}
+
+bool PageEncoder::CutBackToBoundary(std::string* error) {
+  if (!sink_.Truncate(boundary_.length) ||
+      (boundary_.patchBytes && !sink_.Rewrite(boundary_.patchAt, boundary_.patch, boundary_.patchBytes)))
+    return SinkFailed(error);
+  offset_ = boundary_.length;
+  return true;
+}
+
+bool PageEncoder::KeepWholePages(std::string* error) {
+  pageOpen_ = false;
+  finished_ = failed_ = true;  // nothing more is written, whatever comes
+  if (boundary_.length == 0) {
+    *error = "no page is complete";
+    return false;
+  }
+  return CutBackToBoundary(error) && OnKeep(error);
 }
 
 bool PageEncoder::Finish(std::string* error) {

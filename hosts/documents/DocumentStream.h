@@ -33,9 +33,13 @@ class ByteSink {
     return false;
   }
   virtual bool CanRewrite() const { return false; }
+  // Makes every byte given so far part of the output (a file's buffer
+  // written out), as a document whole at this point needs.
+  virtual bool Flush() { return true; }
   // Reads bytes written earlier (a TIFF's directories link through them) and
   // cuts the output back to `size` bytes (a page left unfinished is taken
-  // out). Only a file can.
+  // out), after a failed write too: the failure is forgotten with the bytes
+  // cut off. Only a file can.
   virtual bool Read(uint64_t offset, void* data, size_t bytes) {
     (void)offset, (void)data, (void)bytes;
     return false;
@@ -71,14 +75,24 @@ class DocumentEncoder {
   // may still be finished with the pages before it. Needs a sink that can
   // truncate; on a stream it fails and the document is incomplete.
   virtual bool AbandonPage(std::string* error) = 0;
-  // Completes the document (a PDF's cross-reference table, a TIFF's last
-  // directory). Nothing may be written after it.
+  // Completes the document (a TIFF's page count). Nothing may be written
+  // after it.
   virtual bool Finish(std::string* error) = 0;
+  // Where the sink holds a whole, valid document of the pages ended so far:
+  // a TIFF or a PDF after each page; none before the first, on a stream, or
+  // in a format that is whole only once finished.
+  virtual PageBoundary Boundary() const = 0;
+  // The document cannot go on (the sink failed, the program is ending): the
+  // sink is cut back to the last boundary and the document completed there,
+  // in place, without a byte added. False when there is no boundary or the
+  // sink refuses; nothing may be written after it either.
+  virtual bool KeepWholePages(std::string* error) = 0;
 };
 
-// A file sink over a partial file (ImageWriter.h): appends through a buffer
-// of its own, and can rewrite, read back and truncate. Failure() names the
-// system's error; Close() flushes and reports a write that failed late.
+// A file sink over a partial file (PartialFiles.h): appends through a buffer
+// of its own, and can rewrite, read back and truncate; every write to the
+// file is made in a WriteTurn. Failure() names the system's error; Close()
+// writes what the buffer holds and reports a write that failed late.
 class FileSink : public ByteSink {
  public:
   FileSink() = default;
@@ -89,8 +103,9 @@ class FileSink : public ByteSink {
   // Opens `name` (an existing, empty partial file) for writing.
   bool Open(const std::string& name);
   bool Close();
-  bool IsOpen() const { return file_ != nullptr; }
+  bool IsOpen() const { return descriptor_ >= 0; }
   uint64_t Size() const { return size_; }
+  bool Flush() override;
 
   bool Write(const void* data, size_t bytes) override;
   bool Rewrite(uint64_t offset, const void* data, size_t bytes) override;
@@ -101,15 +116,11 @@ class FileSink : public ByteSink {
   std::string Failure() const override;
 
  private:
-  bool Seek(uint64_t offset);
-  bool Fail();
-
   std::string name_;
-  std::FILE* file_ = nullptr;
-  std::vector<char> buffer_;
-  uint64_t size_ = 0;
-  uint64_t writtenBack_ = 0;  // bytes the system was asked to write to disk
-  uint64_t position_ = 0;  // where the next append would go when == size_
+  int descriptor_ = -1;
+  std::vector<uint8_t> buffer_;  // the last bytes given, not yet written
+  uint64_t size_ = 0;            // bytes given, the buffer's included
+  uint64_t writtenBack_ = 0;     // bytes the system was asked to write to disk
   int code_ = 0;
 };
 

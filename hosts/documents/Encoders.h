@@ -25,6 +25,8 @@ class PageEncoder : public DocumentEncoder {
   bool EndPage(std::string* error) final;
   bool AbandonPage(std::string* error) final;
   bool Finish(std::string* error) final;
+  PageBoundary Boundary() const final { return boundary_; }
+  bool KeepWholePages(std::string* error) final;
 
  protected:
   explicit PageEncoder(ByteSink& sink, bool onePage) : sink_(sink), onePage_(onePage) {}
@@ -36,16 +38,21 @@ class PageEncoder : public DocumentEncoder {
   // The default cuts the sink back to where the page began.
   virtual bool OnAbandonPage(std::string* error);
   virtual bool OnFinish(std::string* error) = 0;
+  // The sink is back at the boundary: what completes the document in place.
+  virtual bool OnKeep(std::string*) { return true; }
 
   // Appends to the sink; false with the sink's words in *error.
   bool Put(const void* data, size_t bytes, std::string* error);
   bool SinkFailed(std::string* error) const;
+  // Cuts the sink back to the boundary and writes its patch back.
+  bool CutBackToBoundary(std::string* error);
 
   ByteSink& sink_;
   PageFormat format_;
   uint64_t offset_ = 0;      // bytes given to the sink
   uint64_t pageOffset_ = 0;  // where the open page began
   int pages_ = 0;            // pages ended
+  PageBoundary boundary_;    // set by a format that is whole after each page
   std::vector<uint8_t> white_;  // one white line as delivered, for padding
 
  private:

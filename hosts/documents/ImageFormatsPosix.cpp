@@ -12,10 +12,8 @@
 // to a delivered row, and the decoder reads exactly the delivered lines. On
 // a stream that cannot be cut, the page is padded white to the announced
 // height, which its header already says.
-#include <fcntl.h>
 #include <png.h>
 #include <tiffio.h>
-#include <unistd.h>
 
 #include <cstdio>  // jpeglib.h needs FILE declared first
 #include <jpeglib.h>
@@ -303,42 +301,69 @@ toff_t TiffSize(thandle_t);
 int TiffMap(thandle_t, tdata_t*, toff_t*) { return 0; }
 void TiffUnmap(thandle_t, tdata_t, toff_t) {}
 
-// Each page learns the document's page count once the last one is written:
-// "page n of total" for a reader, which the pages could not tell at the time.
-// Both numbers fit in the directory entry itself, so they are patched in
-// place, one read and one write a page: rewriting the directories through
-// libtiff reads the whole chain again for every page, a tenth of a second
-// at the end of a twenty-page document.
-bool NumberTiffPages(ByteSink& sink, uint16_t pages) {
-  constexpr uint16_t kPageNumber = 297;
-  constexpr size_t kEntryBytes = 12, kValueAt = 8;
-  uint8_t header[8];
-  if (!sink.Read(0, header, sizeof header)) return false;
-  const bool big = header[0] == 'M';
-  const auto number = [big](const uint8_t* p, int bytes) {
+// A TIFF's numbers, in the byte order its header names.
+struct TiffOrder {
+  bool big = false;
+  uint32_t Get(const uint8_t* p, int bytes) const {
     uint32_t v = 0;
     for (int i = 0; i < bytes; ++i) v |= uint32_t{p[big ? bytes - 1 - i : i]} << (8 * i);
     return v;
-  };
-  const auto put16 = [big](uint8_t* p, uint16_t v) {
+  }
+  void Put16(uint8_t* p, uint16_t v) const {
     p[big ? 1 : 0] = static_cast<uint8_t>(v), p[big ? 0 : 1] = static_cast<uint8_t>(v >> 8);
-  };
-  uint64_t link = 4;
+  }
+};
+
+constexpr size_t kTiffEntryBytes = 12;
+constexpr uint64_t kFirstLink = 4;  // the header's link to the first directory
+
+bool ReadTiffOrder(ByteSink& sink, TiffOrder* order) {
+  uint8_t header[2];
+  if (!sink.Read(0, header, sizeof header)) return false;
+  order->big = header[0] == 'M';
+  return true;
+}
+
+// The directory the link at `link` points to and the link that ends it; false
+// when the chain cannot be read or ends there.
+bool FollowTiffLink(ByteSink& sink, const TiffOrder& order, uint64_t link, uint64_t* directory, uint16_t* entries,
+                    uint64_t* next) {
+  uint8_t word[4], count[2];
+  if (!sink.Read(link, word, sizeof word)) return false;
+  *directory = order.Get(word, 4);
+  if (*directory == 0 || !sink.Read(*directory, count, sizeof count)) return false;
+  *entries = static_cast<uint16_t>(order.Get(count, 2));
+  *next = *directory + 2 + kTiffEntryBytes * *entries;
+  return true;
+}
+
+// Each page learns the document's page count once the last one is written:
+// "page n of total" for a reader, which the pages could not tell at the time
+// (until then the total reads 0, "unknown", as in a document cut back to a
+// page's end). Both numbers fit in the directory entry itself, so they are
+// patched in place, one read and one write a page: rewriting the directories
+// through libtiff reads the whole chain again for every page, a tenth of a
+// second at the end of a twenty-page document.
+bool NumberTiffPages(ByteSink& sink, uint16_t pages) {
+  constexpr uint16_t kPageNumber = 297;
+  constexpr size_t kValueAt = 8;
+  TiffOrder order;
+  if (!ReadTiffOrder(sink, &order)) return false;
+  uint64_t link = kFirstLink;
   std::vector<uint8_t> entries;
   for (uint16_t page = 0; page < pages; ++page) {
-    uint8_t word[4], count[2];
-    if (!sink.Read(link, word, sizeof word)) return false;
-    const uint64_t at = number(word, 4);
-    if (at == 0 || !sink.Read(at, count, sizeof count)) return false;
-    entries.resize(kEntryBytes * number(count, 2));
+    uint64_t at = 0, next = 0;
+    uint16_t count = 0;
+    if (!FollowTiffLink(sink, order, link, &at, &count, &next)) return false;
+    entries.resize(kTiffEntryBytes * count);
     if (!sink.Read(at + 2, entries.data(), entries.size())) return false;
-    for (size_t e = 0; e < entries.size(); e += kEntryBytes) {
-      if (number(&entries[e], 2) != kPageNumber) continue;
+    for (size_t e = 0; e < entries.size(); e += kTiffEntryBytes) {
+      if (order.Get(&entries[e], 2) != kPageNumber) continue;
       uint8_t value[4];
-      put16(value, page), put16(value + 2, pages);
+      order.Put16(value, page), order.Put16(value + 2, pages);
       if (!sink.Rewrite(at + 2 + e + kValueAt, value, sizeof value)) return false;
     }
-    link = at + 2 + entries.size();
+    link = next;
   }
   return true;
 }
@@ -346,9 +371,7 @@ bool NumberTiffPages(ByteSink& sink, uint16_t pages) {
 class TiffEncoder final : public PageEncoder {
  public:
   explicit TiffEncoder(ByteSink& sink) : PageEncoder(sink, false) {}
-  ~TiffEncoder() override {
-    if (tif_) TIFFCleanup(tif_);
-  }
+  ~TiffEncoder() override { Seal(); }
 
   // The client procedures: libtiff appends, and rewrites its directory links.
   tsize_t Read(void* data, tsize_t bytes) {
@@ -358,6 +381,7 @@ class TiffEncoder final : public PageEncoder {
     return static_cast<tsize_t>(n);
   }
   tsize_t Write(const void* data, tsize_t bytes) {
+    if (sealed_) return -1;
     const auto* p = static_cast<const uint8_t*>(data);
     uint64_t n = static_cast<uint64_t>(bytes);
     std::string ignored;
@@ -388,7 +412,19 @@ class TiffEncoder final : public PageEncoder {
     return false;
   }
 
+  // libtiff is let go of without a byte more: every page's directory is
+  // written, and what it holds of a page left unfinished is not to be.
+  void Seal() {
+    sealed_ = true;
+    if (tif_) TIFFCleanup(tif_);
+    tif_ = nullptr;
+  }
+
   bool OnBeginPage(std::string* error) override {
+    if (sealed_) {
+      *error = "no page may follow one left unfinished";
+      return false;
+    }
     t_tiffMessage[0] = '\0';
     TIFFSetErrorHandler(OnTiffError);
     TIFFSetWarningHandler(nullptr);
@@ -437,30 +473,36 @@ class TiffEncoder final : public PageEncoder {
     // The directory, written now, records the lines that came.
     if (lines < format_.lines) TIFFSetField(tif_, TIFFTAG_IMAGELENGTH, lines);
     if (!TIFFWriteDirectory(tif_)) return Failure("cannot finish a TIFF page", error);
+    if (!sink_.Flush()) return SinkFailed(error);
     pageOffset_ = offset_;
+    // The page's directory ends the chain: the file is whole here, and the
+    // link that ends it is what the next page's directory changes.
+    uint64_t directory = 0, link = 0;
+    uint16_t entries = 0;
+    if ((pages_ == 0 && !ReadTiffOrder(sink_, &order_)) ||
+        !FollowTiffLink(sink_, order_, lastLink_, &directory, &entries, &link))
+      return Failure("cannot read back a TIFF directory", error);
+    lastLink_ = link;
+    boundary_ = {offset_, link, 4, {0, 0, 0, 0}};
     return true;
   }
 
   bool OnAbandonPage(std::string* error) override {
-    // The strips written so far are cut off, and the page's directory is
-    // never written: reading the last complete one back replaces it.
-    TIFFFlushData(tif_);
-    if (!PageEncoder::OnAbandonPage(error)) return false;
-    if (pages_ > 0 && !TIFFSetDirectory(tif_, static_cast<tdir_t>(pages_ - 1)))
-      return Failure("cannot take out an unfinished TIFF page", error);
-    return true;
+    // The strips written so far are cut off with the rest of the page.
+    Seal();
+    return PageEncoder::OnAbandonPage(error);
   }
 
   bool OnFinish(std::string* error) override {
-    t_tiffMessage[0] = '\0';
-    TIFFClose(tif_);
-    tif_ = nullptr;
-    if (t_tiffMessage[0] || sinkFailed_) return Failure("cannot close the TIFF file", error);
-    if (!NumberTiffPages(sink_, static_cast<uint16_t>(pages_))) return SinkFailed(error);
-    return true;
+    Seal();
+    return NumberTiffPages(sink_, static_cast<uint16_t>(pages_)) || SinkFailed(error);
   }
+  bool OnKeep(std::string* error) override { return OnFinish(error); }
 
   TIFF* tif_ = nullptr;
+  TiffOrder order_;
+  uint64_t lastLink_ = kFirstLink;  // the link that ends the chain
+  bool sealed_ = false;
   bool sinkFailed_ = false;
   uint64_t position_ = 0;
   uint32_t line_ = 0;
@@ -536,27 +578,5 @@ bool CopyPngPage(const std::string& png, const PageFormat& format, DocumentEncod
   if (!ok && !encoderFailed) *error = "cannot read back " + png + ": " + failure.message;
   return ok;
 }
-
-// Exclusive creation with the permissions any new file gets (the umask's).
-bool CreateNewFile(const std::string& name, int* code) {
-  constexpr mode_t kNewFileMode = 0666;
-  const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
-  if (fd < 0) {
-    *code = errno;
-    return false;
-  }
-  close(fd);
-  return true;
-}
-
-// Linux keeps written data in memory for up to half a minute; started early,
-// the writing is done by the time the file is renamed, which on ext4 would
-// otherwise wait for all of it.
-void StartWriteBack(std::FILE* file, uint64_t offset, uint64_t bytes) {
-  sync_file_range(fileno(file), static_cast<off_t>(offset), static_cast<off_t>(bytes), SYNC_FILE_RANGE_WRITE);
-}
-
-// 64-bit offsets whatever the ABI (_FILE_OFFSET_BITS makes off_t 64 bits).
-int SeekFile(std::FILE* file, uint64_t offset) { return fseeko(file, static_cast<off_t>(offset), SEEK_SET); }
 
 }  // namespace sx::host

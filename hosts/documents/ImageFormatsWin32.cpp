@@ -17,12 +17,8 @@
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 #include <wincodec.h>
-#include <fcntl.h>
-#include <io.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cctype>
 #include <cstdio>
 #include <filesystem>
@@ -457,22 +453,5 @@ bool CopyPngPage(const std::string& png, const PageFormat& format, DocumentEncod
   *error = "cannot read back " + png + ": " + HresultText(hr);
   return false;
 }
-
-// Exclusive creation, as the C library of the system offers it.
-bool CreateNewFile(const std::string& name, int* code) {
-  const int fd = _open(name.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
-  if (fd < 0) {
-    *code = errno;
-    return false;
-  }
-  _close(fd);
-  return true;
-}
-
-// Windows' cache manager writes dirty pages out steadily by itself.
-void StartWriteBack(std::FILE*, uint64_t, uint64_t) {}
-
-// fseek takes a 32-bit long on Windows.
-int SeekFile(std::FILE* file, uint64_t offset) { return _fseeki64(file, static_cast<long long>(offset), SEEK_SET); }
 
 }  // namespace sx::host

@@ -4,15 +4,10 @@
 #include "documents/Encoders.h"
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <random>
-#include <system_error>
 #include <cctype>
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
+#include <system_error>
 
 namespace sx::host {
 namespace {
@@ -25,10 +20,10 @@ uint32_t BitsPerPixel(PixelKind kind) {
   }
 }
 
-bool HasTiffExtension(const std::string& path) {
+std::string Extension(const std::string& path) {
   std::string ext = std::filesystem::path(path).extension().string();
   for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return ext == ".tif" || ext == ".tiff";
+  return ext;
 }
 
 }  // namespace
@@ -50,138 +45,30 @@ bool CheckPageFormat(const PageFormat& f, std::string* error) {
   return true;
 }
 
-namespace {
-
-// Enough for any folder a user scans into; a longer name is written all the
-// same, only not removed by an interrupt that ends the program at once.
-constexpr size_t kPartialNameBytes = 4096;
-// Names tried before giving up: each is new with near certainty.
-constexpr int kPartialAttempts = 16;
-
-// Thread contract: written by one thread at a time (the scan's encoder
-// thread, then the host's once that one has ended), read by the interrupt
-// handler, which may run at any moment: the name is complete before its slot
-// is marked used, and the mark is a lock-free atomic.
-char g_partialNames[kPartialSlots][kPartialNameBytes];
-std::atomic<bool> g_partialUsed[kPartialSlots];
-static_assert(std::atomic<bool>::is_always_lock_free);
-
-void Remember(const std::string& partial) {
-  if (partial.size() >= kPartialNameBytes) return;
-  for (int i = 0; i < kPartialSlots; ++i) {
-    if (g_partialUsed[i].load()) continue;
-    std::memcpy(g_partialNames[i], partial.c_str(), partial.size() + 1);
-    g_partialUsed[i].store(true);
-    return;
-  }
-}
-
-void Forget(const std::string& partial) {
-  for (int i = 0; i < kPartialSlots; ++i) {
-    if (g_partialUsed[i].load() && partial == g_partialNames[i]) g_partialUsed[i].store(false);
-  }
-}
-
-// ".<name>.<16 hex digits>.part" beside the output.
-std::string PartialCandidate(const std::string& path) {
-  static std::mt19937_64 random = [] {
-    std::random_device device;
-    // The clock and an address vary the seed where the device does not.
-    const uint64_t clock = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
-    std::seed_seq seed{device(), device(), static_cast<unsigned>(clock), static_cast<unsigned>(clock >> 32),
-                       static_cast<unsigned>(reinterpret_cast<uintptr_t>(&device))};
-    return std::mt19937_64(seed);
-  }();
-  // Windows also separates folders with a backslash; elsewhere it is part of a name.
-  constexpr char kSeparators[] = {'/', static_cast<char>(std::filesystem::path::preferred_separator), '\0'};
-  const size_t slash = path.find_last_of(kSeparators);
-  const size_t name = slash == std::string::npos ? 0 : slash + 1;
-  char tag[24];
-  std::snprintf(tag, sizeof tag, ".%016llx", static_cast<unsigned long long>(random()));
-  return path.substr(0, name) + "." + path.substr(name) + tag + ".part";
-}
-
-std::string SystemText(int code) { return std::error_code(code, std::generic_category()).message(); }
-
-}  // namespace
-
 std::string WriteFailure(const std::string& path, int code, const std::string& why) {
   if (code == ENOSPC) return "no space left on device while writing " + path;
-  return "cannot write " + path + ": " + (why.empty() && code ? SystemText(code) : why);
+  return "cannot write " + path + ": " +
+         (why.empty() && code ? std::error_code(code, std::generic_category()).message() : why);
 }
 
-bool CreatePartial(const std::string& path, std::string* partial, std::string* error) {
-  int code = 0;
-  for (int attempt = 0; attempt < kPartialAttempts; ++attempt) {
-    *partial = PartialCandidate(path);
-    // Recorded first, so that no moment exists where the file is there and
-    // an interrupt would not remove it; a name taken already is never
-    // created, and the chance of its removal meanwhile is nil.
-    Remember(*partial);
-    if (CreateNewFile(*partial, &code)) return true;
-    Forget(*partial);
-    if (code != EEXIST) break;
-  }
-  const std::string folder = std::filesystem::path(path).parent_path().string();
-  *error = "cannot create a file in the folder " + (folder.empty() ? std::string(".") : folder) + ": " +
-           SystemText(code);
-  partial->clear();
-  return false;
-}
-
-bool PublishPartial(const std::string& partial, const std::string& path, std::string* error,
-                    std::string* replaced) {
-  std::error_code ec;
-  // The file replaced is first moved aside under a partial name of its own:
-  // removing a large file whose pages the system still caches takes tens of
-  // milliseconds, which the new file need not wait for to take its name.
-  std::string aside;
-  if (replaced && std::filesystem::is_regular_file(path, ec)) {
-    aside = PartialCandidate(path);
-    Remember(aside);
-    std::filesystem::rename(path, aside, ec);
-    if (ec) {
-      Forget(aside);
-      aside.clear();
-    }
-  }
-  // The filesystem library replaces an existing output on every system
-  // (std::rename does not on Windows).
-  std::filesystem::rename(partial, path, ec);
-  Forget(partial);
-  if (!ec) {
-    if (replaced) *replaced = aside;
-    return true;
-  }
-  *error = "cannot write " + path + ": " + ec.message();
-  std::remove(partial.c_str());
-  if (!aside.empty()) {
-    std::error_code ignored;
-    std::filesystem::rename(aside, path, ignored);
-    Forget(aside);
-  }
-  return false;
-}
-
-void DiscardPartial(const std::string& partial) {
-  if (partial.empty()) return;
-  std::remove(partial.c_str());
-  Forget(partial);
-}
-
-const char* PartialInFlight(int slot) {
-  if (slot < 0 || slot >= kPartialSlots || !g_partialUsed[slot].load()) return nullptr;
-  return g_partialNames[slot];
+std::string KeptPhrase(int pages, const std::string& paths) {
+  if (pages == 0) return "no page was complete, so nothing is kept";
+  return "the " + std::to_string(pages) + (pages == 1 ? " page scanned before it is" : " pages scanned before it are") +
+         " kept in " + paths;
 }
 
 // The file being written: its sink over a partial file and its encoder.
 struct OutputDocument::File {
   std::string path;
-  std::string partial;
+  std::string partial;  // empty once published
   FileSink sink;
+  bool closedWhole = false;  // a PNG's page, finished and closed
   std::unique_ptr<DocumentEncoder> encoder;
-  bool pageOpen = false;  // the encoder has a page begun
-  ~File() { DiscardPartial(partial); }
+  ~File() {
+    encoder.reset();
+    sink.Close();  // an open file cannot be removed everywhere
+    DiscardPartial(partial);
+  }
 };
 
 namespace {
@@ -194,16 +81,22 @@ DocumentFormat EncoderFormat(int format) {
 
 }  // namespace
 
+std::string TiffForPngName(const std::string& path) {
+  const std::string ext = Extension(path);
+  if (ext == ".tif" || ext == ".tiff" || ext == ".pdf" || ext == ".jpg" || ext == ".jpeg") return "";
+  return std::filesystem::path(path).replace_extension(".tif").string();
+}
+
 OutputDocument::OutputDocument(std::string path, int jpegQuality)
     : path_(std::move(path)), quality_(jpegQuality) {
-  tiffNamed_ = HasTiffExtension(path_);
-  tiffPath_ = tiffNamed_ ? path_ : std::filesystem::path(path_).replace_extension(".tif").string();
-  std::string ext = std::filesystem::path(path_).extension().string();
-  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  const std::string ext = Extension(path_);
+  tiffNamed_ = ext == ".tif" || ext == ".tiff";
+  tiffPath_ = tiffNamed_ ? path_ : TiffForPngName(path_);
   format_ = tiffNamed_ ? Format::Tiff
             : ext == ".pdf" ? Format::Pdf
             : (ext == ".jpg" || ext == ".jpeg") ? Format::Jpeg
                                                 : Format::Png;
+  SetAtOnceNote("; " + KeptPhrase(0, ""));
 }
 
 OutputDocument::~OutputDocument() { RemoveReplaced(); }
@@ -221,6 +114,40 @@ std::string OutputDocument::JpegPath(int page) const {
       .string();
 }
 
+// The file or files that hold `pages` pages.
+std::string OutputDocument::PathsOf(int pages) const {
+  if (pages == 0) return "";
+  if (format_ == Format::Pdf) return path_;
+  // One file a page: the names read as a list ("a.jpg, a-2.jpg and a-3.jpg").
+  if (format_ == Format::Jpeg) {
+    if (pages == 1) return path_;
+    std::string between;
+    if (pages >= 3) between = ", " + JpegPath(2) + (pages > 3 ? ", ..." : "");
+    return path_ + between + " and " + JpegPath(pages);
+  }
+  // A PNG document holds one page; a second one turned it into a TIFF.
+  return (tiffNamed_ || converted_) ? tiffPath_ : path_;
+}
+
+std::string OutputDocument::WrittenPath() const { return PathsOf(pagesDone_); }
+
+std::string OutputDocument::KeptText() const {
+  if (kept_ == 0 && pagesDone_ > 0)
+    return "the " + std::to_string(pagesDone_) + " page" + (pagesDone_ == 1 ? "" : "s") +
+           " scanned before it could not be kept either";
+  return KeptPhrase(kept_, PathsOf(kept_));
+}
+
+// The file's boundary and the note change in one turn: an interrupt that
+// ends the program at once keeps what the note says.
+void OutputDocument::MarkWhole(const PageBoundary& boundary, int pages) {
+  WriteTurn turn;
+  if (file_ && !file_->partial.empty()) PartialWhole(file_->partial, boundary);
+  // A format whole only once finished (the system's TIFF encoder) keeps nothing.
+  SetAtOnceNote(boundary.length ? "; " + KeptPhrase(pages, PathsOf(pages))
+                                : "; the pages scanned before it could not be kept");
+}
+
 bool OutputDocument::Fail(const std::string& why) {
   if (!failed_) {
     const int code = file_ ? file_->sink.FailureCode() : 0;
@@ -229,8 +156,27 @@ bool OutputDocument::Fail(const std::string& why) {
   }
   failed_ = true;
   open_ = false;
-  file_.reset();  // its partial file goes with it
+  KeepWholePages();
   return false;
+}
+
+// After a failure: the pages complete before it are kept, the page being
+// written goes.
+void OutputDocument::KeepWholePages() {
+  inFile_ = false;
+  if (png_) {  // the TIFF had not yet a page of its own: the document is the PNG
+    file_ = std::move(png_);
+    converted_ = false;
+  }
+  if (!file_ || file_->partial.empty() || format_ == Format::Jpeg) {
+    file_.reset();  // a JPEG batch's pages are under their names already
+    return;
+  }
+  std::string why;
+  // A PNG's page is whole once its file is closed; a TIFF or PDF at its boundary.
+  const bool whole = file_->closedWhole || (file_->encoder->KeepWholePages(&why) && file_->sink.Close());
+  if (whole && Publish(&why)) return;
+  file_.reset();
 }
 
 bool OutputDocument::StartFile(const std::string& path, Format format) {
@@ -274,7 +220,7 @@ bool OutputDocument::StartPageInFile() {
   }
   std::string why;
   if (!file_->encoder->BeginPage(page_, &why)) return Fail(why);
-  file_->pageOpen = inFile_ = true;
+  inFile_ = true;
   return true;
 }
 
@@ -337,10 +283,9 @@ bool OutputDocument::EndPage() {
   }
   inFile_ = false;
   std::string why;
-  file_->pageOpen = false;
   if (!file_->encoder->EndPage(&why)) return Fail(why);
   ++pagesDone_;
-  png_.reset();
+  if (format_ == Format::Jpeg) return CloseFile();
   if (format_ == Format::Png && pagesDone_ == 1 && !tiffNamed_) {
     // Kept until the scan ends or a second page turns it into a TIFF,
     // which reads it back: its bytes must all be in the file now.
@@ -349,8 +294,14 @@ bool OutputDocument::EndPage() {
     firstPage_.bytesPerLine = PackedLineBytes(page_);
     if (!file_->encoder->Finish(&why)) return Fail(why);
     if (!file_->sink.Close()) return Fail("cannot write " + file_->path);
+    file_->closedWhole = true;
+    MarkWhole({file_->sink.Size()}, pagesDone_);
+    return true;
   }
-  if (format_ == Format::Jpeg) return CloseFile(true);
+  // A TIFF or PDF is whole at the page's end.
+  WriteTurn turn;
+  MarkWhole(file_->encoder->Boundary(), pagesDone_);
+  png_.reset();  // the TIFF holds the PNG's page now
   return true;
 }
 
@@ -371,52 +322,60 @@ void OutputDocument::DropPage() {
     return;
   }
   std::string why;
-  file_->pageOpen = false;
   if (!file_->encoder->AbandonPage(&why)) Fail(why);
 }
 
-bool OutputDocument::CloseFile(bool publish) {
-  std::unique_ptr<File> file = std::move(file_);
-  if (!file || !publish) return true;  // a file without pages goes unnamed
+// Completes the open file and gives it its name.
+bool OutputDocument::CloseFile() {
   std::string why;
-  if (file->sink.IsOpen() && !file->encoder->Finish(&why)) {
-    file_ = std::move(file);
-    return Fail(why);
+  if (file_->sink.IsOpen()) {
+    if (!file_->encoder->Finish(&why)) return Fail(why);
+    if (!file_->sink.Close()) return Fail("cannot write " + file_->path);
+    if (format_ == Format::Jpeg) MarkWhole({file_->sink.Size()}, kept_ + 1);
   }
-  if (!file->sink.Close()) {
-    file_ = std::move(file);
-    return Fail("cannot write " + file_->path);
-  }
-  std::string error, replaced;
-  const bool published = PublishPartial(file->partial, file->path, &error, &replaced);
-  file->partial.clear();
+  return Publish(&why) || Fail(why);
+}
+
+// The whole, closed file takes its name: what it holds is kept.
+bool OutputDocument::Publish(std::string* error) {
+  WriteTurn turn;
+  std::string replaced;
+  const bool published = PublishPartial(file_->partial, file_->path, error, &replaced);
+  file_->partial.clear();
   if (!replaced.empty()) replaced_.push_back(replaced);
+  if (!published) return false;
+  file_.reset();
+  kept_ = format_ == Format::Jpeg ? kept_ + 1 : pagesDone_;
   // Pages published during the scan leave nothing for later.
   if (!finished_) RemoveReplaced();
-  return published || Fail(error);
+  if (format_ == Format::Jpeg) SetAtOnceNote("; " + KeptPhrase(kept_, PathsOf(kept_)));
+  return true;
+}
+
+// An earlier batch of more pages under the same JPEG name: its further
+// pages would read as this batch's.
+void OutputDocument::RemoveStalePages() {
+  if (format_ != Format::Jpeg || kept_ == 0) return;
+  std::error_code ec;
+  for (int page = kept_ + 1; std::filesystem::is_regular_file(JpegPath(page), ec); ++page) {
+    if (!std::filesystem::remove(JpegPath(page), ec)) break;
+    stale_.push_back(JpegPath(page));
+  }
 }
 
 bool OutputDocument::Finish() {
   if (finished_) return !failed_;
   finished_ = true;
   DropPage();
-  if (failed_) return false;
   // Only a document with pages takes the output's name.
-  return CloseFile(pagesDone_ > 0);
-}
-
-std::string OutputDocument::WrittenPath() const {
-  if (pagesDone_ == 0) return "";
-  if (format_ == Format::Pdf) return path_;
-  // One file a page: the names read as a list ("a.jpg, a-2.jpg and a-3.jpg").
-  if (format_ == Format::Jpeg) {
-    if (pagesDone_ == 1) return path_;
-    std::string between;
-    if (pagesDone_ >= 3) between = ", " + JpegPath(2) + (pagesDone_ > 3 ? ", ..." : "");
-    return path_ + between + " and " + JpegPath(pagesDone_);
+  if (!failed_ && file_) {
+    if (pagesDone_ > 0)
+      CloseFile();
+    else
+      file_.reset();
   }
-  // A PNG document holds one page; a second one turned it into a TIFF.
-  return (tiffNamed_ || converted_) ? tiffPath_ : path_;
+  RemoveStalePages();
+  return !failed_;
 }
 
 }  // namespace sx::host

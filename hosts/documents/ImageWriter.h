@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "documents/PartialFiles.h"
+
 namespace sx::host {
 
 enum class PixelKind : uint8_t { Lineart, Gray, Rgb };
@@ -34,39 +36,19 @@ constexpr uint64_t kMaxPageBytes = 1ull << 31;
 bool CheckPageFormat(const PageFormat& format, std::string* error);
 
 
-// A file is written under a name of its own until it is complete: a hidden
-// ".<name>.<random>.part" beside the output, so an interrupted write never
-// leaves a partial file under the output's name, and two programs writing the
-// same output never share a partial file (the last to finish replaces the
-// output whole). CreatePartial makes the empty file (one system call per
-// system, ImageFormats*.cpp) and records it for RemovePartialFilesNow;
-// PublishPartial renames it to the output, DiscardPartial removes it. With
-// `replaced`, an output that existed is moved aside under a partial name
-// given there (empty when none), for the caller to discard when it likes.
-bool CreatePartial(const std::string& path, std::string* partial, std::string* error);
-bool PublishPartial(const std::string& partial, const std::string& path, std::string* error,
-                    std::string* replaced = nullptr);
-void DiscardPartial(const std::string& partial);
 // The message for a write that failed with the system's error `code` (0 when
 // unknown) and the codec's own words `why`: a full disk reads the same for
 // every format.
 std::string WriteFailure(const std::string& path, int code, const std::string& why);
 
-// Creates `name` as a new empty file, failing if it exists; `code` is the
-// system's error then (errno values). One per system, ImageFormats*.cpp.
-bool CreateNewFile(const std::string& name, int* code);
-// Asks the system to start writing `bytes` of `file` from `offset` to disk
-// without waiting for it; nothing where the system does that by itself.
-// One per system, ImageFormats*.cpp.
-void StartWriteBack(std::FILE* file, uint64_t offset, uint64_t bytes);
-// fseek to `offset` from the start, however large; 0 on success. One per
-// system, ImageFormats*.cpp.
-int SeekFile(std::FILE* file, uint64_t offset);
+// What an unfinished document kept, as a message goes on after what ended it
+// ("scan cancelled; ..."): "the 2 pages scanned before it are kept in b.tif",
+// or that no page was complete and nothing is kept.
+std::string KeptPhrase(int pages, const std::string& paths);
 
-// The partial files being written, for an interrupt that ends the program at
-// once: slot i's name or nullptr. Safe to call in a signal handler.
-constexpr int kPartialSlots = 4;
-const char* PartialInFlight(int slot);
+// The multi-page TIFF a PNG name becomes when a second page comes ("a.png":
+// "a.tif"); empty for a name of another format.
+std::string TiffForPngName(const std::string& path);
 
 class ByteSink;
 class DocumentEncoder;
@@ -80,6 +62,14 @@ class FileSink;
 // multi-page TIFF beside it (the name with .tif), holding every page (the
 // first read back from its finished PNG), and no PNG is written. Every file is
 // written as a partial file and takes its name only when complete.
+//
+// A document that cannot be finished (the scan stopped inside a page, a write
+// failed, a second interrupt: PartialFiles.h) keeps the pages complete before
+// it, as a valid document: a TIFF or PDF cut back to its last page, the files
+// of a JPEG batch written so far, a PNG's one page. The page being written is
+// never kept. A JPEG batch that keeps fewer pages than an earlier one of the
+// same name removes the earlier one's further pages ("a-3.jpg" when "a.jpg"
+// and "a-2.jpg" were written), so the names hold one batch.
 // Thread contract: one thread at a time (the scan's encoder thread).
 class OutputDocument {
  public:
@@ -91,14 +81,16 @@ class OutputDocument {
   bool BeginPage(const PageFormat& format);
   // Adds delivered bytes to the open page: whole lines are encoded at once,
   // a part of a line waits for the rest; bytes past the announced page are
-  // dropped. False when the page cannot be written (Error says why).
+  // dropped. False when the page cannot be written (Error says why, and the
+  // pages complete before it are kept).
   bool Append(const uint8_t* data, size_t bytes);
   // The page is complete; a page shorter than announced is recorded at its
   // true length, one without a whole line is left out (PagesSkipped).
   bool EndPage();
   // Leaves an unfinished page out (the scan stopped inside it).
   void DropPage();
-  // Completes the files and gives them their names. Idempotent.
+  // Completes the files and gives them their names; after a failure, false.
+  // Idempotent.
   bool Finish();
   // Removes the files the document's replaced (moved aside as they were
   // replaced, so that Finish need not wait for their removal). Also done
@@ -110,19 +102,31 @@ class OutputDocument {
   uint64_t PageExpectedBytes() const { return uint64_t{page_.lines} * page_.bytesPerLine; }
   int PagesDone() const { return pagesDone_; }
   int PagesSkipped() const { return pagesSkipped_; }
+  // The pages under their names once the document has ended.
+  int PagesKept() const { return kept_; }
   // The file written (or to be written); empty before the first page is done.
   std::string WrittenPath() const;
+  // What the document kept, for a message about a scan that did not end
+  // well (KeptPhrase).
+  std::string KeptText() const;
+  // The earlier batch's pages the document removed (see above).
+  const std::vector<std::string>& StaleRemoved() const { return stale_; }
   const std::string& Error() const { return error_; }
 
  private:
   enum class Format { Png, Tiff, Pdf, Jpeg };
   struct File;
   std::string JpegPath(int page) const;
+  std::string PathsOf(int pages) const;
   bool StartFile(const std::string& path, Format format);
   bool StartPageInFile();
   bool TurnIntoTiff();
-  bool CloseFile(bool publish);
+  bool CloseFile();
+  bool Publish(std::string* error);
+  void MarkWhole(const PageBoundary& boundary, int pages);
   bool Fail(const std::string& why);
+  void KeepWholePages();
+  void RemoveStalePages();
   bool EncodeLines(const uint8_t* data, uint32_t lines);
 
   std::string path_;
@@ -136,6 +140,7 @@ class OutputDocument {
   PageFormat firstPage_;       // a PNG's page, as stored, for its move into a TIFF
   std::vector<uint8_t> part_;  // the start of a line whose rest has not come
   std::vector<std::string> replaced_;  // earlier outputs moved aside, to remove
+  std::vector<std::string> stale_;     // an earlier JPEG batch's pages, removed
   uint64_t pageBytes_ = 0;
   uint32_t pageLines_ = 0;
   bool open_ = false;
@@ -145,6 +150,7 @@ class OutputDocument {
   bool failed_ = false;
   int pagesDone_ = 0;
   int pagesSkipped_ = 0;
+  int kept_ = 0;  // pages under their names (a JPEG batch's as they are published)
   std::string error_;
 };
 

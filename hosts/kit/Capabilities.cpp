@@ -363,17 +363,25 @@ bool IsToneCapability(uint16_t code) {
          code == CAP_GAMMA;
 }
 
-const CapabilityInfo* FindToneChannel(std::string_view name, int* element) {
-  constexpr std::string_view kSuffixes[] = {"-r", "-g", "-b"};
-  for (int i = 0; i < 3; ++i) {
-    const std::string_view suffix = kSuffixes[i];
+constexpr std::string_view kColourSuffixes[kColourElements] = {"-r", "-g", "-b"};
+
+NamedSetting FindSetting(std::string_view name) {
+  for (int i = 0; i < kColourElements; ++i) {
+    const std::string_view suffix = kColourSuffixes[i];
     if (name.size() <= suffix.size() || !EqualNoCase(name.substr(name.size() - suffix.size()), suffix)) continue;
     const CapabilityInfo* cap = FindCapability(name.substr(0, name.size() - suffix.size()));
-    if (!cap || !IsToneCapability(cap->code)) return nullptr;
-    *element = i + 1;
-    return cap;
+    if (!cap || !IsToneCapability(cap->code)) return {};
+    return {cap, i + 1};
   }
-  return nullptr;
+  return {FindCapability(name), kNoElement};
+}
+
+std::string SettingName(const NamedSetting& setting) {
+  std::string name = setting.cap ? setting.cap->name : "";
+  if (setting.element < 1 || setting.element > kColourElements) return name;
+  for (char c : kColourSuffixes[setting.element - 1])
+    name += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return name;
 }
 
 bool Admissible(const CapabilityInfo& cap, const Value& value, int32_t count, const uint8_t* items,

@@ -96,13 +96,25 @@ bool Admissible(const CapabilityInfo& cap, const Value& value, int32_t count, co
 // Tone settings (brightness, contrast, highlight, shadow, gamma) are arrays
 // of four elements: the whole image, then red, green and blue. The library
 // addresses the element that CAP_FILTER chooses, so the program names the
-// element itself and leaves the filter as it was.
+// element itself and leaves the filter as it was. A tone setting named
+// plainly ("gamma") is its whole-image element, the value a person means,
+// whatever the filter; "gamma-r", "gamma-g" and "gamma-b" name the colours'.
 constexpr int kWholeImage = 0;
 constexpr int kNoElement = -1;
+constexpr int kColourElements = 3;
 bool IsToneCapability(uint16_t code);
-// "gamma-r", "brightness-g", "shadow-b": the tone capability and its colour
-// element (1 red, 2 green, 3 blue); null when the name is not one of them.
-const CapabilityInfo* FindToneChannel(std::string_view name, int* element);
+
+// A setting as a person names it: a capability, or one colour's element of
+// a tone setting.
+struct NamedSetting {
+  const CapabilityInfo* cap = nullptr;  // null: no such setting
+  int element = kNoElement;             // 1 red, 2 green, 3 blue
+};
+// FindCapability's names, and "gamma-r", "brightness-g", "shadow-b" (any
+// letter case, with or without CAP_).
+NamedSetting FindSetting(std::string_view name);
+// "CAP_GAMMA", "CAP_GAMMA-R".
+std::string SettingName(const NamedSetting& setting);
 
 // The library lists gamma as any value, but it keeps gamma in hundredths in
 // 16 bits, and 0 makes every pixel black: these are the values that work.

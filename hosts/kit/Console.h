@@ -20,9 +20,9 @@ void EndProgressLine();
 // Until StopWatchingInterrupts, an interrupt (Ctrl-C, SIGTERM and SIGHUP on
 // POSIX; Ctrl-Break and closing the console on Windows) sets *flag instead of
 // ending the program. A second interrupt ends it at once, should the library
-// not call back again or a file take long to write: the partial files being
-// written are removed (ImageWriter.h), "scan cancelled" is said and the
-// status is 130.
+// not call back again or a file take long to write: the pages complete are
+// kept and the partial files removed (PartialFiles.h), "scan cancelled" is
+// said with what was kept, and the status is 130.
 void WatchInterrupts(std::atomic<bool>* flag);
 void StopWatchingInterrupts();
 

@@ -6,10 +6,11 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 
 #include "kit/Exit.h"
-#include "documents/ImageWriter.h"
+#include "documents/PartialFiles.h"
 
 namespace sx::host {
 namespace {
@@ -34,13 +35,17 @@ constexpr int kInterruptSignals[] = {SIGINT, SIGTERM, SIGHUP};
 struct sigaction g_previous[std::size(kInterruptSignals)];
 
 // The second interrupt ends the program at once, with only what is safe in a
-// signal handler: the partial files go, the message and the status stay.
+// signal handler: the pages complete are kept, the partial files go, and the
+// message says which and keeps the status.
 [[noreturn]] void EndAtOnce() {
-  for (int slot = 0; slot < kPartialSlots; ++slot) {
-    if (const char* partial = PartialInFlight(slot)) unlink(partial);
+  const char* note = KeepPagesAtOnce();
+  if (!note) {
+    for (;;) pause();  // another thread ends the program
   }
-  static const char kMessage[] = "\nsxscan: scan cancelled\n";
-  const ssize_t ignored = write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
+  static const char kMessage[] = "\nsxscan: scan cancelled";
+  ssize_t ignored = write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
+  ignored = write(STDERR_FILENO, note, std::strlen(note));
+  ignored = write(STDERR_FILENO, "\n", 1);
   (void)ignored;
   _exit(kExitCancelled);
 }

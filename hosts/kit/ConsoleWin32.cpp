@@ -6,10 +6,11 @@
 #include <psapi.h>
 
 #include <cstdio>
+#include <cstring>
 
 #include "kit/Exit.h"
 #include "kit/Console.h"
-#include "documents/ImageWriter.h"
+#include "documents/PartialFiles.h"
 
 namespace sx::host {
 namespace {
@@ -30,16 +31,20 @@ std::atomic<int> g_interrupts{0};
 
 HANDLE StderrHandle() { return GetStdHandle(STD_ERROR_HANDLE); }
 
-// The second interrupt ends the program at once: the partial files go, the
-// message and the status stay. The process is ended without running the
-// modules' detach code, as a first interrupt may have left a scan mid-way.
+// The second interrupt ends the program at once: the pages complete are
+// kept, the partial files go, the message says which and the status stays.
+// The process is ended without running the modules' detach code, as a first
+// interrupt may have left a scan mid-way.
 void EndAtOnce() {
-  for (int slot = 0; slot < kPartialSlots; ++slot) {
-    if (const char* partial = PartialInFlight(slot)) DeleteFileA(partial);
+  const char* note = KeepPagesAtOnce();
+  if (!note) {
+    for (;;) Sleep(INFINITE);  // another thread ends the program
   }
-  static const char kMessage[] = "\nsxscan: scan cancelled\n";
   DWORD written = 0;
+  static const char kMessage[] = "\nsxscan: scan cancelled";
   WriteFile(StderrHandle(), kMessage, sizeof kMessage - 1, &written, nullptr);
+  WriteFile(StderrHandle(), note, static_cast<DWORD>(std::strlen(note)), &written, nullptr);
+  WriteFile(StderrHandle(), "\n", 1, &written, nullptr);
   TerminateProcess(GetCurrentProcess(), kExitCancelled);
 }
 

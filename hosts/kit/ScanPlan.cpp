@@ -46,9 +46,7 @@ bool BuildScanSettings(const ScanOptions& o, std::vector<SettingChange>* changes
   if (o.buffered) AddInteger(changes, CAP_BUFFERING, 1);
   if (o.filter != ColorFilter::Keep) AddInteger(changes, CAP_FILTER, static_cast<int>(o.filter));
   for (const auto& [name, text] : o.settings) {
-    int element = kNoElement;
-    const CapabilityInfo* cap = FindToneChannel(name, &element);
-    if (!cap) cap = FindCapability(name);
+    const auto [cap, element] = FindSetting(name);
     if (!cap) {
       *error = "unknown capability '" + name + "' (see 'sxscan caps')";
       return false;

@@ -122,8 +122,6 @@ QueriedList QueryList(const CapabilityInfo& cap) {
 
 namespace {
 
-constexpr int kLastElement = 3;  // blue
-
 int32_t ReadRaw(const CapabilityInfo& cap, Value* value) {
   *value = Value{};
   value->type = cap.getType;
@@ -146,17 +144,18 @@ int32_t WriteByte(uint16_t code, uint8_t v) {
   return SxSetValue(code, TY_UINT8, bytes);
 }
 
-// Grey and line art taken from one colour use that colour's tone element.
+// The element that shapes the image: grey and line art taken from one colour
+// use that colour's element alone.
 int ImageElement() {
   constexpr uint8_t kColourPixels = 2;
   const uint8_t filter = ReadByte(CAP_FILTER);
-  return ReadByte(CAP_PIXELTYPE) < kColourPixels && filter >= 1 && filter <= kLastElement ? filter : kWholeImage;
+  return ReadByte(CAP_PIXELTYPE) < kColourPixels && filter >= 1 && filter <= kColourElements ? filter : kWholeImage;
 }
 
 // Runs `access` with CAP_FILTER choosing `element`, then restores the filter.
 template <typename Access>
 int32_t WithElement(int element, Access access) {
-  if (element < kWholeImage || element > kLastElement) return SX_ERR_UNSUPPORTED;
+  if (element < kWholeImage || element > kColourElements) return SX_ERR_UNSUPPORTED;
   const uint8_t filter = ReadByte(CAP_FILTER);
   int32_t result = WriteByte(CAP_FILTER, static_cast<uint8_t>(element));
   if (result == SX_OK) result = access();
@@ -210,13 +209,23 @@ int32_t WriteElement(const CapabilityInfo& cap, int element, const Value& value)
 }
 
 int32_t ReadValue(const CapabilityInfo& cap, Value* value) {
-  if (IsToneCapability(cap.code)) return ReadElement(cap, ImageElement(), value);
+  if (IsToneCapability(cap.code)) return ReadElement(cap, kWholeImage, value);
   return ReadRaw(cap, value);
 }
 
 int32_t WriteValue(const CapabilityInfo& cap, const Value& value) {
-  if (IsToneCapability(cap.code)) return WriteElement(cap, ImageElement(), value);
+  if (IsToneCapability(cap.code)) return WriteElement(cap, kWholeImage, value);
   return WriteRaw(cap, value);
+}
+
+int32_t ReadSetting(const NamedSetting& setting, Value* value) {
+  if (setting.element == kNoElement) return ReadValue(*setting.cap, value);
+  return ReadElement(*setting.cap, setting.element, value);
+}
+
+int32_t WriteSetting(const NamedSetting& setting, const Value& value) {
+  if (setting.element == kNoElement) return WriteValue(*setting.cap, value);
+  return WriteElement(*setting.cap, setting.element, value);
 }
 
 std::string Inadmissible(const CapabilityInfo& cap, const Value& value) {
@@ -233,21 +242,44 @@ bool CheckAdmissible(const CapabilityInfo& cap, const Value& value) {
   return refusal.empty();
 }
 
-SettingsOutcome ApplySettings(const std::vector<SettingChange>& changes, std::string* why) {
+namespace {
+
+// The whole-image tone values given, for the element that shapes a grey or
+// line-art image taken from one colour: a later value of that colour's own
+// wins.
+std::vector<SettingChange> WholeImageTones(const std::vector<SettingChange>& changes, int element) {
+  std::vector<SettingChange> out;
   for (const auto& change : changes) {
-    *why = Inadmissible(*change.cap, change.value);
-    if (!why->empty()) return SettingsOutcome::Refused;
+    if (!IsToneCapability(change.cap->code) || (change.element != kNoElement && change.element != element)) continue;
+    std::erase_if(out, [&](const SettingChange& given) { return given.cap == change.cap; });
+    if (change.element == kNoElement) out.push_back({change.cap, change.value, element});
   }
+  return out;
+}
+
+SettingsOutcome Write(const std::vector<SettingChange>& changes, std::string* why) {
   for (const auto& change : changes) {
-    const int32_t result = change.element == kNoElement ? WriteValue(*change.cap, change.value)
-                                                        : WriteElement(*change.cap, change.element, change.value);
+    const int32_t result = WriteSetting({change.cap, change.element}, change.value);
     if (result != SX_OK) {
-      *why = std::string("cannot set ") + change.cap->name + ": " + ResultText(result) + " (" +
+      *why = "cannot set " + SettingName({change.cap, change.element}) + ": " + ResultText(result) + " (" +
              std::to_string(result) + ")";
       return SettingsOutcome::Failed;
     }
   }
   return SettingsOutcome::Applied;
+}
+
+}  // namespace
+
+SettingsOutcome ApplySettings(const std::vector<SettingChange>& changes, std::string* why) {
+  for (const auto& change : changes) {
+    *why = Inadmissible(*change.cap, change.value);
+    if (!why->empty()) return SettingsOutcome::Refused;
+  }
+  const SettingsOutcome written = Write(changes, why);
+  if (written != SettingsOutcome::Applied) return written;
+  const int image = ImageElement();
+  return image == kWholeImage ? written : Write(WholeImageTones(changes, image), why);
 }
 
 }  // namespace sx::host

@@ -42,7 +42,11 @@ struct QueriedList {
 // SxQueryData in the capability's item type; frees the list blocks.
 QueriedList QueryList(const CapabilityInfo& cap);
 
+// A tone setting's whole-image element (Capabilities.h) for a tone
+// capability, whatever CAP_FILTER says.
 int32_t ReadValue(const CapabilityInfo& cap, Value* value);
+// The setting as named: a capability's value or one colour's element.
+int32_t ReadSetting(const NamedSetting& setting, Value* value);
 
 // Empty when the library lists `value` as admissible for the capability;
 // otherwise which values it admits, naming the capability and the value.
@@ -51,18 +55,19 @@ std::string Inadmissible(const CapabilityInfo& cap, const Value& value);
 // Inadmissible, said on stderr; whether the value is admissible.
 bool CheckAdmissible(const CapabilityInfo& cap, const Value& value);
 int32_t WriteValue(const CapabilityInfo& cap, const Value& value);
+int32_t WriteSetting(const NamedSetting& setting, const Value& value);
 
 // Every value is checked against what the scanner admits before any is
-// written; then they are written in order, a tone setting's element through
-// CAP_FILTER. Refused: a value not admitted, nothing written; Failed: the
-// library refused a write. *why says which, and why.
+// written; then they are written in order. A grey or line-art scan taken
+// from one colour is shaped by that colour's tone element alone (the
+// library's rule): a whole-image tone value given goes to that element too,
+// unless the colour's own value is given after it. Refused: a value not
+// admitted, nothing written; Failed: the library refused a write. *why says
+// which, and why.
 enum class SettingsOutcome { Applied, Refused, Failed };
 SettingsOutcome ApplySettings(const std::vector<SettingChange>& changes, std::string* why);
 
-// One element of a tone setting (Capabilities.h), CAP_FILTER restored after.
-// ReadValue and WriteValue address the whole image's element of a tone
-// setting; in a grey or line-art scan taken from one colour, that colour's
-// element, which alone shapes such an image.
+// One element of a tone setting, CAP_FILTER restored after.
 int32_t ReadElement(const CapabilityInfo& cap, int element, Value* value);
 int32_t WriteElement(const CapabilityInfo& cap, int element, const Value& value);
 

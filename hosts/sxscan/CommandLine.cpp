@@ -162,12 +162,15 @@ constexpr Option kOptions[] = {
        constexpr char kComplaint[] = "--pages wants a count of at least 1, or all";
        return Word(kAll, v, &l->scan.pages, e, kComplaint) || Whole(v, 1, INT32_MAX, &l->scan.pages, e, kComplaint);
      },
-     "number of pages to transfer from the feeder"},
+     "number of pages to take from the feeder; default all,\n"
+     "every sheet it holds"},
     {"--output", "FILE", kForScan, [](V, V v, L l, E e) { return ParseOutput(v, &l->scan, e); },
      "the format follows the name: .png for one page (several\n"
-     "pages become a multi-page .tif beside it), .tif, .pdf\n"
-     "(every page in one document), .jpg (one file per page:\n"
-     "name.jpg, name-2.jpg, ...); default scan.png"},
+     "pages become a multi-page .tif beside it, never replacing\n"
+     "one that exists), .tif, .pdf (every page in one document),\n"
+     ".jpg (one file per page: name.jpg, name-2.jpg, ...; the\n"
+     "further pages of an earlier scan to the name are removed);\n"
+     "default scan.png"},
     {"--quality", "N", kForScan,
      [](V, V v, L l, E e) {
        return Whole(v, 1, 100, &l->scan.quality, e, "--quality wants a JPEG quality, 1 to 100");
@@ -217,7 +220,9 @@ constexpr Command kCommands[] = {
     {"caps", CommandKind::Caps, 0, 0, "caps", "every capability: current value and admissible values",
      "Every capability with its current value and the values the scanner admits.\n"},
     {"get", CommandKind::Get, 1, -1, "get NAME...", "current value of capabilities (CAP_XRESOLUTION or xresolution)",
-     "Current values; NAME is CAP_XRESOLUTION, xresolution or 0x9200.\n"},
+     "Current values; NAME is CAP_XRESOLUTION, xresolution or 0x9200. A tone setting\n"
+     "(gamma, brightness, contrast, highlight, shadow) is the whole image's value;\n"
+     "gamma-r, gamma-g, gamma-b (and so on) name one colour's.\n"},
     {"set", CommandKind::Set, 2, -1, "set NAME VALUE...",
      "set capabilities and show what the library kept; settings last\n"
      "while the program runs, so pass them to scan with --set",
@@ -245,7 +250,9 @@ constexpr Command kCommands[] = {
 
 // After the system's own note on how the library finds its set-up.
 constexpr char kNotes[] =
-    "Ctrl-C stops a scan cleanly.\n"
+    "Ctrl-C stops a scan cleanly,\n"
+    "keeping the pages complete before it; a second Ctrl-C ends the program at once,\n"
+    "keeping them too. A full disk or a scanner error keeps them the same way.\n"
     "Exit status: 0 success, 1 the library or scanner failed, 2 a wrong command line,\n"
     "130 interrupted.\n";
 

@@ -67,11 +67,12 @@ std::string ValueText(const CapabilityInfo& cap, const Value& value, const Sourc
   return text;
 }
 
-std::string CurrentValueText(const CapabilityInfo& cap, const SourceFacts& facts) {
+std::string CurrentValueText(const NamedSetting& setting, const SourceFacts& facts) {
+  const CapabilityInfo& cap = *setting.cap;
   if (cap.flags & kCapGetFetchesRaster) return "(reading fetches the background raster)";
   if (!cap.getType) return "-";
   Value value;
-  int32_t result = ReadValue(cap, &value);
+  int32_t result = ReadSetting(setting, &value);
   if (result != SX_OK) return "(" + ResultText(result) + ")";
   return ValueText(cap, value, facts);
 }
@@ -101,10 +102,10 @@ std::string AdmissibleText(const CapabilityInfo& cap, const SourceFacts& facts) 
   return DescribeList(cap, list.count, list.items.data(), list.items.size());
 }
 
-const CapabilityInfo* LookUp(const std::string& name) {
-  const CapabilityInfo* cap = FindCapability(name);
-  if (!cap) std::fprintf(stderr, "sxscan: unknown capability '%s' (see 'sxscan caps')\n", name.c_str());
-  return cap;
+NamedSetting LookUp(const std::string& name) {
+  const NamedSetting setting = FindSetting(name);
+  if (!setting.cap) std::fprintf(stderr, "sxscan: unknown capability '%s' (see 'sxscan caps')\n", name.c_str());
+  return setting;
 }
 
 }  // namespace
@@ -194,75 +195,82 @@ int RunCaps() {
   if (!OpenStoredSource()) return kExitFailed;
   std::vector<std::vector<std::string>> rows = {{"CAPABILITY", "CURRENT", "ADMISSIBLE"}};
   const SourceFacts facts = ReadSourceFacts();
-  for (const auto& cap : AllCapabilities())
-    rows.push_back({cap.name, CurrentValueText(cap, facts), AdmissibleText(cap, facts)});
+  const auto row = [&](const NamedSetting& setting) {
+    rows.push_back({SettingName(setting), CurrentValueText(setting, facts), AdmissibleText(*setting.cap, facts)});
+  };
+  // A tone setting's colours follow its whole-image value.
+  for (const auto& cap : AllCapabilities()) {
+    row({&cap, kNoElement});
+    for (int element = 1; IsToneCapability(cap.code) && element <= kColourElements; ++element) row({&cap, element});
+  }
   PrintTable(rows);
   return kExitOk;
 }
 
 int RunGet(const std::vector<std::string>& names) {
-  std::vector<const CapabilityInfo*> caps;
+  std::vector<NamedSetting> settings;
   for (const auto& name : names) {
-    const CapabilityInfo* cap = LookUp(name);
-    if (!cap) return kExitUsage;
-    if (!cap->getType) {
-      std::fprintf(stderr, "sxscan: %s cannot be read as a value\n", cap->name);
+    const NamedSetting setting = LookUp(name);
+    if (!setting.cap) return kExitUsage;
+    if (!setting.cap->getType) {
+      std::fprintf(stderr, "sxscan: %s cannot be read as a value\n", setting.cap->name);
       return kExitUsage;
     }
-    caps.push_back(cap);
+    settings.push_back(setting);
   }
   LibraryScope session;
   if (!OpenStoredSource()) return kExitFailed;
   const SourceFacts facts = ReadSourceFacts();
   int exitCode = kExitOk;
-  for (const CapabilityInfo* cap : caps) {
+  for (const NamedSetting& setting : settings) {
     Value value;
-    int32_t result = ReadValue(*cap, &value);
+    int32_t result = ReadSetting(setting, &value);
     if (result != SX_OK) {
-      std::fprintf(stderr, "sxscan: %s: %s (%d)\n", cap->name, ResultText(result).c_str(), result);
+      std::fprintf(stderr, "sxscan: %s: %s (%d)\n", SettingName(setting).c_str(), ResultText(result).c_str(), result);
       exitCode = kExitFailed;
       continue;
     }
-    std::printf("%s = %s\n", cap->name, ValueText(*cap, value, facts).c_str());
+    std::printf("%s = %s\n", SettingName(setting).c_str(), ValueText(*setting.cap, value, facts).c_str());
   }
   return exitCode;
 }
 
 int RunSet(const std::vector<std::string>& pairs) {
-  std::vector<std::pair<const CapabilityInfo*, Value>> changes;
+  std::vector<std::pair<NamedSetting, Value>> changes;
   for (size_t i = 0; i + 1 < pairs.size(); i += 2) {
-    const CapabilityInfo* cap = LookUp(pairs[i]);
-    if (!cap) return kExitUsage;
-    if (!cap->setType) {
-      std::fprintf(stderr, "sxscan: %s cannot be set\n", cap->name);
+    const NamedSetting setting = LookUp(pairs[i]);
+    if (!setting.cap) return kExitUsage;
+    const CapabilityInfo& cap = *setting.cap;
+    if (!cap.setType) {
+      std::fprintf(stderr, "sxscan: %s cannot be set\n", cap.name);
       return kExitUsage;
     }
     Value value;
     std::string error;
-    if (!ParseSettingValue(*cap, pairs[i + 1], &value, &error)) {
-      std::fprintf(stderr, "sxscan: %s wants a %s value: %s\n", cap->name, ValueTypeName(cap->setType),
-                   error.c_str());
+    if (!ParseSettingValue(cap, pairs[i + 1], &value, &error)) {
+      std::fprintf(stderr, "sxscan: %s wants a %s value: %s\n", SettingName(setting).c_str(),
+                   ValueTypeName(cap.setType), error.c_str());
       return kExitUsage;
     }
-    changes.emplace_back(cap, value);
+    changes.emplace_back(setting, value);
   }
   LibraryScope session;
   if (!OpenStoredSource()) return kExitFailed;
-  for (const auto& [cap, value] : changes) {
-    if (!CheckAdmissible(*cap, value)) return kExitUsage;
+  for (const auto& [setting, value] : changes) {
+    if (!CheckAdmissible(*setting.cap, value)) return kExitUsage;
   }
   int exitCode = kExitOk;
-  for (const auto& [cap, value] : changes) {
-    int32_t result = WriteValue(*cap, value);
+  for (const auto& [setting, value] : changes) {
+    int32_t result = WriteSetting(setting, value);
     if (result != SX_OK) {
-      std::fprintf(stderr, "sxscan: %s: %s (%d)\n", cap->name, ResultText(result).c_str(), result);
+      std::fprintf(stderr, "sxscan: %s: %s (%d)\n", SettingName(setting).c_str(), ResultText(result).c_str(), result);
       exitCode = kExitFailed;
       continue;
     }
-    if (cap->getType)
-      std::printf("%s = %s\n", cap->name, CurrentValueText(*cap, ReadSourceFacts()).c_str());
+    if (setting.cap->getType)
+      std::printf("%s = %s\n", SettingName(setting).c_str(), CurrentValueText(setting, ReadSourceFacts()).c_str());
     else
-      std::printf("%s set\n", cap->name);
+      std::printf("%s set\n", setting.cap->name);
   }
   std::fprintf(stderr,
                "sxscan: settings last while the program runs; scan with them through "

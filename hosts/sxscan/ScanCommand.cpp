@@ -8,7 +8,9 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <string>
 #include <system_error>
+#include <vector>
 
 #include "documents/BackgroundEncoder.h"
 #include "documents/ImageWriter.h"
@@ -187,6 +189,29 @@ void PrintStats(int pages, std::chrono::steady_clock::time_point lastBlock,
                static_cast<unsigned long long>(PeakMemoryKb()));
 }
 
+// "a", "a and b", "a, b and c".
+std::string Listed(const std::vector<std::string>& names) {
+  std::string out;
+  for (size_t i = 0; i < names.size(); ++i)
+    out += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
+  return out;
+}
+
+// A feeder scan to a PNG name writes its pages to a TIFF beside it once a
+// second page comes (OutputDocument): a file of that name is not replaced
+// unasked, so the scan is refused before it starts.
+bool TiffBesideIsFree(const ScanOptions& options, ScanSource source) {
+  const std::string tiff = TiffForPngName(options.output);
+  std::error_code ec;
+  if (tiff.empty() || source == ScanSource::Flatbed || options.pages == 1 || !std::filesystem::exists(tiff, ec))
+    return true;
+  std::fprintf(stderr,
+               "sxscan: %s exists, and a feeder scan to %s writes its pages there when more than one comes; "
+               "move it away, scan to %s to replace it, or give --pages 1\n",
+               tiff.c_str(), options.output.c_str(), tiff.c_str());
+  return false;
+}
+
 // How a scan ended, for its report.
 struct ScanEnd {
   int32_t result = SX_OK;  // SxAcquire's
@@ -195,28 +220,24 @@ struct ScanEnd {
   bool areaTooSmall = false;  // the area holds less than the widest alignment unit
 };
 
+// What the scan wrote, once: a scan that did not end well names what it kept
+// after what ended it.
 int Report(const ScanEnd& end, const OutputDocument& document, bool finished) {
   const int32_t result = end.result;
   EndProgressLine();
-  std::string written = document.WrittenPath();
+  const std::string kept = document.KeptText();
   const bool cancelled = g_interrupted.load() || result == SX_ERR_CANCELLED;
-  if (document.PagesDone() > 0 && finished && !cancelled)
-    std::printf("wrote %d page%s to %s\n", document.PagesDone(), document.PagesDone() == 1 ? "" : "s",
-                written.c_str());
   if (document.PagesSkipped() > 0)
     std::fprintf(stderr, "sxscan: %d page(s) without image lines were left out\n", document.PagesSkipped());
+  if (!document.StaleRemoved().empty())
+    std::fprintf(stderr, "sxscan: removed %s, left by an earlier scan of more pages\n",
+                 Listed(document.StaleRemoved()).c_str());
   if (!finished) {
-    std::fprintf(stderr, "sxscan: %s\n", document.Error().c_str());
+    std::fprintf(stderr, "sxscan: %s; %s\n", document.Error().c_str(), kept.c_str());
     return kExitFailed;
   }
   if (cancelled) {
-    // The pages complete before the interrupt are kept, and said so once.
-    if (document.PagesDone() > 0)
-      std::fprintf(stderr, "sxscan: scan cancelled; the %d page%s scanned before it %s kept in %s\n",
-                   document.PagesDone(), document.PagesDone() == 1 ? "" : "s",
-                   document.PagesDone() == 1 ? "is" : "are", written.c_str());
-    else
-      std::fprintf(stderr, "sxscan: scan cancelled\n");
+    std::fprintf(stderr, "sxscan: scan cancelled; %s\n", kept.c_str());
     return kExitCancelled;
   }
   if (end.intake.LineTooLong()) {
@@ -232,15 +253,17 @@ int Report(const ScanEnd& end, const OutputDocument& document, bool finished) {
   }
   if (result != SX_OK) {
     if (result == kIntakeStop && !end.intake.StopReason().empty())
-      std::fprintf(stderr, "sxscan: scan stopped: %s\n", end.intake.StopReason().c_str());
+      std::fprintf(stderr, "sxscan: scan stopped: %s; %s\n", end.intake.StopReason().c_str(), kept.c_str());
     else
-      std::fprintf(stderr, "sxscan: scan failed: %s (%d)\n", ResultText(result).c_str(), result);
+      std::fprintf(stderr, "sxscan: scan failed: %s (%d); %s\n", ResultText(result).c_str(), result, kept.c_str());
     return kExitFailed;
   }
   if (document.PagesDone() == 0) {
     std::fprintf(stderr, "sxscan: the scanner delivered no page\n");
     return kExitFailed;
   }
+  std::printf("wrote %d page%s to %s\n", document.PagesDone(), document.PagesDone() == 1 ? "" : "s",
+              document.WrittenPath().c_str());
   if (document.PagesDone() < end.pagesExpected)
     std::fprintf(stderr, "sxscan: the feeder ran out of paper after %d of the %d pages asked for\n",
                  document.PagesDone(), end.pagesExpected);
@@ -264,7 +287,7 @@ int RunScan(const ScanOptions& options) {
   const SourceFacts facts = ReadSourceFacts();
   const ScanSource source = ChooseSource(options.source, facts);
   AddSourceChanges(options, source, facts, &changes);
-  if (!AreaOnSource(options, source, facts)) return kExitUsage;
+  if (!AreaOnSource(options, source, facts) || !TiffBesideIsFree(options, source)) return kExitUsage;
   if (const SettingsOutcome applied = ApplySettings(changes, &error); applied != SettingsOutcome::Applied) {
     std::fprintf(stderr, "sxscan: %s\n", error.c_str());
     return applied == SettingsOutcome::Refused ? kExitUsage : kExitFailed;

@@ -21,6 +21,18 @@ fail() {
   exit 1
 }
 
+# A tree that lacks a file the install copies (the demo's, built only in
+# part) is refused before anything is copied.
+held="$build/modules/aspisim/wnaspi32.dll"
+mv "$held" "$held.held"
+trap 'mv "$held.held" "$held" 2>/dev/null || true; rm -rf "$work"' EXIT
+if cmake --install "$build" --prefix "$work/partial" >"$work/partial.log" 2>&1; then
+  fail "an install without $held succeeded"
+fi
+grep -q "nothing was installed" "$work/partial.log" || fail "the refusal does not say why: $(cat "$work/partial.log")"
+[[ -z "$(find "$work/partial" -type f 2>/dev/null)" ]] || fail "the refused install copied files"
+mv "$held.held" "$held"
+
 cmake --install "$build" --prefix "$work/first" >/dev/null
 mv "$work/first" "$work/prefix"
 prefix=$work/prefix

@@ -204,35 +204,70 @@ TEST(HostDocumentEncoders, EveryFormatKeepsTheDeliveredPixelsAndLength) {
   }
 }
 
-// A feeder batch: pages of different kinds one after another, a page left
-// unfinished taken out, and a sink that fails part way reported by every
-// format.
-TEST(HostDocumentEncoders, BatchesAbandonedPagesAndFailingSinks) {
+// The pages a reader finds in a TIFF or PDF document's bytes, each compared
+// with the page delivered.
+void ExpectPages(const TempDir& dir, DocumentFormat format, const std::vector<uint8_t>& bytes, const Page* pages,
+                 size_t count) {
+  if (format == DocumentFormat::Tiff) {
+    std::vector<TiffPage> back = ReadTiff(Write(dir / "b.tif", bytes));
+    ASSERT_EQ(back.size(), count);
+    for (size_t i = 0; i < count; ++i) EXPECT_EQ(back[i].raster, pages[i].Packed(pages[i].format.lines)) << i;
+    return;
+  }
+  std::string why;
+  EXPECT_EQ(PdfStructurePages(bytes, &why), int(count)) << why;
+  std::vector<PdfPage> back = ReadPdf(bytes);
+  ASSERT_EQ(back.size(), count);
+  for (size_t i = 0; i < count; ++i) EXPECT_EQ(back[i].raster, pages[i].Packed(pages[i].format.lines)) << i;
+}
+
+// A feeder batch of pages of different kinds is a whole document at every
+// page's end: cut back there (its patch written back), as a document that
+// cannot be finished is, it holds the pages before. A page left unfinished
+// is taken out, and a sink that fails inside a page keeps those before it.
+TEST(HostDocumentEncoders, BatchesAreWholeAtEveryPageEnd) {
   TempDir dir;
   const Page pages[] = {Pattern(PixelKind::Rgb, 40, 30), Pattern(PixelKind::Lineart, 48, 10),
                         Pattern(PixelKind::Gray, 33, 21)};
   std::string error;
   for (DocumentFormat format : {DocumentFormat::Tiff, DocumentFormat::Pdf}) {
+    SCOPED_TRACE(int(format));
     MemorySink sink;
     auto encoder = MakeDocumentEncoder(format, sink, 0);
-    for (const Page& page : pages) ASSERT_TRUE(Encode(*encoder, page, page.format.lines, &error)) << error;
+    std::vector<PageBoundary> ends;
+    for (const Page& page : pages) {
+      ASSERT_TRUE(Encode(*encoder, page, page.format.lines, &error)) << error;
+      ends.push_back(encoder->Boundary());
+    }
     ASSERT_TRUE(encoder->BeginPage(pages[0].format, &error));
     ASSERT_TRUE(encoder->WriteLines(pages[0].raster.data(), 9, &error));
     ASSERT_TRUE(encoder->AbandonPage(&error)) << error;
     ASSERT_TRUE(encoder->Finish(&error)) << error;
+    ExpectPages(dir, format, sink.bytes_, pages, 3);
     if (format == DocumentFormat::Tiff) {
-      std::vector<TiffPage> back = ReadTiff(Write(dir / "b.tif", sink.bytes_));
-      ASSERT_EQ(back.size(), 3u);
-      for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(back[i].raster, pages[i].Packed(pages[i].format.lines)) << i;
-        EXPECT_TRUE(back[i].page == i && back[i].pages == 3) << back[i].page << " of " << back[i].pages;
-      }
-    } else {
-      std::vector<PdfPage> back = ReadPdf(sink.bytes_);
-      ASSERT_EQ(back.size(), 3u);
-      EXPECT_NE(std::string(sink.bytes_.begin(), sink.bytes_.end()).find("/Count 3"), std::string::npos);
-      EXPECT_EQ(back[2].raster, pages[2].Packed(pages[2].format.lines));
+      for (const TiffPage& page : ReadTiff(dir / "b.tif")) EXPECT_EQ(page.pages, 3) << page.page;
     }
+    for (size_t k = 1; k <= 3; ++k) {
+      const PageBoundary& end = ends[k - 1];
+      std::vector<uint8_t> cut(sink.bytes_.begin(), sink.bytes_.begin() + end.length);
+      std::copy(end.patch, end.patch + end.patchBytes, cut.begin() + end.patchAt);
+      ExpectPages(dir, format, cut, pages, k);
+    }
+
+    MemorySink failing(true, (ends[1].length + ends[2].length) / 2);
+    encoder = MakeDocumentEncoder(format, failing, 0);
+    ASSERT_TRUE(Encode(*encoder, pages[0], 30, &error) && Encode(*encoder, pages[1], 10, &error)) << error;
+    EXPECT_FALSE(Encode(*encoder, pages[2], 21, &error));
+    ASSERT_TRUE(encoder->KeepWholePages(&error)) << error;
+    ExpectPages(dir, format, failing.bytes_, pages, 2);
+    if (format == DocumentFormat::Tiff) {
+      EXPECT_EQ(ReadTiff(dir / "b.tif")[1].pages, 2);
+    }
+
+    MemorySink early(true, ends[0].length / 2);
+    encoder = MakeDocumentEncoder(format, early, 0);
+    EXPECT_FALSE(Encode(*encoder, pages[0], 30, &error));
+    EXPECT_FALSE(encoder->KeepWholePages(&error));
   }
   // A stream cannot take a page back.
   MemorySink stream(false);
@@ -310,6 +345,13 @@ TEST(HostOutputDocument, PngBecomesTiffAndJpegGetsAFileAPage) {
   for (size_t i = 0; i < 3; ++i) EXPECT_EQ(Masked(back[i].raster, pages[i].format), pages[i].Packed(pages[i].format.lines)) << i;
   EXPECT_EQ(jpeg.WrittenPath(), dir / "b.jpg" + ", " + dir / "b-2.jpg and " + dir / "b-3.jpg");
   EXPECT_EQ(DecodeJpeg(ReadBytes(dir / "b-3.jpg")).height, 12u);
+  // A later batch of one page under that name: the earlier one's further
+  // pages go with it.
+  OutputDocument again(dir / "b.jpg");
+  ASSERT_TRUE(again.BeginPage(pages[1].format) && again.Append(pages[1].raster.data(), pages[1].raster.size()) &&
+              again.EndPage() && again.Finish());
+  EXPECT_EQ(again.StaleRemoved(), (std::vector<std::string>{dir / "b-2.jpg", dir / "b-3.jpg"}));
+  EXPECT_FALSE(std::filesystem::exists(dir / "b-2.jpg"));
 
   // One page, then an unfinished one: the PNG stays a PNG.
   OutputDocument one(dir / "c.png");

@@ -1,6 +1,7 @@
 // Output files never lose data: scans writing one output at once each
 // publish a whole file of their own, a folder that takes no file is refused
-// before the scan, and a full disk reads the same for every format.
+// before the scan, and a full disk reads the same for every format and keeps
+// the pages complete before it.
 #include <gtest/gtest.h>
 
 #ifdef SX_HOST_BUILT
@@ -83,26 +84,63 @@ TEST(HostOutputFiles, UnwritableFolderAndFullDiskAreNamed) {
   EXPECT_NE(text.find("cannot create a file in the folder /sys: "), std::string::npos) << text;
   EXPECT_EQ(text.find("page 1"), std::string::npos) << text;
 
-  // A disk that fills inside the first page of a feeder job: a small file
-  // system with 128 KiB left, mounted in a namespace of the test's own. The
-  // scan stops there, with the reason, and leaves nothing.
+  // A disk that fills inside the first page of a feeder job, and inside the
+  // third: small file systems (1 MiB with 128 KiB left; two and a half times
+  // one page's file), mounted in a namespace of the test's own. The scan
+  // stops there with the reason, and keeps the two complete pages or nothing.
   const fs::path script = root.Path() / "full.sh";
   sxtest::WriteFile(script,
-      "cd '" + root.Path().string() + "' && mkdir -p full && mount -t tmpfs -o size=1m tmpfs full || exit 77\n"
+      "cd '" + root.Path().string() + "' && mkdir -p full kept && mount -t tmpfs -o size=1m tmpfs full || exit 77\n"
       "head -c 917504 /dev/zero >full/filler 2>/dev/null\n"
       "for f in png tif jpg pdf; do '" SX_TEST_SXSCAN "' scan --source feeder --pages 4 --output full/page.$f\n"
-      "echo \"status $f $?\"; done; echo left: $(ls -A full)\n");
+      "echo \"status $f $?\"; done; echo left: $(ls -A full); umount full\n"
+      "for f in tif jpg pdf; do\n"
+      "'" SX_TEST_SXSCAN "' scan --source feeder --resolution 100 --pages 1 --output one.$f >/dev/null\n"
+      "mount -t tmpfs -o size=$(( $(stat -c %s one.$f) * 5 / 2048 + 1 ))k tmpfs full\n"
+      "'" SX_TEST_SXSCAN "' scan --source feeder --resolution 100 --pages 4 --output full/b.$f\n"
+      "echo \"status $f $?\"; echo left $f: $(ls -A full); cp full/* kept/; umount full; done\n");
   status = std::system(("unshare -rm sh '" + script.string() + "' >'" + log.string() + "' 2>&1").c_str());
   text = sxtest::ReadFile(log);
   if (ExitCode(status) == 77 || text.find("unshare: ") != std::string::npos)
-    GTEST_SKIP() << "no mount namespace here: " << text;
+    GTEST_SKIP() << "no mount namespace here (a full disk needs one): " << text;
   for (std::string format : {"png", "tif", "jpg", "pdf"}) {
-    EXPECT_NE(text.find("no space left on device while writing full/page." + format + "\n"), std::string::npos)
-        << text;
+    EXPECT_NE(text.find("no space left on device while writing full/page." + format +
+                        "; no page was complete, so nothing is kept\n"),
+              std::string::npos) << text;
     EXPECT_NE(text.find("status " + format + " 1"), std::string::npos) << text;
   }
-  EXPECT_EQ(text.find("page 2:"), std::string::npos) << text;
   EXPECT_NE(text.find("left: filler\n"), std::string::npos) << text;
+  const std::pair<std::string, std::string> kept[] = {
+      {"tif", "full/b.tif"}, {"jpg", "full/b.jpg and full/b-2.jpg"}, {"pdf", "full/b.pdf"}};
+  for (const auto& [format, names] : kept) {
+    EXPECT_NE(text.find("; the 2 pages scanned before it are kept in " + names + "\nstatus " + format + " 1\nleft " +
+                        format + ": " + (format == "jpg" ? "b-2.jpg b.jpg" : "b." + format) + "\n"),
+              std::string::npos) << text;
+  }
+  std::vector<sx::host::TiffPage> pages = sx::host::ReadTiff((root.Path() / "kept/b.tif").string());
+  EXPECT_TRUE(pages.size() == 2 && pages[1].pages == 2) << pages.size();
+  std::string why;
+  EXPECT_EQ(sx::host::PdfStructurePages(sx::host::ReadBytes((root.Path() / "kept/b.pdf").string()), &why), 2) << why;
+  EXPECT_TRUE(sx::host::DecodeJpeg(sx::host::ReadBytes((root.Path() / "kept/b-2.jpg").string())).ok);
+}
+
+// A scanner that fails inside the third page: the two before are kept, and
+// the message says where, after the failure.
+TEST(HostOutputFiles, ScannerErrorKeepsThePagesBefore) {
+  sxtest::TempRoot root;
+  root.InstallVscan("Corvane/QM7110V",
+                    "[Scanner]\nModel=QM7110V\n[Feeder]\nSheets=5\n[Faults]\nFaultPage=3\nFailReadAtLine=40\n");
+  const std::string scan = "cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN "' ";
+  ASSERT_EQ(std::system((scan + "select QM7110V >/dev/null").c_str()), 0);
+  const fs::path log = root.Path() / "log.txt";
+  const int status = std::system((scan + "scan --source feeder --resolution 50 --output b.tif >'" + log.string() +
+                                  "' 2>&1").c_str());
+  const std::string text = sxtest::ReadFile(log);
+  EXPECT_EQ(ExitCode(status), 1) << text;
+  EXPECT_NE(text.find("sxscan: scan failed: "), std::string::npos) << text;
+  EXPECT_NE(text.find("; the 2 pages scanned before it are kept in b.tif\n"), std::string::npos) << text;
+  EXPECT_EQ(text.find("wrote"), std::string::npos) << text;
+  EXPECT_EQ(sx::host::ReadTiff((root.Path() / "b.tif").string()).size(), 2u);
 }
 
 }  // namespace

@@ -107,6 +107,13 @@ TEST(HostProgram, FeederStackBecomesMultiPageTiff) {
       EXPECT_TRUE(TIFFGetField(tif, TIFFTAG_PAGENUMBER, &number, &total) && number == want && total == 3);
     }
     TIFFClose(tif);
+    // Another feeder scan to the PNG name would replace that TIFF: refused
+    // before it starts.
+    Outcome again = RunSxscan(root, "scan --source feeder --mode gray --resolution 50 --output stack.png");
+    EXPECT_EQ(again.exitCode, 2);
+    EXPECT_NE(again.text.find("stack.tif exists, and a feeder scan to stack.png writes its pages there"),
+              std::string::npos) << again.text;
+    EXPECT_EQ(ReadTiff((root.Path() / "stack.tif").string()).size(), 3u);
   }
 }
 
