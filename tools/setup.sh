@@ -3,7 +3,8 @@
 # Windows builds included (the MinGW-w64 cross compilers, wine64 to run the
 # x86-64 tests, Xvfb for screenshots of the real dialogs), and what `sxscan
 # serve` is built and tested with (libmicrohttpd, pugixml, Avahi; cpp-httplib
-# and sane-airscan as its test clients).
+# and sane-airscan as its test clients; headless Chromium, its driver,
+# Selenium, Pillow and qpdf to test its web page in a browser).
 # Safe to run again: when every package is installed already, apt is not
 # touched.
 set -euo pipefail
@@ -13,7 +14,7 @@ PACKAGES=(cmake g++ g++-multilib make binutils googletest libgtest-dev libbenchm
           libjpeg-dev zlib1g-dev libsane-dev sane-utils libopencv-dev qemu-user
           g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix binutils-mingw-w64 wine64 xvfb
           libmicrohttpd-dev libcpp-httplib-dev libpugixml-dev libavahi-client-dev sane-airscan avahi-utils
-          avahi-daemon doxygen)
+          avahi-daemon doxygen chromium chromium-driver python3-selenium python3-pil qpdf)
 
 missing=()
 for package in "${PACKAGES[@]}"; do
