@@ -373,14 +373,15 @@ Reach ReachOf(const std::string& listen, const net::Listening& listening, bool a
   return reach;
 }
 
-std::string Url(const std::string& host, int port) {
+// The eSCL root by default; with `path` "/", the web page.
+std::string Url(const std::string& host, int port, const char* path = "/eSCL") {
   const bool ipv6 = host.find(':') != std::string::npos;
-  return "http://" + (ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port) + "/eSCL";
+  return "http://" + (ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port) + path;
 }
 
 // The first line names the address to use. A wildcard is no address to
 // type: the machine's addresses and names follow it instead (a name
-// survives a change of address).
+// survives a change of address). The web page's address comes last.
 void PrintReach(const std::string& scanner, const std::string& listen, const net::Listening& listening,
                 const Reach& reach) {
   std::vector<std::string> hosts = {listen};
@@ -391,6 +392,7 @@ void PrintReach(const std::string& scanner, const std::string& listen, const net
   const std::string first = Url(hosts.empty() ? "localhost" : hosts[0], listening.port);
   std::printf("serving %s at %s\n", scanner.c_str(), first.c_str());
   for (size_t i = 1; i < hosts.size(); ++i) std::printf("  also at %s\n", Url(hosts[i], listening.port).c_str());
+  std::printf("scan from a browser at %s\n", Url(hosts.empty() ? "localhost" : hosts[0], listening.port, "/").c_str());
   std::fflush(stdout);
 }
 
