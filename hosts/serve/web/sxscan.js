@@ -293,9 +293,10 @@ async function startJob(settings) {
 }
 
 // The lines of a PNG received so far. Its image data is one zlib stream of
-// lines (each a filter byte and the line's pixels), inflated as it arrives.
+// lines (each a filter byte and the line's pixels), inflated as it arrives;
+// `changed` is called as lines come out.
 class PngLines {
-  constructor(lineBytes) {
+  constructor(lineBytes, changed) {
     this.lineBytes = lineBytes + 1;
     this.inflated = 0;
     this.skip = PNG_SIGNATURE_BYTES; // bytes to pass over
@@ -307,6 +308,7 @@ class PngLines {
     const pump = () => reader.read().then(({ done, value }) => {
       if (!done) {
         this.inflated += value.length;
+        changed();
         pump();
       }
     }, () => {});
@@ -352,14 +354,14 @@ class PngLines {
 // How far a page has come: by its lines for a PNG, else by its bytes
 // against an estimate of its size.
 class PageProgress {
-  constructor(settings) {
+  constructor(settings, changed) {
     const dots = (units) => Math.max(1, Math.floor(units * settings.resolution / UNITS_PER_INCH));
     const width = dots(settings.area.w);
     const lineBytes = settings.mode === 'RGB24' ? 3 * width : settings.mode === 'Grayscale8' ? width : Math.ceil(width / 8);
     this.lines = dots(settings.area.h);
     this.expected = lineBytes * this.lines * JPEG_SHARE_OF_RAW;
     this.received = 0;
-    this.png = settings.format === 'image/png' ? new PngLines(lineBytes) : null;
+    this.png = settings.format === 'image/png' ? new PngLines(lineBytes, changed) : null;
   }
 
   add(bytes) {
@@ -389,7 +391,11 @@ async function nextDocument(settings, label) {
   if (!response.ok) throw new ScanError(await reason(response));
   const reader = response.body.getReader();
   const chunks = [];
-  const progress = new PageProgress(settings);
+  const show = () => {
+    ui.progress.value = progress.fraction;
+    ui.received.textContent = progress.describe(label);
+  };
+  const progress = new PageProgress(settings, show);
   ui.progress.hidden = false;
   try {
     for (;;) {
@@ -397,8 +403,7 @@ async function nextDocument(settings, label) {
       if (done) break;
       chunks.push(value);
       progress.add(value);
-      ui.progress.value = progress.fraction;
-      ui.received.textContent = progress.describe(label);
+      show();
     }
   } finally {
     progress.close();
