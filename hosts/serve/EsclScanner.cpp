@@ -191,14 +191,14 @@ class JobPages final : public PageReceiver {
   }
 
  private:
-  Job& job_;
-  QueueSink& sink_;
-  PageFormat delivered_;  // as the library sends the page
-  PageFormat format_;     // as the client gets it (AskedFormat)
   bool Write(const uint8_t* lines, uint32_t count, std::string* why) {
     return encoder_->WriteLines(lines, count, why) && (!job_.batch || job_.batch->WriteLines(lines, count, why));
   }
 
+  Job& job_;
+  QueueSink& sink_;
+  PageFormat delivered_;  // as the library sends the page
+  PageFormat format_;     // as the client gets it (AskedFormat)
   std::unique_ptr<DocumentEncoder> encoder_;
   std::vector<uint8_t> line_;  // a delivered line widened to the asked width
 };

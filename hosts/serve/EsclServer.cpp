@@ -389,10 +389,10 @@ void PrintReach(const std::string& scanner, const std::string& listen, const net
     hosts = reach.addresses;
     hosts.insert(hosts.begin() + (hosts.empty() ? 0 : 1), reach.names.begin(), reach.names.end());
   }
-  const std::string first = Url(hosts.empty() ? "localhost" : hosts[0], listening.port);
-  std::printf("serving %s at %s\n", scanner.c_str(), first.c_str());
+  const std::string shown = hosts.empty() ? "localhost" : hosts[0];
+  std::printf("serving %s at %s\n", scanner.c_str(), Url(shown, listening.port).c_str());
   for (size_t i = 1; i < hosts.size(); ++i) std::printf("  also at %s\n", Url(hosts[i], listening.port).c_str());
-  std::printf("scan from a browser at %s\n", Url(hosts.empty() ? "localhost" : hosts[0], listening.port, "/").c_str());
+  std::printf("scan from a browser at %s\n", Url(shown, listening.port, "/").c_str());
   std::fflush(stdout);
 }
 

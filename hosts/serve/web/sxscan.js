@@ -201,9 +201,11 @@ function offerTone(name) {
   const input = ui[name.toLowerCase()];
   Object.assign(input, { min: tone.min, max: tone.max, step: tone.step, value: tone.normal });
   const output = $(name.toLowerCase() + '-value');
+  // Shown, and read out, as the change from the scanner's neutral value.
   const show = () => {
     const offset = Number(input.value) - tone.normal;
     output.textContent = offset > 0 ? '+' + offset : String(offset);
+    input.setAttribute('aria-valuetext', output.textContent);
   };
   input.addEventListener('input', show);
   show();
