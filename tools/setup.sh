@@ -3,8 +3,10 @@
 # Windows builds included (the MinGW-w64 cross compilers and zlib for them,
 # wine64 to run the x86-64 tests, Xvfb for screenshots of the real dialogs),
 # what `sxscan serve` is built and tested with (libmicrohttpd, pugixml, Avahi;
-# cpp-httplib and sane-airscan as its test clients), and the PDF readers the
-# tests check written documents with (qpdf, poppler's pdfinfo and pdftoppm).
+# cpp-httplib and sane-airscan as its test clients; headless Chromium, its
+# driver, Selenium and Pillow to test its web page in a browser), and the PDF
+# readers the tests check written documents with (qpdf, poppler's pdfinfo and
+# pdftoppm).
 # Safe to run again: when every package is installed already, apt is not
 # touched.
 set -euo pipefail
@@ -15,7 +17,7 @@ PACKAGES=(cmake g++ g++-multilib make binutils googletest libgtest-dev libbenchm
           g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix binutils-mingw-w64 libz-mingw-w64-dev
           wine64 xvfb
           libmicrohttpd-dev libcpp-httplib-dev libpugixml-dev libavahi-client-dev sane-airscan avahi-utils
-          avahi-daemon doxygen qpdf poppler-utils)
+          avahi-daemon doxygen chromium chromium-driver python3-selenium python3-pil qpdf poppler-utils)
 
 missing=()
 for package in "${PACKAGES[@]}"; do

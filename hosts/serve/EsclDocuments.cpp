@@ -1,5 +1,6 @@
 // The documents a client reads: ScannerCapabilities and ScannerStatus, the
 // discovery record, and the UUIDs that name the scanner and its jobs.
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <pugixml.hpp>
@@ -74,6 +75,17 @@ void AddInputCaps(pugi::xml_node parent, const char* name, const SourceArea& are
   Add(caps, "scan:MaxOpticalYResolution", finest);
 }
 
+// A tone range as eSCL states one: from 0, the library's neutral value as
+// Normal.
+void AddTone(pugi::xml_node parent, const char* name, const ToneRange& range) {
+  if (!range.present) return;
+  pugi::xml_node support = Add(parent, name);
+  Add(support, "scan:Min", "0");
+  Add(support, "scan:Max", std::to_string(int64_t{range.most} - range.least));
+  Add(support, "scan:Normal", std::to_string(std::clamp<int64_t>(-int64_t{range.least}, 0, int64_t{range.most} - range.least)));
+  Add(support, "scan:Step", std::to_string(std::max(range.step, 1)));
+}
+
 const char* JobStateName(JobState state) {
   switch (state) {
     case JobState::Pending: return "Pending";
@@ -140,6 +152,8 @@ std::string CapabilitiesXml(const ScannerFacts& facts, const std::string& adminU
     Add(adf, "scan:FeederCapacity", std::to_string(kFeederCapacity));
     Add(Add(adf, "scan:AdfOptions"), "scan:AdfOption", "DetectPaperLoaded");
   }
+  AddTone(root, "scan:BrightnessSupport", facts.brightness);
+  AddTone(root, "scan:ContrastSupport", facts.contrast);
   return Text(doc);
 }
 

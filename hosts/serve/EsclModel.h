@@ -5,6 +5,7 @@
 // unit-tested.
 #pragma once
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -23,6 +24,13 @@ struct SourceArea {
   uint32_t maxWidth = 0, maxHeight = 0;
 };
 
+// A tone setting the library states as a range (brightness, contrast). eSCL
+// states it from 0 up: its value is the library's less `least`.
+struct ToneRange {
+  bool present = false;
+  int32_t least = 0, most = 0, step = 1;
+};
+
 // What the capabilities and status documents say. Read from the library when
 // the server starts.
 struct ScannerFacts {
@@ -33,6 +41,7 @@ struct ScannerFacts {
   SourceArea platen, feeder;
   std::vector<ColourMode> modes;
   std::vector<uint32_t> resolutions;  // dots per inch, ascending
+  ToneRange brightness, contrast;
   bool feederLoaded = false;
 };
 
@@ -50,6 +59,11 @@ struct ScanRequest {
   bool hasRegion = false;
   Region region;
   Format format = Format::Jpeg;
+  // In eSCL's terms (ToneRange) until ResolveScanRequest, then the library's.
+  std::optional<int32_t> brightness, contrast;
+  // This server's own element: every page also goes into one PDF of the
+  // whole job, fetched once the job is over (a feeder batch as one file).
+  bool batchPdf = false;
 };
 
 // Request bodies larger than this are refused before they are parsed: a
@@ -62,9 +76,10 @@ constexpr size_t kMaxSettingsBytes = 64 * 1024;
 // the client's fault, answered 400.
 bool ParseScanSettings(std::string_view body, ScanRequest* request, std::string* error);
 
-// Checks a well-formed request against what this scanner offers and fills in
-// what it left out. False with the reason for a source, mode, resolution or
-// region the scanner cannot give: answered 409, nothing changed.
+// Checks a well-formed request against what this scanner offers, fills in
+// what it left out and puts brightness and contrast in the library's terms.
+// False with the reason for a source, mode, resolution, region or tone the
+// scanner cannot give: answered 409, nothing changed.
 bool ResolveScanRequest(const ScannerFacts& facts, ScanRequest* request, std::string* error);
 
 // The narrowest area the library scans: narrower lines than this many

@@ -75,6 +75,13 @@ std::vector<uint32_t> OfferedResolutions() {
   return out;
 }
 
+ToneRange OfferedTone(uint16_t code) {
+  const QueriedList list = QueryList(Cap(code));
+  const std::vector<int32_t> items = Integers(list);
+  if (list.count != 0 || items.size() < 3 || items[0] > items[1]) return {};
+  return {true, items[0], items[1], std::max(items[2], 1)};
+}
+
 std::vector<ColourMode> OfferedModes() {
   const QueriedList list = QueryList(Cap(CAP_PIXELTYPE));
   const std::vector<int32_t> items = Integers(list);
@@ -141,7 +148,8 @@ PageFormat AskedFormat(const PageFormat& delivered, const ScanRequest& request) 
 }
 
 // A job's pages, each encoded as a document of its own onto the job's
-// queue as its lines arrive. On the job's thread (the intake's contract).
+// queue as its lines arrive, and into the job's one PDF when it has one. On
+// the job's thread (the intake's contract).
 class JobPages final : public PageReceiver {
  public:
   JobPages(Job& job, QueueSink& sink) : job_(job), sink_(sink) {}
@@ -153,21 +161,21 @@ class JobPages final : public PageReceiver {
     line_.assign(format_.bytesPerLine, 0xFF);
     encoder_ = MakeDocumentEncoder(EncoderFormat(job_.request.format), sink_, kJpegQuality);
     if (!encoder_) *why = "no encoder";
-    return encoder_ && encoder_->BeginPage(format_, why);
+    return encoder_ && encoder_->BeginPage(format_, why) && (!job_.batch || job_.batch->BeginPage(format_, why));
   }
 
   bool TakeLines(const uint8_t* lines, uint32_t count, std::string* why) override {
     const size_t stride = delivered_.bytesPerLine;
-    if (format_.bytesPerLine == stride) return encoder_->WriteLines(lines, count, why);
+    if (format_.bytesPerLine == stride) return Write(lines, count, why);
     for (uint32_t i = 0; i < count; ++i) {
       std::copy_n(lines + i * stride, stride, line_.begin());
-      if (!encoder_->WriteLines(line_.data(), 1, why)) return false;
+      if (!Write(line_.data(), 1, why)) return false;
     }
     return true;
   }
 
   bool EndPage(uint32_t, bool, std::string* why) override {
-    const bool ok = encoder_->EndPage(why) && encoder_->Finish(why);
+    const bool ok = encoder_->EndPage(why) && encoder_->Finish(why) && (!job_.batch || job_.batch->EndPage(why));
     encoder_.reset();
     if (!ok) return false;
     job_.queue.EndDocument();
@@ -177,9 +185,16 @@ class JobPages final : public PageReceiver {
   }
 
   // A page cut short is not sent as a document.
-  void DropPage() override { encoder_.reset(); }
+  void DropPage() override {
+    encoder_.reset();
+    if (job_.batch) job_.batch->DropPage();
+  }
 
  private:
+  bool Write(const uint8_t* lines, uint32_t count, std::string* why) {
+    return encoder_->WriteLines(lines, count, why) && (!job_.batch || job_.batch->WriteLines(lines, count, why));
+  }
+
   Job& job_;
   QueueSink& sink_;
   PageFormat delivered_;  // as the library sends the page
@@ -200,6 +215,9 @@ ScanOptions OptionsFor(const ScanRequest& request) {
             static_cast<float>(request.region.width), static_cast<float>(request.region.height)};
   o.source = request.source == InputSource::Feeder ? ScanSource::Feeder : ScanSource::Flatbed;
   o.pages = request.source == InputSource::Feeder ? kAllPages : 0;
+  // Resolved to the library's values: as `--set brightness=N` gives them.
+  if (request.brightness) o.settings.emplace_back("brightness", std::to_string(*request.brightness));
+  if (request.contrast) o.settings.emplace_back("contrast", std::to_string(*request.contrast));
   return o;
 }
 
@@ -242,6 +260,8 @@ bool ReadScannerFacts(const std::string& sourceName, const std::string& displayN
   ReadAreas(ReadSourceFacts(), facts);
   facts->modes = OfferedModes();
   facts->resolutions = OfferedResolutions();
+  facts->brightness = OfferedTone(CAP_BRIGHTNESS);
+  facts->contrast = OfferedTone(CAP_CONTRAST);
   SxFree();
   if (!facts->platen.present && !facts->feeder.present) {
     std::fprintf(stderr, "sxscan: the source lists neither a flatbed nor a feeder with its size\n");
@@ -250,7 +270,11 @@ bool ReadScannerFacts(const std::string& sourceName, const std::string& displayN
   return true;
 }
 
-Job::Job(std::string id, const ScanRequest& scan) : uuid(std::move(id)), request(scan), queue(kQueueBytes) {}
+Job::Job(std::string id, const ScanRequest& scan)
+    : uuid(std::move(id)),
+      request(scan),
+      queue(kQueueBytes),
+      batch(scan.batchPdf ? std::make_unique<BatchPdf>() : nullptr) {}
 
 JobSummary Job::Summary() const {
   std::lock_guard<std::mutex> guard(lock);
@@ -414,6 +438,10 @@ bool Scanner::Prepare(Job& job, std::string* refusal) {
     std::lock_guard<std::mutex> guard(lock_);
     facts_.feederLoaded = source.feederLoaded;
   }
+  if (job.batch && !job.batch->Opened()) {
+    *refusal = "no temporary file for the batch PDF";
+    return false;
+  }
   const ScanOptions options = OptionsFor(job.request);
   if (options.source == ScanSource::Feeder && !source.feederLoaded) {
     std::lock_guard<std::mutex> guard(job.lock);
@@ -455,6 +483,16 @@ void Scanner::RunJob(const std::shared_ptr<Job>& job) {
     facts_.feederLoaded = loaded;
   }
   SxFree();
+  uint32_t pages;
+  {
+    std::lock_guard<std::mutex> guard(job->lock);
+    pages = job->pagesScanned;
+  }
+  // A feeder that runs out after some pages ends the job normally.
+  const bool whole = prepared && !job->cancel.load() && (result == SX_OK || (pages > 0 && result == SX_ERR_NO_PAPER));
+  // Before the queue's end wakes the clients: one that read the last page
+  // asks for the batch next.
+  if (job->batch) job->batch->Finish(whole);
   job->queue.Finish();
   if (!failure.empty()) std::fprintf(stderr, "sxscan: job %s stopped: %s\n", job->uuid.c_str(), failure.c_str());
   std::lock_guard<std::mutex> guard(job->lock);
@@ -466,9 +504,7 @@ void Scanner::RunJob(const std::shared_ptr<Job>& job) {
   } else if (job->cancel.load()) {
     job->state = JobState::Canceled;
   } else if (prepared) {
-    // A feeder that runs out after some pages ends the job normally.
-    job->state = result == SX_OK || (job->pagesScanned > 0 && result == SX_ERR_NO_PAPER) ? JobState::Completed
-                                                                                          : JobState::Aborted;
+    job->state = whole ? JobState::Completed : JobState::Aborted;
   }
   job->running = false;
 }

@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "serve/EsclBatch.h"
 #include "serve/EsclModel.h"
 #include "serve/EsclQueue.h"
 
@@ -72,6 +73,7 @@ struct Job {
   const ScanRequest request;
   const Clock::time_point created = Clock::now();
   DocumentQueue queue;
+  const std::unique_ptr<BatchPdf> batch;  // null unless the request asked for one PDF
   std::atomic<bool> cancel{false};
   ReaderSlot reader;
 

@@ -1,7 +1,9 @@
 // `sxscan serve`: the eSCL server. Its resources are routes on the HTTP
 // layer (HttpServer.h), whose handlers run on worker threads; the scanner
 // and its jobs (EsclScanner.h) keep the library to one thread at a time.
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <csignal>
 #include <cstdio>
 #include <thread>
@@ -16,6 +18,7 @@
 #include "serve/HttpHost.h"
 #include "serve/HttpServer.h"
 #include "serve/Network.h"
+#include "serve/WebPage.h"
 
 namespace sx::host {
 namespace {
@@ -54,6 +57,23 @@ constexpr char kJobPath[] = "/eSCL/ScanJobs/";
 constexpr char kJobPattern[] = "/eSCL/ScanJobs/([0-9a-f-]{36})";  // the UUIDs this server makes
 constexpr char kIconPath[] = "/eSCL/icon.png";
 constexpr char kXml[] = "text/xml";
+// What the batch PDF hands a response at a time.
+constexpr size_t kBatchBlock = 64 * 1024;
+// Every response: the page's script and style come from this server only
+// and never run inside another site's frame; nothing is taken for another
+// type than the one stated; no address of the page travels to other sites;
+// no other site's page may embed or read what this server answers. (No
+// header here allows another origin to read anything.)
+const http::Fields kCommonHeaders = {
+    {"Content-Security-Policy",
+     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' blob:; connect-src 'self'; "
+     "base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
+    {"X-Content-Type-Options", "nosniff"},
+    {"X-Frame-Options", "DENY"},
+    {"Referrer-Policy", "no-referrer"},
+    {"Cross-Origin-Resource-Policy", "same-origin"},
+    {"Cross-Origin-Opener-Policy", "same-origin"},
+};
 
 std::atomic<bool> g_stop{false};
 extern "C" void OnStopSignal(int) { g_stop.store(true); }
@@ -247,6 +267,49 @@ Reply HeadNextDocument(Service& s, const Request& req, Response* res) {
   return Answer(res, 405, "a page is known only by taking it: ask with GET");
 }
 
+// The job's pages as one PDF (ScanRequest::batchPdf), read from its
+// temporary file.
+class BatchStream : public http::BodySource {
+ public:
+  explicit BatchStream(std::shared_ptr<Job> job) : job_(std::move(job)) {}
+  Pull Read(std::string* chunk, http::Clock::time_point*) override {
+    chunk->resize(kBatchBlock);
+    bool failed = false;
+    const size_t n = job_->batch->Read(at_, chunk->data(), chunk->size(), &failed);
+    if (failed) return Pull::Failed;
+    if (n == 0) return Pull::End;
+    chunk->resize(n);
+    at_ += n;
+    return Pull::Bytes;
+  }
+  void Finished(bool) override {}
+
+ private:
+  std::shared_ptr<Job> job_;
+  uint64_t at_ = 0;
+};
+
+// The batch is whole once the job is over: a client asks for it after the
+// job's last page, maybe before the scanner has let go; it waits then.
+Reply BatchDocument(Service& s, const Request& req, Response* res) {
+  std::shared_ptr<Job> job = s.scanner.Find(req.matches[1]);
+  if (!job) return Answer(res, 404, "no such job");
+  if (!job->batch) return Answer(res, 404, "the job was not asked for one PDF of its pages (BatchPdf)");
+  switch (job->batch->Current()) {
+    case escl::BatchPdf::State::Failed:
+      return Answer(res, 409, "the job ended before all its pages were scanned: there is no PDF of them");
+    case escl::BatchPdf::State::Writing:
+      if (http::Clock::now() - req.arrived >= kFirstBytesWait) return Busy(res, "the job is not over yet");
+      res->waitUntil = req.arrived + kFirstBytesWait;
+      return Reply::Wait;
+    case escl::BatchPdf::State::Ready: break;
+  }
+  res->stream = std::make_shared<BatchStream>(job);
+  res->contentType = MimeType(escl::Format::Pdf);
+  res->headers.emplace_back("Content-Disposition", "attachment; filename=\"scan.pdf\"");
+  return Reply::Answered;
+}
+
 Reply DeleteJob(Service& s, const Request& req, Response* res) {
   std::shared_ptr<Job> job = s.scanner.Find(req.matches[1]);
   if (!job) return Answer(res, 404, "no such job");
@@ -269,11 +332,22 @@ void AddRoutes(http::Server& server, Service& service) {
       {"POST", "/eSCL/ScanJobs", PostJob},
       {"GET", job + "/NextDocument", NextDocument},
       {"HEAD", job + "/NextDocument", HeadNextDocument},
+      {"GET", job + "/BatchPdf", BatchDocument},
       {"DELETE", job, DeleteJob},
   };
   for (const auto& r : routes) {
     server.Route(r.method, r.pattern, [&service, h = r.handler](const Request& req, Response* res) {
       return h(service, req, res);
+    });
+  }
+  // The page's files, each at its own path (a '.' in it taken literally).
+  for (size_t i = 0; i < web::kFileCount; ++i) {
+    const web::File& file = web::kFiles[i];
+    std::string pattern;
+    for (const char* c = file.path; *c; ++c) pattern += *c == '.' ? std::string("\\.") : std::string(1, *c);
+    server.Route("GET", pattern, [&file](const Request&, Response* res) {
+      res->headers.emplace_back("Cache-Control", "no-cache");
+      return Content(res, std::string(reinterpret_cast<const char*>(file.bytes), file.size), file.contentType);
     });
   }
 }
@@ -299,14 +373,15 @@ Reach ReachOf(const std::string& listen, const net::Listening& listening, bool a
   return reach;
 }
 
-std::string Url(const std::string& host, int port) {
+// The eSCL root by default; with `path` "/", the web page.
+std::string Url(const std::string& host, int port, const char* path = "/eSCL") {
   const bool ipv6 = host.find(':') != std::string::npos;
-  return "http://" + (ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port) + "/eSCL";
+  return "http://" + (ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port) + path;
 }
 
 // The first line names the address to use. A wildcard is no address to
 // type: the machine's addresses and names follow it instead (a name
-// survives a change of address).
+// survives a change of address). The web page's address comes last.
 void PrintReach(const std::string& scanner, const std::string& listen, const net::Listening& listening,
                 const Reach& reach) {
   std::vector<std::string> hosts = {listen};
@@ -314,17 +389,31 @@ void PrintReach(const std::string& scanner, const std::string& listen, const net
     hosts = reach.addresses;
     hosts.insert(hosts.begin() + (hosts.empty() ? 0 : 1), reach.names.begin(), reach.names.end());
   }
-  const std::string first = Url(hosts.empty() ? "localhost" : hosts[0], listening.port);
-  std::printf("serving %s at %s\n", scanner.c_str(), first.c_str());
+  const std::string shown = hosts.empty() ? "localhost" : hosts[0];
+  std::printf("serving %s at %s\n", scanner.c_str(), Url(shown, listening.port).c_str());
   for (size_t i = 1; i < hosts.size(); ++i) std::printf("  also at %s\n", Url(hosts[i], listening.port).c_str());
+  std::printf("scan from a browser at %s\n", Url(shown, listening.port, "/").c_str());
   std::fflush(stdout);
 }
 
-// Requests must name this server: its addresses, localhost, its host name
-// (see HttpHost.h). Runs on the event thread only.
-class HostGate {
+// A ScanSettings document is XML. A form on another site's page can post
+// text/plain without the browser asking first; XML it cannot.
+bool IsXml(std::string_view type) {
+  std::string media(type.substr(0, type.find(';')));
+  std::erase_if(media, [](unsigned char c) { return std::isspace(c); });
+  std::transform(media.begin(), media.end(), media.begin(), [](unsigned char c) { return std::tolower(c); });
+  return media == "text/xml" || media == "application/xml";
+}
+
+bool ChangesState(const std::string& method) { return method != "GET" && method != "HEAD" && method != "OPTIONS"; }
+
+// Requests must name this server: its addresses, localhost, its host name;
+// those that change anything must come from its own pages, or from no page
+// at all (see HttpHost.h); and what they send must be XML. Runs on the
+// event thread only.
+class RequestGate {
  public:
-  HostGate(const Reach& reach, const net::Listening& listening) : listening_(listening) {
+  RequestGate(const Reach& reach, const net::Listening& listening) : listening_(listening) {
     allowed_.names = {"localhost"};
     for (const auto& name : reach.names) allowed_.names.push_back(Lower(name));
     // `foo.local` is reached as `foo` too on networks with a DNS of their own.
@@ -334,19 +423,33 @@ class HostGate {
   }
 
   bool operator()(const Request& req, Response* res) {
-    const std::string host = req.Header("Host");
+    if (!Named(req.Header("Host"))) {
+      Answer(res, 421, "this server answers requests addressed to this computer's own names and addresses only");
+      return false;
+    }
+    if (ChangesState(req.method) && !http::FromOwnPage(req.Header("Origin"), req.Header("Sec-Fetch-Site"), allowed_,
+                                                       static_cast<uint16_t>(listening_.port))) {
+      Answer(res, 403, "a page of another site may not start or stop scans here");
+      return false;
+    }
+    if ((req.method == "POST" || req.method == "PUT") && !IsXml(req.Header("Content-Type"))) {
+      Answer(res, 415, "this server takes XML documents only (text/xml or application/xml)");
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  bool Named(const std::string& host) {
     // Only HTTP/1.0 clients send none; a browser always does.
     if (host.empty() || http::HostAllowed(host, allowed_)) return true;
     if (listening_.wildcard && !http::CanonicalAddress(http::HostPart(host)).empty() &&
         http::Clock::now() - read_ >= kAddressesRefresh) {
       Addresses();
-      if (http::HostAllowed(host, allowed_)) return true;
+      return http::HostAllowed(host, allowed_);
     }
-    Answer(res, 421, "this server answers requests addressed to this computer's own names and addresses only");
     return false;
   }
-
- private:
   static std::string Lower(std::string text) {
     for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return text;
@@ -403,7 +506,8 @@ int RunServer(const ServeOptions& options) {
   AddRoutes(server, service);
   const bool announced = options.announce && !IsLoopback(options.listen);
   const Reach reach = ReachOf(options.listen, listening, announced);
-  server.SetGate(HostGate(reach, listening));
+  server.SetGate(RequestGate(reach, listening));
+  server.SetCommonHeaders(kCommonHeaders);
   if (!server.Start(listening.socket, &error)) {
     std::fprintf(stderr, "sxscan: %s\n", error.c_str());
     return kExitFailed;

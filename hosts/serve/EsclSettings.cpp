@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <optional>
 #include <pugixml.hpp>
 
 #include "kit/Keywords.h"
@@ -132,6 +133,16 @@ bool ParseFields(const pugi::xml_node& root, ScanRequest* request, std::string* 
       return false;
     }
   }
+  const std::pair<const char*, std::optional<int32_t>*> tones[] = {{"Brightness", &request->brightness},
+                                                                    {"Contrast", &request->contrast}};
+  for (const auto& [name, out] : tones) {
+    uint32_t value = 0;
+    const char* t = ChildText(root, name);
+    if (t && !ParseNumber(t, name, &value, error)) return false;
+    if (t) *out = static_cast<int32_t>(value);
+  }
+  if (const char* t = ChildText(root, "BatchPdf"); t && !ParseWord(t, kBooleans, "BatchPdf", &request->batchPdf, error))
+    return false;
   int regions = 0;
   for (pugi::xml_node child : root.children()) {
     if (child.type() == pugi::node_element && LocalName(child) == "ScanRegions" &&
@@ -195,6 +206,21 @@ bool ResolveRegion(const SourceArea& area, ScanRequest* request, std::string* er
   return true;
 }
 
+// From eSCL's value (0 up) to the library's, on the library's steps.
+bool ResolveTone(const ToneRange& range, const char* what, std::optional<int32_t>* value, std::string* error) {
+  if (!*value) return true;
+  const int64_t span = int64_t{range.most} - range.least;
+  if (!range.present || **value > span) {
+    *error = range.present ? std::string(what) + " runs from 0 to " + std::to_string(span)
+                           : std::string("the scanner has no ") + what + " setting";
+    return false;
+  }
+  const int64_t step = std::max(range.step, 1);
+  const int64_t steps = (**value + step / 2) / step;
+  *value = static_cast<int32_t>(std::min<int64_t>(range.least + steps * step, range.most));
+  return true;
+}
+
 }  // namespace
 
 bool ParseScanSettings(std::string_view body, ScanRequest* request, std::string* error) {
@@ -231,7 +257,13 @@ bool ResolveScanRequest(const ScannerFacts& facts, ScanRequest* request, std::st
     *error = std::string("the scanner does not scan ") + ColourModeName(request->mode);
     return false;
   }
-  return ResolveResolution(facts, request, error) && ResolveRegion(area, request, error);
+  ScanRequest resolved = *request;
+  if (!ResolveResolution(facts, &resolved, error) || !ResolveRegion(area, &resolved, error) ||
+      !ResolveTone(facts.brightness, "Brightness", &resolved.brightness, error) ||
+      !ResolveTone(facts.contrast, "Contrast", &resolved.contrast, error))
+    return false;
+  *request = resolved;
+  return true;
 }
 
 uint32_t MinWidth(const ScannerFacts& facts) {

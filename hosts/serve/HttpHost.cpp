@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 
 namespace sx::host::http {
 namespace {
@@ -52,6 +53,26 @@ bool HostAllowed(std::string_view host, const HostNames& allowed) {
   std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
   if (name.back() == '.') name.pop_back();
   return std::find(allowed.names.begin(), allowed.names.end(), name) != allowed.names.end();
+}
+
+bool FromOwnPage(std::string_view origin, std::string_view fetchSite, const HostNames& own, uint16_t port) {
+  if (!fetchSite.empty() && fetchSite != "same-origin" && fetchSite != "none") return false;
+  if (origin.empty()) return true;
+  // Browsers write the scheme in lower case; a page of a file or a sandbox
+  // sends "null", which names nobody.
+  constexpr std::string_view kScheme = "http://";
+  if (origin.substr(0, kScheme.size()) != kScheme) return false;
+  const std::string_view authority = origin.substr(kScheme.size());
+  if (!HostAllowed(authority, own)) return false;
+  const size_t colon = authority.rfind(':'), close = authority.rfind(']');
+  const bool hasPort = colon != std::string_view::npos && (close == std::string_view::npos || colon > close);
+  constexpr uint16_t kHttpPort = 80;
+  uint32_t stated = kHttpPort;
+  if (hasPort) {
+    const std::string_view text = authority.substr(colon + 1);
+    if (std::from_chars(text.data(), text.data() + text.size(), stated).ptr != text.data() + text.size()) return false;
+  }
+  return stated == port;
 }
 
 }  // namespace sx::host::http

@@ -1,9 +1,14 @@
-// Which Host headers the server answers. A web page in a person's browser
-// may name the server through a host name its author controls and points at
-// the person's machine (DNS rebinding): the browser then treats the server
-// as part of that page's site, and the page could start scans. Such a
-// request names a host the server is not, and is refused.
+// Which Host headers the server answers, and which pages may start and stop
+// scans. A web page in a person's browser may name the server through a
+// host name its author controls and points at the person's machine (DNS
+// rebinding): the browser then treats the server as part of that page's
+// site, and the page could start scans. Such a request names a host the
+// server is not, and is refused. A page of another site may also send a
+// request to the server by its own name: the browser then says where the
+// page came from (Origin, Sec-Fetch-Site), and only the server's own pages
+// may change anything.
 #pragma once
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +30,12 @@ bool HostAllowed(std::string_view host, const HostNames& allowed);
 // address (brackets around an IPv6 one and an interface after '%' are
 // allowed); empty otherwise.
 std::string CanonicalAddress(std::string_view text);
+
+// Whether a request that changes state comes from one of this server's own
+// pages, served at `port`: its Origin (when sent) an http origin naming one
+// of `own` and that port, and its Sec-Fetch-Site (when sent) same-origin or
+// none. eSCL clients, being no browsers, send neither, and pass.
+bool FromOwnPage(std::string_view origin, std::string_view fetchSite, const HostNames& own, uint16_t port);
 
 // The host part of a Host header value, without the port and brackets;
 // empty when the value is malformed (a port that is no number, an empty

@@ -135,6 +135,8 @@ void Server::Route(const std::string& method, const std::string& pattern, Handle
 
 void Server::SetGate(Gate gate) { gate_ = std::move(gate); }
 
+void Server::SetCommonHeaders(Fields headers) { commonHeaders_ = std::move(headers); }
+
 bool Server::Start(int listeningSocket, std::string* error) {
   daemon_ =
       MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ERROR_LOG, 0, nullptr,
@@ -334,6 +336,7 @@ bool Server::Answer(MHD_Connection* connection, Exchange& exchange) {
   }
   if (!response) return false;
   MHD_add_response_header(response, "Content-Type", r.contentType.c_str());
+  for (const auto& [name, value] : commonHeaders_) MHD_add_response_header(response, name.c_str(), value.c_str());
   for (const auto& [name, value] : r.headers) MHD_add_response_header(response, name.c_str(), value.c_str());
   const bool queued = MHD_queue_response(connection, static_cast<unsigned>(r.status), response) == MHD_YES;
   MHD_destroy_response(response);

@@ -7,7 +7,7 @@
 // is called again after the next Wake, or at its deadline. A streamed body
 // is read the same way, on the event thread, never blocking it.
 //
-// Thread contract: Route and Gate before Start; Wake from any thread; Stop
+// Thread contract: Route, SetGate and SetCommonHeaders before Start; Wake from any thread; Stop
 // from the thread that started the server, once.
 #pragma once
 #include <atomic>
@@ -100,6 +100,8 @@ class Server {
   // answered by the GET route, without the body.
   void Route(const std::string& method, const std::string& pattern, Handler handler);
   void SetGate(Gate gate);
+  // Headers every response carries, refusals included.
+  void SetCommonHeaders(Fields headers);
   // Serves on a bound, listening socket, which the server then owns.
   bool Start(int listeningSocket, std::string* error);
   // Waiting handlers and streams look again.
@@ -135,6 +137,7 @@ class Server {
   const Limits limits_;
   std::vector<Entry> routes_;
   Gate gate_;
+  Fields commonHeaders_;
   MHD_Daemon* daemon_ = nullptr;
   std::atomic<bool> started_{false};
 

@@ -242,7 +242,8 @@ constexpr Command kCommands[] = {
      "serve the source to phones and computers over eSCL (AirScan)",
      "Serves the chosen source (or the one NAME matches) over eSCL, the driverless\n"
      "scanning protocol of phones and computers, until interrupted. One job at a time;\n"
-     "a job whose pages nobody asks for within 5 s is aborted, freeing the scanner.\n",
+     "a job whose pages nobody asks for within 5 s is aborted, freeing the scanner.\n"
+     "A browser opened at the server's address (http://127.0.0.1:8090/) scans too.\n",
      kForServe, false, kServeOptionColumn},
     {"help", CommandKind::Help, 0, 1, "help, version", nullptr, nullptr},
     {"version", CommandKind::Version, 0, 0, nullptr, nullptr, nullptr},

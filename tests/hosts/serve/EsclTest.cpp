@@ -1,6 +1,7 @@
 // The eSCL server's own parts without a network: the ScanSettings parser and
 // its check against the scanner, the documents clients read, the discovery
-// record and the bounded queue between the scanner and a response.
+// record, the bounded queue between the scanner and a response, the one PDF
+// of a batch, and which hosts and pages the server answers.
 #include <gtest/gtest.h>
 
 #ifdef SX_SERVE_BUILT
@@ -9,9 +10,11 @@
 #include <thread>
 
 #include "sxscan/CommandLine.h"
+#include "serve/EsclBatch.h"
 #include "serve/EsclModel.h"
 #include "serve/EsclQueue.h"
 #include "serve/HttpHost.h"
+#include "tests/hosts/sxscan/ImageRead.h"
 
 namespace sx::host::escl {
 namespace {
@@ -29,6 +32,7 @@ ScannerFacts Facts() {
   f.feeder = {true, 2550, 4200};
   f.modes = {ColourMode::BlackAndWhite1, ColourMode::Grayscale8, ColourMode::Rgb24};
   f.resolutions = {75, 100, 150, 300, 600};
+  f.brightness = {true, -1000, 1000, 10};
   f.feederLoaded = true;
   return f;
 }
@@ -51,7 +55,8 @@ TEST(EsclSettings, ReadsWhatClientsSendWhateverThePrefixes) {
                            "<pwg:InputSource>Feeder</pwg:InputSource><scan:ColorMode>Grayscale8</scan:ColorMode>"
                            "<scan:XResolution>150</scan:XResolution><scan:YResolution>150</scan:YResolution>"
                            "<pwg:DocumentFormat>application/octet-stream</pwg:DocumentFormat>"
-                           "<scan:DocumentFormatExt>image/png</scan:DocumentFormatExt><scan:Intent>Document</scan:Intent>";
+                           "<scan:DocumentFormatExt>image/png</scan:DocumentFormatExt><scan:Intent>Document</scan:Intent>"
+                           "<scan:Brightness>1204</scan:Brightness><sx:BatchPdf>true</sx:BatchPdf>";
   for (const std::string prefix : {"scan", "e"}) {
     std::string text = body;
     if (prefix != "scan") text = std::regex_replace(text, std::regex("scan:"), prefix + ":");
@@ -63,6 +68,10 @@ TEST(EsclSettings, ReadsWhatClientsSendWhateverThePrefixes) {
     EXPECT_EQ(r.xResolution, 150u);
     EXPECT_TRUE(r.hasRegion && r.region.x == 30 && r.region.y == 60 && r.region.width == 600 && r.region.height == 300);
     EXPECT_EQ(r.format, Format::Png) << "DocumentFormatExt wins over DocumentFormat";
+    EXPECT_TRUE(r.batchPdf);
+    ASSERT_TRUE(ResolveScanRequest(Facts(), &r, &error)) << error;
+    EXPECT_EQ(r.brightness, 200) << "eSCL's 0 is the library's least; the nearest step";
+    EXPECT_FALSE(r.contrast);
   }
   // Nothing but the version: the platen's whole area in colour at 300 dpi.
   ScanRequest r;
@@ -87,6 +96,8 @@ TEST(EsclSettings, RefusesDocumentsThatAreNotScanSettings) {
       Settings("<scan:XResolution>99999999999999999999</scan:XResolution>"),
       Settings("<scan:DocumentFormatExt>text/html</scan:DocumentFormatExt>"),
       Settings("<scan:Duplex>true</scan:Duplex>"),
+      Settings("<scan:Brightness>-5</scan:Brightness>"),
+      Settings("<sx:BatchPdf>maybe</sx:BatchPdf>"),
       Settings(Region("0", "0", "600", "300") + Region("0", "0", "600", "300")),
       Settings(std::regex_replace(Region("0", "0", "600", "300"), std::regex("escl:ThreeHundredthsOfInches"), "Millimeters")),
       Settings("<pwg:ScanRegions><pwg:ScanRegion><pwg:Width>600</pwg:Width></pwg:ScanRegion></pwg:ScanRegions>"),
@@ -122,6 +133,8 @@ TEST(EsclSettings, RefusesWhatTheScannerCannotGive) {
       {"a resolution not offered", Settings("<scan:XResolution>7</scan:XResolution>")},
       {"unequal resolutions", Settings("<scan:XResolution>150</scan:XResolution><scan:YResolution>300</scan:YResolution>")},
       {"a zero-sized region", Settings(Region("0", "0", "0", "0"))},
+      {"brightness past the range", Settings("<scan:Brightness>2001</scan:Brightness>")},
+      {"a tone the scanner has not", Settings("<scan:Contrast>1000</scan:Contrast>")},
   };
   for (auto& c : cases) {
     ScanRequest r;
@@ -165,6 +178,10 @@ TEST(EsclDocuments, CapabilitiesAndStatusStateWhatTheScannerOffersAndDoes) {
   EXPECT_EQ(modes, (std::vector<std::string>{"BlackAndWhite1", "Grayscale8", "RGB24"}));
   EXPECT_EQ(formats, (std::vector<std::string>{"image/png", "image/jpeg", "application/pdf"}));
   EXPECT_EQ(resolutions, (std::vector<std::string>{"75", "100", "150", "300", "600"}));
+  for (const auto& [path, value] : {std::pair{"scan:BrightnessSupport/scan:Min", "0"}, {"scan:BrightnessSupport/scan:Max", "2000"},
+                                    {"scan:BrightnessSupport/scan:Normal", "1000"}, {"scan:BrightnessSupport/scan:Step", "10"}})
+    EXPECT_EQ(ChildText(caps, path), value) << path;
+  EXPECT_FALSE(caps.child("scan:ContrastSupport")) << "no range, no support stated";
   facts.feeder = {};
   ASSERT_TRUE(doc.load_string(CapabilitiesXml(facts, "").c_str()));
   EXPECT_FALSE(doc.first_element_by_path("scan:ScannerCapabilities/scan:Adf")) << "no feeder, no Adf";
@@ -259,7 +276,9 @@ TEST(EsclQueue, AWriterIsReleasedByCloseOrByAReaderThatStopped) {
 
 // The Host header must name the server: names in any case, with a port or
 // a final dot; addresses by value, never a name that merely begins with one.
-TEST(HttpHost, OnlyTheServersOwnNamesAndAddresses) {
+// A page that changes anything must be one of the server's own: its origin
+// names the server and its port.
+TEST(HttpHost, OnlyTheServersOwnNamesAddressesAndPages) {
   const http::HostNames allowed{{"localhost", "vm", "vm.local"}, {"127.0.0.1", "192.0.2.2", "fd00::2", "fe80::1"}};
   for (const char* host : {"localhost", "LocalHost:8090", "vm.local.", "vm:80", "127.0.0.1:8090", "192.0.2.2",
                            "[fd00::2]:8090", "[FD00:0::2]", "[fe80::1%25eth0]:8090"})
@@ -267,6 +286,61 @@ TEST(HttpHost, OnlyTheServersOwnNamesAndAddresses) {
   for (const char* host : {"", ":8090", "evil.example", "vm.evil.example", "127.0.0.1.evil.example", "localhost:http",
                            "[fd00::2", "[fd00::2]x", "192.0.2.3", "[::1]:8090", "0x7f.0.0.1", "localhost:8090:80"})
     EXPECT_FALSE(http::HostAllowed(host, allowed)) << host;
+
+  const struct {
+    const char* origin;
+    const char* site;
+    bool own;
+  } pages[] = {
+      {"", "", true},  // no browser
+      {"http://127.0.0.1:8090", "same-origin", true},
+      {"http://vm.local:8090", "", true},
+      {"http://[fd00::2]:8090", "none", true},
+      {"", "cross-site", false},
+      {"http://127.0.0.1:8090", "same-site", false},  // the browser's word is enough
+      {"http://127.0.0.1:8091", "", false},
+      {"http://127.0.0.1", "", false},
+      {"http://evil.example:8090", "", false},
+      {"https://127.0.0.1:8090", "", false},
+      {"null", "", false},
+      {"http://127.0.0.1:8090/", "", false},
+      {"http://127.0.0.1:08090x", "", false},
+  };
+  for (const auto& p : pages) EXPECT_EQ(http::FromOwnPage(p.origin, p.site, allowed, 8090), p.own) << p.origin << " " << p.site;
+  EXPECT_TRUE(http::FromOwnPage("http://localhost", "", allowed, 80)) << "the default port";
+}
+
+// The pages of a job in one PDF, read back in blocks once the job ended
+// with every page; a page cut short or a job that stopped leaves none.
+TEST(EsclBatch, GathersEveryPageIntoOnePdfOrNone) {
+  PageFormat grey;
+  grey.kind = PixelKind::Gray;
+  grey.width = grey.bytesPerLine = 64, grey.lines = 20;
+  std::vector<uint8_t> raster(64 * 20);
+  for (size_t i = 0; i < raster.size(); ++i) raster[i] = static_cast<uint8_t>(i * 7);
+  BatchPdf whole, cut, stopped, empty;
+  std::string error;
+  for (BatchPdf* batch : {&whole, &whole, &stopped})
+    ASSERT_TRUE(batch->BeginPage(grey, &error) && batch->WriteLines(raster.data(), 20, &error) && batch->EndPage(&error));
+  ASSERT_TRUE(cut.BeginPage(grey, &error));
+  cut.DropPage();
+  EXPECT_EQ(whole.Current(), BatchPdf::State::Writing);
+  for (BatchPdf* batch : {&whole, &cut, &empty}) batch->Finish(true);
+  stopped.Finish(false);
+
+  ASSERT_EQ(whole.Current(), BatchPdf::State::Ready);
+  std::vector<uint8_t> bytes;
+  char block[1000];
+  bool failed = false;
+  for (size_t n; (n = whole.Read(bytes.size(), block, sizeof block, &failed)) > 0;) bytes.insert(bytes.end(), block, block + n);
+  EXPECT_TRUE(!failed && bytes.size() == whole.Size());
+  const std::vector<PdfPage> pages = ReadPdf(bytes);
+  ASSERT_EQ(pages.size(), 2u);
+  EXPECT_TRUE(pages[0].raster == raster && pages[1].raster == raster);
+  for (const BatchPdf* none : {&cut, &stopped, &empty}) {
+    EXPECT_EQ(none->Current(), BatchPdf::State::Failed);
+    EXPECT_EQ(none->Read(0, block, sizeof block, &failed), 0u);
+  }
 }
 
 TEST(ServeCommandLine, LoopbackByDefaultAndEachOptionChecked) {

@@ -365,9 +365,12 @@ TEST_F(Serve, HostileAndImpossibleRequestsChangeNothing) {
   EXPECT_EQ(caps->status, 200);
   EXPECT_NE(caps->body.find("<scan:DiscreteResolution>"), std::string::npos);
   const std::string before = client_->Get("/eSCL/ScannerStatus")->body;
+  const std::string page = Page("Grayscale8", 100, "image/png"), own = "http://127.0.0.1:" + std::to_string(port_);
   struct Case {
     std::string body;
     int status;
+    httplib::Headers headers = {};
+    const char* type = "text/xml";
   } posts[] = {
       {"<<<", 400},
       {Settings("<scan:ColorMode>Sepia</scan:ColorMode>"), 400},
@@ -375,9 +378,15 @@ TEST_F(Serve, HostileAndImpossibleRequestsChangeNothing) {
       {Page("RGB24", 7, "image/png"), 409},
       {Page("RGB24", 300, "image/png", 2600, 300), 409},
       {Settings(std::string(100 * 1024, ' ')), 413},
+      // Another site's page, which the browser names; a form's types.
+      {page, 403, {{"Origin", "http://evil.example"}}},
+      {page, 403, {{"Origin", "null"}}},
+      {page, 403, {{"Origin", own}, {"Sec-Fetch-Site", "cross-site"}}},
+      {page, 415, {}, "text/plain"},
+      {page, 415, {}, "application/x-www-form-urlencoded"},
   };
   for (const auto& c : posts) {
-    auto res = client_->Post("/eSCL/ScanJobs", c.body, "text/xml");
+    auto res = client_->Post("/eSCL/ScanJobs", c.headers, c.body, c.type);
     ASSERT_TRUE(res) << c.body.substr(0, 200);
     EXPECT_EQ(res->status, c.status) << c.body.substr(0, 300);
     EXPECT_FALSE(res->has_header("Location"));
@@ -401,10 +410,27 @@ TEST_F(Serve, HostileAndImpossibleRequestsChangeNothing) {
   }
   EXPECT_EQ(client_->Delete("/eSCL/ScanJobs/00000000-0000-4000-8000-000000000000")->status, 404);
   EXPECT_EQ(client_->Get("/eSCL/ScannerStatus")->body, before) << "no job was made";
+
+  // Every answer, the web page's too, keeps other sites' pages from framing,
+  // reading or reinterpreting it; none lets another origin read it.
+  for (const char* path : {"/", "/sxscan.js", "/eSCL/ScannerStatus", "/nothing"}) {
+    auto res = client_->Get(path);
+    ASSERT_TRUE(res) << path;
+    EXPECT_NE(res->get_header_value("Content-Security-Policy").find("frame-ancestors 'none'"), std::string::npos) << path;
+    EXPECT_EQ(res->get_header_value("X-Content-Type-Options"), "nosniff") << path;
+    EXPECT_EQ(res->get_header_value("Referrer-Policy"), "no-referrer") << path;
+    EXPECT_FALSE(res->has_header("Access-Control-Allow-Origin")) << path;
+  }
+  auto html = client_->Get("/");
+  EXPECT_EQ(html->get_header_value("Content-Type"), "text/html; charset=utf-8");
+  EXPECT_NE(html->body.find("<script src=\"/sxscan.js\""), std::string::npos);
 }
 
 TEST_F(Serve, JpegAndPdfPagesAndOneJobAtATime) {
-  auto post = client_->Post("/eSCL/ScanJobs", Page("Grayscale8", 100, "image/jpeg"), "text/xml");
+  // As the server's own page posts.
+  const std::string own = "http://127.0.0.1:" + std::to_string(port_);
+  auto post = client_->Post("/eSCL/ScanJobs", {{"Origin", own}, {"Sec-Fetch-Site", "same-origin"}},
+                            Page("Grayscale8", 100, "image/jpeg"), "application/xml; charset=utf-8");
   ASSERT_TRUE(post);
   ASSERT_EQ(post->status, 201) << post->body;
   const std::string job = post->get_header_value("Location");
@@ -431,7 +457,8 @@ TEST_F(Serve, JpegAndPdfPagesAndOneJobAtATime) {
   ASSERT_TRUE(served.ok && local.ok);
   EXPECT_TRUE(served.width == 200 && served.height == 100 && served.raster == local.raster);
   EXPECT_EQ(client_->Get(job + "/NextDocument")->status, 404);
-  EXPECT_EQ(client_->Delete(job)->status, 200);
+  EXPECT_EQ(client_->Delete(job, {{"Origin", "http://evil.example"}})->status, 403);
+  EXPECT_EQ(client_->Delete(job, {{"Origin", own}})->status, 200);
 
   post = client_->Post("/eSCL/ScanJobs", Page("BlackAndWhite1", 150, "application/pdf"), "text/xml");
   ASSERT_TRUE(post);
@@ -441,6 +468,53 @@ TEST_F(Serve, JpegAndPdfPagesAndOneJobAtATime) {
   const std::vector<PdfPage> pdf = ReadPdf(std::vector<uint8_t>(page->body.begin(), page->body.end()));
   ASSERT_EQ(pdf.size(), 1u);
   EXPECT_TRUE(pdf[0].imageWidth == 300 && pdf[0].imageHeight == 150 && pdf[0].bits == 1) << pdf[0].imageWidth;
+}
+
+// A feeder batch asked for as one PDF as well: each page comes as a document
+// of its own as it is scanned, the PDF of them all once the job is over.
+// Brightness reaches the scanner as `sxscan scan --set brightness` does.
+TEST_F(Serve, AFeederBatchAsOnePdfAndBrightness) {
+  const std::string batch = Settings(
+      "<pwg:ScanRegions><pwg:ScanRegion><pwg:Height>300</pwg:Height><pwg:Width>600</pwg:Width><pwg:XOffset>0"
+      "</pwg:XOffset><pwg:YOffset>0</pwg:YOffset></pwg:ScanRegion></pwg:ScanRegions><pwg:InputSource>Feeder"
+      "</pwg:InputSource><scan:ColorMode>Grayscale8</scan:ColorMode><scan:XResolution>100</scan:XResolution>"
+      "<scan:DocumentFormatExt>image/png</scan:DocumentFormatExt><scan:Brightness>1200</scan:Brightness>"
+      "<sx:BatchPdf xmlns:sx=\"urn:sxscan:escl\">true</sx:BatchPdf>");
+  auto post = client_->Post("/eSCL/ScanJobs", batch, "text/xml");
+  ASSERT_TRUE(post);
+  ASSERT_EQ(post->status, 201) << post->body;
+  const std::string job = post->get_header_value("Location");
+  std::vector<PngRead> pages;
+  for (auto res = client_->Get(job + "/NextDocument"); res && res->status == 200; res = client_->Get(job + "/NextDocument")) {
+    sxtest::WriteFile(Path("page.png"), res->body);
+    pages.push_back(ReadPng(Path("page.png")));
+  }
+  ASSERT_EQ(pages.size(), 3u);
+  auto pdf = client_->Get(job + "/BatchPdf");
+  ASSERT_TRUE(pdf);
+  ASSERT_EQ(pdf->status, 200) << pdf->body;
+  EXPECT_EQ(pdf->get_header_value("Content-Type"), "application/pdf");
+  const std::vector<PdfPage> inPdf = ReadPdf(std::vector<uint8_t>(pdf->body.begin(), pdf->body.end()));
+  ASSERT_EQ(inPdf.size(), 3u);
+  for (size_t i = 0; i < 3; ++i) EXPECT_TRUE(inPdf[i].raster == pages[i].raster) << "page " << i + 1;
+  LocalScan("--source feeder --pages 1 --area 0,0,600,300 --mode gray --resolution 100 --set brightness=200", "bright.png");
+  EXPECT_TRUE(ReadPng(Path("bright.png")).raster == pages[0].raster);
+  EXPECT_EQ(client_->Get(job + "/BatchPdf")->body, pdf->body) << "fetched again";
+
+  // Not asked for, or a job that did not end whole: no PDF.
+  IdleStatus();
+  post = client_->Post("/eSCL/ScanJobs", Page("Grayscale8", 100, "image/png"), "text/xml");
+  ASSERT_TRUE(post);
+  ASSERT_EQ(post->status, 201);
+  EXPECT_EQ(client_->Get(post->get_header_value("Location") + "/BatchPdf")->status, 404);
+  EXPECT_EQ(client_->Get(post->get_header_value("Location") + "/NextDocument")->status, 200);
+  IdleStatus();
+  Pace(4000);  // 0.4 s a page: the job is cancelled mid-batch
+  post = client_->Post("/eSCL/ScanJobs", batch, "text/xml");
+  ASSERT_TRUE(post);
+  ASSERT_EQ(post->status, 201);
+  EXPECT_EQ(client_->Delete(post->get_header_value("Location"))->status, 200);
+  EXPECT_EQ(client_->Get(post->get_header_value("Location") + "/BatchPdf")->status, 409);
 }
 
 // A client that goes away mid-page: the scan stops, and the next job runs.
@@ -553,7 +627,8 @@ TEST_F(Serve, SlowAndAbandonedClientsCannotTakeTheServerAway) {
   for (int i = 0; i < 256; ++i) {
     partial.Open("127.0.1." + std::to_string(1 + i % 16), port_,
                  i % 2 ? "GET /eSCL/ScannerStatus HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-                       : "POST /eSCL/ScanJobs HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 1000\r\n\r\n<?xml");
+                       : "POST /eSCL/ScanJobs HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: text/xml\r\n"
+                         "Content-Length: 1000\r\n\r\n<?xml");
   }
   const auto asked = Clock::now();
   auto caps = client_->Get("/eSCL/ScannerCapabilities");
