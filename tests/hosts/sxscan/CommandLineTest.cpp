@@ -41,7 +41,8 @@ TEST(HostCommandLine, ArgumentsAndScanOptions) {
       {"scan --resolution 3x"}, {"scan --mode sepia"}, {"scan --area 1,2,3"},
       {"scan --area 1,2,0,4"}, {"scan --area -1,0,2,2"}, {"scan --area 1,2,3,nan"},
       {"scan --units cm"},  // a unit without an area
-      {"scan --source tray"}, {"scan --pages 0"}, {"scan --output page.gif"},
+      {"scan --units pixels --area 0,0,1,1"}, {"scan --source tray"}, {"scan --pages 0"},
+      {"scan --output page.gif"}, {"scan --quality 0"}, {"scan --filter purple"},
       {"scan --set gamma"}, {"scan --set =1"}, {"scan --bogus"},
   };
   for (const auto& c : cases) {

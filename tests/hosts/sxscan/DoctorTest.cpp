@@ -3,29 +3,17 @@
 #include <gtest/gtest.h>
 
 #ifdef SX_HOST_BUILT
-#include <sys/wait.h>
-
-#include <cstdlib>
-
-#include "support/TestEnv.h"
+#include "RunSxscan.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using Report = sxtest::Outcome;
 
-struct Report {
-  int exitCode = -1;
-  std::string text;
-  bool Says(const std::string& what) const { return text.find(what) != std::string::npos; }
-};
-
-// `environment` prefixes the command (env(1) arguments or a cd), to run the
-// doctor under another root or from another folder.
+// `environment` goes before the program, to run the doctor under another
+// root. It runs in the tree's folder.
 Report Doctor(const sxtest::TempRoot& root, const std::string& environment = "") {
-  const fs::path out = root.Path() / "doctor.txt";
-  const int status = std::system(
-      (environment + " '" SX_TEST_SXSCAN "' doctor >'" + out.string() + "' 2>&1").c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, sxtest::ReadFile(out)};
+  return sxtest::RunSxscan(root, "doctor", environment);
 }
 
 TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
@@ -48,8 +36,7 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
   // A module in ASPI's place that is no ASPI module.
   fs::create_directories(root.Path() / "windows/system32");
   fs::copy_file(SX_TEST_VSCAN, root.Path() / "windows/system32/wnaspi32.dll");
-  // Run from the tree's folder: the traced discovery writes its log there.
-  Report faults = Doctor(root, "cd '" + root.Path().string() + "' &&");
+  Report faults = Doctor(root);
   EXPECT_EQ(faults.exitCode, 1);
   EXPECT_TRUE(faults.Says("Corvane/Empty/empty.dll: not offered\n  problem: it carries no version record"))
       << faults.text;
@@ -60,7 +47,8 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
       << faults.text;
   EXPECT_TRUE(faults.Says("1 damaged line(s)")) << faults.text;
   EXPECT_TRUE(faults.Says("problem: it lacks GetASPI32SupportInfo or SendASPI32Command")) << faults.text;
-  // Without "SAVEPATH" the log lands in the host program's current folder.
+  // Without "SAVEPATH" the log lands in the host program's current folder,
+  // the tree's.
   EXPECT_TRUE(faults.Says("trace level 2, log " + (root.Path() / "scandiag.txt").string()))
       << faults.text;
   EXPECT_TRUE(faults.Says("5 problem(s) found")) << faults.text;

@@ -1,14 +1,10 @@
 // Tone settings as a person means them: a colour scan of a neutral patch
-// with gamma, brightness and contrast changed stays neutral, each colour can
-// still be toned on its own, and values that cannot work are refused before
-// the scanner starts.
+// with gamma, brightness and contrast changed stays neutral, and each colour
+// can still be toned on its own.
 #include <gtest/gtest.h>
 
 #ifdef SX_HOST_BUILT
-#include <sys/wait.h>
-
 #include <array>
-#include <cstdlib>
 
 #include "ImageRead.h"
 #include "RunSxscan.h"
@@ -18,8 +14,6 @@ namespace {
 
 using sxtest::Outcome;
 using sxtest::RunSxscan;
-
-namespace fs = std::filesystem;
 
 // The chart's 200-grey patch, 0.32 by 0.3 inch inside it, at 100 dpi in
 // colour: the red, green and blue of its middle pixel.
@@ -38,8 +32,7 @@ std::array<int, 3> PatchColour(const sxtest::TempRoot& root, const std::string& 
 
 TEST(HostProgramTone, ToneSettingsShapeTheWholeImageOrTheColourNamed) {
   sxtest::TempRoot root;
-  root.InstallVscan("Corvane/QM7110V", "[Scanner]\nModel=QM7110V\n");
-  ASSERT_EQ(RunSxscan(root, "select QM7110V").exitCode, 0);
+  sxtest::InstallSelected(root, "QM7110V");
   const std::array<int, 3> plain = PatchColour(root, "");
   ASSERT_TRUE(plain[0] == plain[1] && plain[1] == plain[2]) << plain[0] << "," << plain[1] << "," << plain[2];
   for (const char* tone : {"--set gamma=1.0", "--set brightness=300", "--set contrast=-400",
@@ -59,16 +52,6 @@ TEST(HostProgramTone, ToneSettingsShapeTheWholeImageOrTheColourNamed) {
     Outcome gray = RunSxscan(root, std::string("scan --mode gray --resolution 50 --area 0,0,1,1 --output g.png --filter ") +
                                 filter + " --set gamma=1.5");
     EXPECT_EQ(gray.exitCode, 0) << filter << "\n" << gray.text;
-  }
-  EXPECT_EQ(RunSxscan(root, "scan --filter purple").exitCode, 2);
-
-  for (const char* bad : {"gamma=-1", "gamma=0", "gamma=1e9", "gamma-b=0", "brightness=5000"}) {
-    fs::remove(root.Path() / "never.png");
-    Outcome refused = RunSxscan(root, std::string("scan --output never.png --set ") + bad);
-    EXPECT_EQ(refused.exitCode, 2) << bad << "\n" << refused.text;
-    const char* range = bad[0] == 'g' ? "the scanner takes 0.01 to 655.35" : "the scanner takes -1000 to 1000 step 10";
-    EXPECT_NE(refused.text.find(range), std::string::npos) << bad << "\n" << refused.text;
-    EXPECT_FALSE(fs::exists(root.Path() / "never.png")) << bad;
   }
 }
 
