@@ -1,7 +1,6 @@
 // The parts of the test environment that are the same on every system.
 #include "support/TestEnv.h"
 
-#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -13,13 +12,6 @@ std::string DefaultVersionText(const std::string& fileVersion, const std::string
          "\\StringFileInfo\\040904B0\\CompanyName=" + company + "\n"
          "\\StringFileInfo\\040904B0\\ProductName=" + product + "\n"
          "\\StringFileInfo\\040904B0\\FileVersion=" + fileVersion + "\n";
-}
-
-std::string NativePath(std::string path) {
-#ifdef _WIN32
-  std::replace(path.begin(), path.end(), '/', '\\');
-#endif
-  return path;
 }
 
 std::string ReadFile(const fs::path& path) {

@@ -233,6 +233,11 @@ fs::path MakeTempFolder(const std::string& prefix) {
   return dir;
 }
 
+std::string NativePath(std::string path) {
+  std::replace(path.begin(), path.end(), '/', '\\');
+  return path;
+}
+
 void HangWatchdog(unsigned seconds) {
   static HANDLE timer = nullptr;
   if (timer) DeleteTimerQueueTimer(nullptr, timer, nullptr);

@@ -42,7 +42,7 @@ class ScsiBus : public ::testing::Test {
   TempRoot root_;
 };
 
-// The Part's own example, and what the entry carries from each side: name,
+// The maker's own scanner, and what the entry carries from each side: name,
 // port, adapter and target from the bus, the file from the driver.
 TEST_F(ScsiBus, TheMakersScannerIsClaimedByItsScsiDriver) {
   InstallBus("[Adapter0]\nIdentifier=SIMBUS0\n[Adapter0 Target3]\n" + Qm7110());

@@ -1,7 +1,7 @@
 // The Linux ASPI module: adapters and devices found in a sysfs tree, requests
 // built from ASPI blocks and answers read back, against a fake tree and a
 // fake device on a socket pair; then the real module on this machine.
-#ifndef _WIN32  // Windows has its own ASPI layer
+// (Windows has its own ASPI layer.)
 #include <gtest/gtest.h>
 #include <dlfcn.h>
 #include <sys/socket.h>
@@ -231,4 +231,3 @@ TEST(SgModule, RunsAgainstThisMachine) {
 
 }  // namespace
 }  // namespace sxtest
-#endif  // _WIN32

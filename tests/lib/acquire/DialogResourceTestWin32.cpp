@@ -2,7 +2,6 @@
 // the library describes as data, a template without a resource fails as
 // documented, and the progress bars keep their fills when the system
 // repaints the dialog.
-#ifdef _WIN32
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -185,4 +184,3 @@ TEST(DialogResources, BarFillsSurviveRepaints) {
 }
 
 }  // namespace
-#endif  // _WIN32
