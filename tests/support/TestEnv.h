@@ -78,6 +78,13 @@ class ScopedEnv {
   bool had_ = false;
 };
 
+// The library's exported functions a host calls, as (member, export).
+#define SXTEST_EXPORTS(X)                                                                            \
+  X(Load, SxLoad) X(Free, SxFree) X(GetDS, SxGetDS) X(SetDriverById, SxSetDriverById)                \
+  X(SetValue, SxSetValue) X(GetValue, SxGetValue) X(QueryData, SxQueryData) X(Acquire, SxAcquire)    \
+  X(GlobalAlloc, SxSysGlobalAlloc) X(GlobalLock, SxSysGlobalLock) X(GlobalUnlock, SxSysGlobalUnlock) \
+  X(GlobalFree, SxSysGlobalFree) X(GlobalHandle, SxSysGlobalHandle) X(GlobalSize, SxSysGlobalSize)
+
 // The library (libsxscan.so with dlopen, sxscan.dll with LoadLibrary) loaded
 // (attach) and freed again (detach), with its exported functions resolved.
 class Library {
@@ -90,20 +97,9 @@ class Library {
   bool Loaded() const { return handle_ != nullptr; }
   void* Symbol(const char* name) const;
 
-  decltype(&::SxLoad) Load = nullptr;
-  decltype(&::SxFree) Free = nullptr;
-  decltype(&::SxGetDS) GetDS = nullptr;
-  decltype(&::SxSetDriverById) SetDriverById = nullptr;
-  decltype(&::SxSetValue) SetValue = nullptr;
-  decltype(&::SxGetValue) GetValue = nullptr;
-  decltype(&::SxQueryData) QueryData = nullptr;
-  decltype(&::SxAcquire) Acquire = nullptr;
-  decltype(&::SxSysGlobalAlloc) GlobalAlloc = nullptr;
-  decltype(&::SxSysGlobalLock) GlobalLock = nullptr;
-  decltype(&::SxSysGlobalUnlock) GlobalUnlock = nullptr;
-  decltype(&::SxSysGlobalFree) GlobalFree = nullptr;
-  decltype(&::SxSysGlobalHandle) GlobalHandle = nullptr;
-  decltype(&::SxSysGlobalSize) GlobalSize = nullptr;
+#define SXTEST_MEMBER(member, name) decltype(&::name) member = nullptr;
+  SXTEST_EXPORTS(SXTEST_MEMBER)
+#undef SXTEST_MEMBER
 
   // SxAcquire under the hang watchdog.
   int32_t WatchedAcquire(SxTransferCallback callback, void* buffer, unsigned seconds = 60) const;

@@ -61,10 +61,7 @@ TEST(HostCommandLine, HelpPerCommandAndShortVersion) {
   ASSERT_TRUE(scanHelp.ok);
   EXPECT_EQ(scanHelp.line.kind, CommandKind::Help);
   EXPECT_EQ(scanHelp.line.helpFor, CommandKind::Scan);
-  EXPECT_EQ(CommandHelpText(CommandKind::Scan).rfind("usage: sxscan scan", 0), 0u);
-  EXPECT_NE(CommandHelpText(CommandKind::Scan).find("--resolution N"), std::string::npos);
   EXPECT_EQ(ParseCommandLine({"--help"}).line.helpFor, CommandKind::Help);
-  EXPECT_EQ(CommandHelpText(CommandKind::Help), UsageText());
   EXPECT_EQ(ParseCommandLine({"-V"}).line.kind, CommandKind::Version);
   EXPECT_EQ(ParseCommandLine({"doctor", "-V"}).line.kind, CommandKind::Version);
 }

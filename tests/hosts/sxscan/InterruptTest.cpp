@@ -32,13 +32,11 @@ Outcome InterruptAt(const sxtest::TempRoot& root, const std::string& output, con
 }
 
 // A feeder of four sheets, each page taking about half a second at 150 dpi.
-void InstallPacedScanner(const sxtest::TempRoot& root) {
-  sxtest::InstallSelected(root, "QM7110V", "[Feeder]\nSheets=4\n[Page]\nLineDelayUs=300\n");
-}
+constexpr char kPacedScanner[] = "[Feeder]\nSheets=4\n[Page]\nLineDelayUs=300\n";
 
 TEST(HostInterrupt, PagesCompleteBeforeTheInterruptAreKeptAndNothingPartialStays) {
   sxtest::TempRoot root;
-  InstallPacedScanner(root);
+  sxtest::InstallSelected(root, "QM7110V", kPacedScanner);
 
   // Two pages of three into a PDF: the third, being scanned, is left out.
   const Outcome pdf = InterruptAt(root, "stack.pdf", "page 2:");
@@ -61,7 +59,7 @@ TEST(HostInterrupt, PagesCompleteBeforeTheInterruptAreKeptAndNothingPartialStays
 
 TEST(HostInterrupt, SecondSignalDuringAPageRemovesThePartialFile) {
   sxtest::TempRoot root;
-  InstallPacedScanner(root);
+  sxtest::InstallSelected(root, "QM7110V", kPacedScanner);
   for (const char* output : {"mid.png", "mid.tif", "mid.jpg", "mid.pdf"}) {
     for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
       SCOPED_TRACE(testing::Message() << output << " signal " << signal);

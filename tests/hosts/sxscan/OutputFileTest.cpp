@@ -15,13 +15,9 @@ namespace fs = std::filesystem;
 using sxtest::ExitCode;
 using sxtest::HasPartialFile;
 
-void SelectScanner(const sxtest::TempRoot& root) {
-  sxtest::InstallSelected(root, "QM7110V", "[Feeder]\nSheets=1000\n");
-}
-
 TEST(HostOutputFiles, ConcurrentScansToOneOutputEachWriteAWholeFile) {
   sxtest::TempRoot root;
-  SelectScanner(root);
+  sxtest::InstallSelected(root, "QM7110V", "[Feeder]\nSheets=1000\n");
   // Each scan has its own resolution, so the pages that won tell their
   // writer. A feeder stack keeps its TIFF open through the scan, and large
   // pages take a while to write: the writes overlap.
@@ -63,7 +59,7 @@ TEST(HostOutputFiles, ConcurrentScansToOneOutputEachWriteAWholeFile) {
 
 TEST(HostOutputFiles, AFullDiskIsNamedForEveryFormat) {
   sxtest::TempRoot root;
-  SelectScanner(root);
+  sxtest::InstallSelected(root, "QM7110V", "[Feeder]\nSheets=1000\n");
   // A disk that fills inside the first page of a feeder job: a small file
   // system with 128 KiB left, mounted in a namespace of the test's own. The
   // scan stops there, with the reason, and leaves nothing.

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,6 +19,13 @@ struct Outcome {
   std::string out, err;
   std::string text;  // both, standard output first
   bool Says(const std::string& what) const { return text.find(what) != std::string::npos; }
+  // The phrases not said, one a line ("" when all are).
+  std::string Unsaid(std::initializer_list<std::string> phrases) const {
+    std::string unsaid;
+    for (const std::string& phrase : phrases)
+      if (!Says(phrase)) unsaid += phrase + "\n";
+    return unsaid;
+  }
 };
 
 // Runs `sxscan ARGS` in the root folder (where the library may put its

@@ -7,11 +7,6 @@
 namespace sxtest {
 namespace {
 
-std::string Fields(const SxDataSource& ds) {
-  return Text(ds.DisplayName) + "|" + Text(ds.FileName) + "|" + Text(ds.Directory) + "|" +
-         Text(ds.FileVersion) + "|" + Text(ds.Vendor) + "|" + Text(ds.PortName);
-}
-
 // One tree: drivers at every folder level, names from various abilities, candidates to reject.
 // Shift is held: with drivers present that adds no "Sample" source.
 TEST(Discovery, WhatIsListedAndHowEntriesDescribeIt) {

@@ -40,6 +40,12 @@ inline SxDataSource Find(const std::vector<SxDataSource>& list, const std::strin
   return {};
 }
 
+// An entry's texts, "name|file|directory|version|vendor|port".
+inline std::string Fields(const SxDataSource& ds) {
+  return Text(ds.DisplayName) + "|" + Text(ds.FileName) + "|" + Text(ds.Directory) + "|" +
+         Text(ds.FileVersion) + "|" + Text(ds.Vendor) + "|" + Text(ds.PortName);
+}
+
 inline Strings SortedNames(const std::vector<SxDataSource>& list) {
   Strings names;
   for (const SxDataSource& ds : list) names.push_back(Text(ds.DisplayName));
