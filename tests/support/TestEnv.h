@@ -56,7 +56,8 @@ class TempRoot {
   fs::path InstallVscan(const std::string& relDir, const std::string& iniText = "",
                         const std::string& versionText = DefaultVersionText(),
                         const std::string& fileName = "vscan.dll") const;
-  // Copies any built module file with a version record attached.
+  // Copies any built module file with a version record attached (on
+  // Windows its only resource).
   fs::path InstallModule(const fs::path& source, const std::string& relDir,
                          const std::string& fileName, const std::string& versionText) const;
 

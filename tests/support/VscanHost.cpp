@@ -34,11 +34,19 @@ int32_t SX_API RecordTransfer(void* data, int64_t* count, int32_t code) {
     t.Pages.emplace_back();
     if (t.BufferAnswer) *count = t.BufferAnswer;
   } else if (code >= SX_XFER_DATA && !t.Pages.empty()) {
+    EXPECT_TRUE(!t.Buffer || data == t.Buffer) << "a block outside the host's buffer";
     const auto* bytes = static_cast<const uint8_t*>(data);
     t.Pages.back().insert(t.Pages.back().end(), bytes, bytes + *count);
     std::this_thread::sleep_for(t.Delay);
   }
   return t.Answer ? t.Answer(index, code) : 0;
+}
+
+void RecordInto(Transfer& transfer) {
+  transfer.Codes.clear();
+  transfer.Counts.clear();
+  transfer.Pages.clear();
+  gTransfer = &transfer;
 }
 
 std::vector<int32_t> Transfer::PageCodes(size_t page) const {
@@ -91,25 +99,15 @@ void VscanHost::Unload() {
 }
 
 int32_t VscanHost::Acquire(Transfer& transfer, void* buffer) {
-  transfer.Codes.clear();
-  transfer.Counts.clear();
-  transfer.Pages.clear();
   logged_ = ReadLines(Log).size();
-  gTransfer = &transfer;
+  RecordInto(transfer);
   return Lib->WatchedAcquire(RecordTransfer, buffer ? buffer : Buffer->Data());
-}
-
-std::vector<std::string> VscanHost::EntryPoints() const {
-  std::vector<std::string> lines = ReadLines(Log);
-  lines.erase(lines.begin(), lines.begin() + static_cast<long>(std::min(logged_, lines.size())));
-  for (std::string& line : lines) line.resize(std::min(line.size(), line.find('(')));
-  return lines;
 }
 
 size_t VscanHost::Calls(const std::string& prefix) const {
   const std::vector<std::string> lines = ReadLines(Log);
   return static_cast<size_t>(std::count_if(lines.begin() + static_cast<long>(std::min(logged_, lines.size())),
-                                           lines.end(), [&](const std::string& line) { return line.rfind(prefix, 0) == 0; }));
+                                           lines.end(), [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }));
 }
 
 }  // namespace sxtest

@@ -29,6 +29,7 @@ struct Transfer {
   // What the callback returns to call `index` (from 0) with `code`.
   std::function<int32_t(size_t index, int32_t code)> Answer;
   std::chrono::milliseconds Delay{0};  // spent in each data call: a slow host
+  const void* Buffer = nullptr;        // when set, where every block must arrive
 
   std::vector<int32_t> Codes;  // every call's code and count, in order
   std::vector<int64_t> Counts;
@@ -42,8 +43,11 @@ struct Transfer {
   int64_t Delivered() const;
 };
 
-// The callback that records into the transfer of the running acquisition.
+// The callback that records into the transfer of the running acquisition,
+// and the choice of that transfer (its answers kept, what it received
+// cleared).
 int32_t SX_API RecordTransfer(void* data, int64_t* count, int32_t code);
+void RecordInto(Transfer& transfer);
 
 class VscanHost {
  public:
@@ -65,9 +69,8 @@ class VscanHost {
   // watchdog, recorded in `transfer` (its answers kept, what it received
   // cleared).
   int32_t Acquire(Transfer& transfer, void* buffer = nullptr);
-  // The scanner's calls since the last acquisition began: the entry points
-  // in order, and how many log lines start with `prefix`.
-  std::vector<std::string> EntryPoints() const;
+  // The scanner's calls since the last acquisition began whose log lines
+  // start with `prefix`.
   size_t Calls(const std::string& prefix) const;
 
   TempRoot Root;

@@ -53,7 +53,8 @@ class Serve : public ::testing::Test {
 
   // The same page from `sxscan scan`, as written to `output`.
   void LocalScan(const std::string& options, const std::string& output) const {
-    const sxtest::Outcome scan = sxtest::RunSxscan(root_, "scan " + options + " --units 300ths --output '" + Path(output) + "'");
+    const sxtest::Outcome scan =
+        sxtest::RunSxscan(root_, "scan " + options + " --units 300ths --output '" + Path(output) + "'");
     ASSERT_EQ(scan.exitCode, 0) << scan.text;
   }
   // Waits (up to 20 s) until the server's log holds `text` `count` times.

@@ -21,8 +21,9 @@ TEST(HostDoctor, NamesEachFaultWithItsFixAndPassesASoundTree) {
   root.InstallVscan("Corvane/QM7110", "[Scanner]\nModel=QM7110V\n");
   Report sound = Doctor(root);
   EXPECT_EQ(sound.exitCode, 0) << sound.text;
-  EXPECT_EQ(sound.Unsaid({"from the environment variable SX_ROOT", "Corvane/QM7110/vscan.dll: offered as \"USB - QM7110V",
-                          "no problem found", "wnaspi32.dll: absent (SCSI scanners are not looked for)"}),
+  EXPECT_EQ(sound.Unsaid({"from the environment variable SX_ROOT",
+                          "Corvane/QM7110/vscan.dll: offered as \"USB - QM7110V", "no problem found",
+                          "wnaspi32.dll: absent (SCSI scanners are not looked for)"}),
             "")
       << sound.text;
 
@@ -112,7 +113,8 @@ TEST(HostDoctor, ChecksColourMatchingAndNamesDamagedModules) {
   icc.replace(36, 4, "acsp");
   sxtest::WriteFile(color / "vscan.icc", icc);
   Report colour = Doctor(root);
-  EXPECT_EQ(colour.Unsaid({"sxcmms.dll\n  loads, with its 5 entry points", "QM7110V uses vscan.icc: a valid ICC profile",
+  EXPECT_EQ(colour.Unsaid({"sxcmms.dll\n  loads, with its 5 entry points",
+                           "QM7110V uses vscan.icc: a valid ICC profile",
                            "QM7110X uses gone.icc: missing\n  problem: the profile gone.icc is not in",
                            "1 problem(s) found"}),
             "")

@@ -131,27 +131,6 @@ TEST(HostProgram, CapsAndValuesReadAsTheyAreTyped) {
   EXPECT_TRUE(png.width == 200u && png.height == 100u);
 }
 
-// PDF holds every feeder page in one document; JPEG writes one file a page.
-TEST(HostProgram, FeederPagesAsPdfAndJpeg) {
-  sxtest::TempRoot root;
-  sxtest::InstallSelected(root, "QM7110V", "[Feeder]\nSheets=6\n");
-  const std::string feeder = "scan --source feeder --pages 3 --resolution 100 --area 0,0,2,1 ";
-  Outcome pdf = RunSxscan(root, feeder + "--output stack.pdf");
-  ASSERT_EQ(pdf.exitCode, 0) << pdf.text;
-  const std::string document = sxtest::ReadFile(root.Path() / "stack.pdf");
-  EXPECT_EQ(document.rfind("%PDF-", 0), 0u);
-  EXPECT_NE(document.find("/Count 3"), std::string::npos) << "three pages";
-  EXPECT_FALSE(fs::exists(root.Path() / ".stack.pdf.part"));
-
-  Outcome jpeg = RunSxscan(root, feeder + "--mode gray --quality 60 --output page.jpg");
-  ASSERT_EQ(jpeg.exitCode, 0) << jpeg.text;
-  EXPECT_TRUE(jpeg.Says("wrote 3 pages to page.jpg, page-2.jpg and page-3.jpg")) << jpeg.text;
-  for (const char* name : {"page.jpg", "page-2.jpg", "page-3.jpg"}) {
-    const std::string bytes = sxtest::ReadFile(root.Path() / name);
-    EXPECT_TRUE(bytes.size() > 4 && bytes.compare(0, 2, "\xFF\xD8") == 0) << name;
-  }
-}
-
 // The share of light pixels: bits set in packed line art, samples above the
 // middle in 8-bit gray.
 double LightShare(const std::vector<uint8_t>& raster, bool packed) {
