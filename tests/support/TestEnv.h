@@ -47,7 +47,8 @@ class TempRoot {
   // Replaces the registry with the given text in the store's text form
   // (Linux: <root>/user.reg; Windows: the values under Software\Quillmark).
   void WriteRegistry(const std::string& text) const;
-  // The registry in the store's text form ("" when there is none).
+  // The registry store's file, user.reg ("" when there is none); POSIX
+  // systems only.
   std::string ReadRegistry() const;
   // Installs a copy of vscan.dll as <twain_32>/<relDir>/<fileName> with the
   // given version record (empty: none) and vscan.ini (empty: none) beside it.

@@ -27,7 +27,6 @@ constexpr char kShiftVariable[] = "SX_SHIFT_HELD";
 constexpr char kSavedSuffix[] = ".sxtest-saved";
 // The language of the version resource a resource compiler gives by default.
 constexpr WORD kVersionLanguage = MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US);
-constexpr DWORD kMaxValueName = 16384;
 
 constexpr UINT kHungExitCode = 124;  // what timeout(1) reports
 
@@ -112,32 +111,6 @@ HKEY CreateKey(const std::string& path) {
                                          nullptr, &key, nullptr);
   if (status != ERROR_SUCCESS) ADD_FAILURE() << "cannot create HKCU\\" << path << ": " << status;
   return status == ERROR_SUCCESS ? key : nullptr;
-}
-
-// Every value and subkey of `key`, depth first, in the registry's own order.
-void DumpKey(HKEY key, const std::string& path, sx::plat::RegDocument& doc) {
-  sx::plat::AddRegistryKey(doc, path);
-  std::vector<char> name(kMaxValueName);
-  for (DWORD i = 0;; ++i) {
-    DWORD nameSize = kMaxValueName, type = 0, size = 0;
-    if (RegEnumValueA(key, i, name.data(), &nameSize, nullptr, &type, nullptr, nullptr) != ERROR_SUCCESS) break;
-    const std::string valueName(name.data(), nameSize);
-    RegQueryValueExA(key, valueName.c_str(), nullptr, &type, nullptr, &size);
-    std::string data(size, '\0');
-    RegQueryValueExA(key, valueName.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(data.data()), &size);
-    data.resize(size);
-    sx::plat::SetRegistryValue(doc, path, valueName, type, data);
-  }
-  for (DWORD i = 0;; ++i) {
-    DWORD nameSize = kMaxValueName;
-    if (RegEnumKeyExA(key, i, name.data(), &nameSize, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
-      break;
-    const std::string subName(name.data(), nameSize);
-    HKEY sub = nullptr;
-    if (RegOpenKeyExA(key, subName.c_str(), 0, KEY_READ, &sub) != ERROR_SUCCESS) continue;
-    DumpKey(sub, path + "\\" + subName, doc);
-    RegCloseKey(sub);
-  }
 }
 
 constexpr WORD kVersionType = 16;  // RT_VERSION
@@ -268,15 +241,6 @@ void TempRoot::WriteRegistry(const std::string& text) const {
     }
   }
   if (key) RegCloseKey(key);
-}
-
-std::string TempRoot::ReadRegistry() const {
-  HKEY key = nullptr;
-  if (RegOpenKeyExA(HKEY_CURRENT_USER, kVendorKey, 0, KEY_READ, &key) != ERROR_SUCCESS) return {};
-  sx::plat::RegDocument doc;
-  DumpKey(key, kVendorKey, doc);
-  RegCloseKey(key);
-  return sx::plat::WriteRegistryText(doc);
 }
 
 fs::path TempRoot::InstallModule(const fs::path& source, const std::string& relDir,
