@@ -13,11 +13,7 @@ namespace {
 using namespace sxtest;
 using namespace sx;
 
-struct Registry : ::testing::Test {
-  Registry() { sx::ResetRegistryState(); }
-  ~Registry() override { sx::ResetRegistryState(); }
-  TempRoot root_;
-};
+using Registry = RegistryFixture;
 
 TEST_F(Registry, WritesKeepTheCallersSizeAndReadsZeroFill) {
   const uint32_t level = 0x258;

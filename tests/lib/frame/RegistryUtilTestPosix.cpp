@@ -12,11 +12,7 @@ namespace {
 using namespace sxtest;
 using namespace sx;
 
-struct RegistryStoreFile : ::testing::Test {
-  RegistryStoreFile() { sx::ResetRegistryState(); }
-  ~RegistryStoreFile() override { sx::ResetRegistryState(); }
-  TempRoot root_;
-};
+using RegistryStoreFile = RegistryFixture;
 
 TEST_F(RegistryStoreFile, TextsKeepTheCallersSize) {
   EXPECT_EQ(sx::WriteRegValue(kKeyOptions, "TargetTest", "Ok", 0x101, 2), 1);
