@@ -1,7 +1,6 @@
 // The parts of the test environment that are the same on every system.
 #include "support/TestEnv.h"
 
-#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -13,13 +12,6 @@ std::string DefaultVersionText(const std::string& fileVersion, const std::string
          "\\StringFileInfo\\040904B0\\CompanyName=" + company + "\n"
          "\\StringFileInfo\\040904B0\\ProductName=" + product + "\n"
          "\\StringFileInfo\\040904B0\\FileVersion=" + fileVersion + "\n";
-}
-
-std::string NativePath(std::string path) {
-#ifdef _WIN32
-  std::replace(path.begin(), path.end(), '/', '\\');
-#endif
-  return path;
 }
 
 std::string ReadFile(const fs::path& path) {
@@ -79,22 +71,9 @@ void Library::FreeList(SxValueList* list) const {
 }
 
 void Library::ResolveExports() {
-#define SX_RESOLVE(field, name) field = reinterpret_cast<decltype(field)>(Symbol(name))
-  SX_RESOLVE(Load, "SxLoad");
-  SX_RESOLVE(Free, "SxFree");
-  SX_RESOLVE(GetDS, "SxGetDS");
-  SX_RESOLVE(SetDriverById, "SxSetDriverById");
-  SX_RESOLVE(SetValue, "SxSetValue");
-  SX_RESOLVE(GetValue, "SxGetValue");
-  SX_RESOLVE(QueryData, "SxQueryData");
-  SX_RESOLVE(Acquire, "SxAcquire");
-  SX_RESOLVE(GlobalAlloc, "SxSysGlobalAlloc");
-  SX_RESOLVE(GlobalLock, "SxSysGlobalLock");
-  SX_RESOLVE(GlobalUnlock, "SxSysGlobalUnlock");
-  SX_RESOLVE(GlobalFree, "SxSysGlobalFree");
-  SX_RESOLVE(GlobalHandle, "SxSysGlobalHandle");
-  SX_RESOLVE(GlobalSize, "SxSysGlobalSize");
-#undef SX_RESOLVE
+#define SXTEST_RESOLVE(member, name) member = reinterpret_cast<decltype(member)>(Symbol(#name));
+  SXTEST_EXPORTS(SXTEST_RESOLVE)
+#undef SXTEST_RESOLVE
 }
 
 }  // namespace sxtest

@@ -47,7 +47,8 @@ class TempRoot {
   // Replaces the registry with the given text in the store's text form
   // (Linux: <root>/user.reg; Windows: the values under Software\Quillmark).
   void WriteRegistry(const std::string& text) const;
-  // The registry in the store's text form ("" when there is none).
+  // The registry store's file, user.reg ("" when there is none); POSIX
+  // systems only.
   std::string ReadRegistry() const;
   // Installs a copy of vscan.dll as <twain_32>/<relDir>/<fileName> with the
   // given version record (empty: none) and vscan.ini (empty: none) beside it.
@@ -56,7 +57,8 @@ class TempRoot {
   fs::path InstallVscan(const std::string& relDir, const std::string& iniText = "",
                         const std::string& versionText = DefaultVersionText(),
                         const std::string& fileName = "vscan.dll") const;
-  // Copies any built module file with a version record attached.
+  // Copies any built module file with a version record attached (on
+  // Windows its only resource).
   fs::path InstallModule(const fs::path& source, const std::string& relDir,
                          const std::string& fileName, const std::string& versionText) const;
 
@@ -78,6 +80,13 @@ class ScopedEnv {
   bool had_ = false;
 };
 
+// The library's exported functions a host calls, as (member, export).
+#define SXTEST_EXPORTS(X)                                                                            \
+  X(Load, SxLoad) X(Free, SxFree) X(GetDS, SxGetDS) X(SetDriverById, SxSetDriverById)                \
+  X(SetValue, SxSetValue) X(GetValue, SxGetValue) X(QueryData, SxQueryData) X(Acquire, SxAcquire)    \
+  X(GlobalAlloc, SxSysGlobalAlloc) X(GlobalLock, SxSysGlobalLock) X(GlobalUnlock, SxSysGlobalUnlock) \
+  X(GlobalFree, SxSysGlobalFree) X(GlobalHandle, SxSysGlobalHandle) X(GlobalSize, SxSysGlobalSize)
+
 // The library (libsxscan.so with dlopen, sxscan.dll with LoadLibrary) loaded
 // (attach) and freed again (detach), with its exported functions resolved.
 class Library {
@@ -90,20 +99,9 @@ class Library {
   bool Loaded() const { return handle_ != nullptr; }
   void* Symbol(const char* name) const;
 
-  decltype(&::SxLoad) Load = nullptr;
-  decltype(&::SxFree) Free = nullptr;
-  decltype(&::SxGetDS) GetDS = nullptr;
-  decltype(&::SxSetDriverById) SetDriverById = nullptr;
-  decltype(&::SxSetValue) SetValue = nullptr;
-  decltype(&::SxGetValue) GetValue = nullptr;
-  decltype(&::SxQueryData) QueryData = nullptr;
-  decltype(&::SxAcquire) Acquire = nullptr;
-  decltype(&::SxSysGlobalAlloc) GlobalAlloc = nullptr;
-  decltype(&::SxSysGlobalLock) GlobalLock = nullptr;
-  decltype(&::SxSysGlobalUnlock) GlobalUnlock = nullptr;
-  decltype(&::SxSysGlobalFree) GlobalFree = nullptr;
-  decltype(&::SxSysGlobalHandle) GlobalHandle = nullptr;
-  decltype(&::SxSysGlobalSize) GlobalSize = nullptr;
+#define SXTEST_MEMBER(member, name) decltype(&::name) member = nullptr;
+  SXTEST_EXPORTS(SXTEST_MEMBER)
+#undef SXTEST_MEMBER
 
   // SxAcquire under the hang watchdog.
   int32_t WatchedAcquire(SxTransferCallback callback, void* buffer, unsigned seconds = 60) const;

@@ -30,6 +30,8 @@ fs::path MakeTempFolder(const std::string& prefix) {
 
 void HangWatchdog(unsigned seconds) { alarm(seconds); }
 
+std::string NativePath(std::string path) { return path; }
+
 FaultingPage::FaultingPage() : Size(static_cast<size_t>(sysconf(_SC_PAGESIZE))) {
   void* map = mmap(nullptr, 2 * Size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (map == MAP_FAILED) throw std::runtime_error("mmap failed");

@@ -27,7 +27,6 @@ constexpr char kShiftVariable[] = "SX_SHIFT_HELD";
 constexpr char kSavedSuffix[] = ".sxtest-saved";
 // The language of the version resource a resource compiler gives by default.
 constexpr WORD kVersionLanguage = MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US);
-constexpr DWORD kMaxValueName = 16384;
 
 constexpr UINT kHungExitCode = 124;  // what timeout(1) reports
 
@@ -114,92 +113,13 @@ HKEY CreateKey(const std::string& path) {
   return status == ERROR_SUCCESS ? key : nullptr;
 }
 
-// Every value and subkey of `key`, depth first, in the registry's own order.
-void DumpKey(HKEY key, const std::string& path, sx::plat::RegDocument& doc) {
-  sx::plat::AddRegistryKey(doc, path);
-  std::vector<char> name(kMaxValueName);
-  for (DWORD i = 0;; ++i) {
-    DWORD nameSize = kMaxValueName, type = 0, size = 0;
-    if (RegEnumValueA(key, i, name.data(), &nameSize, nullptr, &type, nullptr, nullptr) != ERROR_SUCCESS) break;
-    const std::string valueName(name.data(), nameSize);
-    RegQueryValueExA(key, valueName.c_str(), nullptr, &type, nullptr, &size);
-    std::string data(size, '\0');
-    RegQueryValueExA(key, valueName.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(data.data()), &size);
-    data.resize(size);
-    sx::plat::SetRegistryValue(doc, path, valueName, type, data);
-  }
-  for (DWORD i = 0;; ++i) {
-    DWORD nameSize = kMaxValueName;
-    if (RegEnumKeyExA(key, i, name.data(), &nameSize, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
-      break;
-    const std::string subName(name.data(), nameSize);
-    HKEY sub = nullptr;
-    if (RegOpenKeyExA(key, subName.c_str(), 0, KEY_READ, &sub) != ERROR_SUCCESS) continue;
-    DumpKey(sub, path + "\\" + subName, doc);
-    RegCloseKey(sub);
-  }
-}
-
 constexpr WORD kVersionType = 16;  // RT_VERSION
 
-// A resource identifier: a name, or an integer id when the name is empty.
-struct ResourceName {
-  std::wstring Text;
-  WORD Id = 0;
-  explicit ResourceName(LPCWSTR name) {
-    if (IS_INTRESOURCE(name)) Id = static_cast<WORD>(reinterpret_cast<ULONG_PTR>(name));
-    else Text = name;
-  }
-  LPCWSTR Pointer() const { return Text.empty() ? MAKEINTRESOURCEW(Id) : Text.c_str(); }
-};
-
-struct Resource {
-  ResourceName Type, Name;
-  WORD Language;
-  std::string Data;
-};
-
-struct Collector {
-  std::vector<Resource> Found;
-};
-
-BOOL CALLBACK CollectLanguage(HMODULE module, LPCWSTR type, LPCWSTR name, WORD language, LONG_PTR found) {
-  HRSRC info = FindResourceExW(module, type, name, language);
-  HGLOBAL loaded = info ? LoadResource(module, info) : nullptr;
-  const char* bytes = loaded ? static_cast<const char*>(LockResource(loaded)) : nullptr;
-  if (bytes)
-    reinterpret_cast<Collector*>(found)->Found.push_back(
-        {ResourceName(type), ResourceName(name), language, std::string(bytes, SizeofResource(module, info))});
-  return TRUE;
-}
-
-BOOL CALLBACK CollectName(HMODULE module, LPCWSTR type, LPWSTR name, LONG_PTR found) {
-  EnumResourceLanguagesW(module, type, name, CollectLanguage, found);
-  return TRUE;
-}
-
-BOOL CALLBACK CollectType(HMODULE module, LPWSTR type, LONG_PTR found) {
-  if (!IS_INTRESOURCE(type) || reinterpret_cast<ULONG_PTR>(type) != kVersionType)
-    EnumResourceNamesW(module, type, CollectName, found);
-  return TRUE;
-}
-
-// Every resource of a module file but its version resources, read as data.
-std::vector<Resource> OtherResources(const fs::path& file) {
-  Collector collector;
-  HMODULE data = LoadLibraryExW(file.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE);
-  if (!data) return {};
-  EnumResourceTypesW(data, CollectType, reinterpret_cast<LONG_PTR>(&collector));
-  FreeLibrary(data);
-  return collector.Found;
-}
-
-// Replaces the version resource of the file with the one the text describes
-// (none for an empty text). A single resource cannot be deleted everywhere
-// (Wine keeps it), so the file's resources are all dropped and the others
-// written back.
+// Replaces the file's resources with the version resource the text
+// describes (none for an empty text). A single resource cannot be deleted
+// everywhere (Wine keeps it), so all are; the modules tests install carry
+// no other.
 void SetVersionResource(const fs::path& file, const std::string& versionText) {
-  const std::vector<Resource> others = OtherResources(file);
   const std::string block = versionText.empty() ? std::string() : BuildVersionResource(versionText);
   if (!versionText.empty() && block.empty()) ADD_FAILURE() << "no usable line in the version record";
   HANDLE update = BeginUpdateResourceW(file.c_str(), TRUE);
@@ -207,13 +127,10 @@ void SetVersionResource(const fs::path& file, const std::string& versionText) {
     ADD_FAILURE() << "BeginUpdateResource failed for " << file << ": " << GetLastError();
     return;
   }
-  bool ok = true;
-  for (const Resource& r : others)
-    ok &= UpdateResourceW(update, r.Type.Pointer(), r.Name.Pointer(), r.Language, const_cast<char*>(r.Data.data()),
-                          static_cast<DWORD>(r.Data.size())) != FALSE;
-  if (!block.empty())
-    ok &= UpdateResourceW(update, MAKEINTRESOURCEW(kVersionType), MAKEINTRESOURCEW(VS_VERSION_INFO),
-                          kVersionLanguage, const_cast<char*>(block.data()), static_cast<DWORD>(block.size())) != FALSE;
+  const bool ok = block.empty() ||
+                  UpdateResourceW(update, MAKEINTRESOURCEW(kVersionType), MAKEINTRESOURCEW(VS_VERSION_INFO),
+                                  kVersionLanguage, const_cast<char*>(block.data()),
+                                  static_cast<DWORD>(block.size())) != FALSE;
   if (!ok) ADD_FAILURE() << "UpdateResource failed for " << file << ": " << GetLastError();
   if (!EndUpdateResourceW(update, ok ? FALSE : TRUE))
     ADD_FAILURE() << "EndUpdateResource failed for " << file << ": " << GetLastError();
@@ -231,6 +148,11 @@ fs::path MakeTempFolder(const std::string& prefix) {
   fs::remove_all(dir, ec);  // left by an earlier process of the same id
   fs::create_directories(dir);
   return dir;
+}
+
+std::string NativePath(std::string path) {
+  std::replace(path.begin(), path.end(), '/', '\\');
+  return path;
 }
 
 void HangWatchdog(unsigned seconds) {
@@ -319,15 +241,6 @@ void TempRoot::WriteRegistry(const std::string& text) const {
     }
   }
   if (key) RegCloseKey(key);
-}
-
-std::string TempRoot::ReadRegistry() const {
-  HKEY key = nullptr;
-  if (RegOpenKeyExA(HKEY_CURRENT_USER, kVendorKey, 0, KEY_READ, &key) != ERROR_SUCCESS) return {};
-  sx::plat::RegDocument doc;
-  DumpKey(key, kVendorKey, doc);
-  RegCloseKey(key);
-  return sx::plat::WriteRegistryText(doc);
 }
 
 fs::path TempRoot::InstallModule(const fs::path& source, const std::string& relDir,

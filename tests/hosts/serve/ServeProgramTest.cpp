@@ -9,7 +9,6 @@
 #include <httplib.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,54 +19,17 @@
 #include <vector>
 
 #include "tests/hosts/sxscan/ImageRead.h"
-#include "support/TestEnv.h"
+#include "tests/hosts/sxscan/RunSxscan.h"
 
 namespace sx::host {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using sxtest::Started;
 
 constexpr char kVscanDir[] = "Corvane/VScan";
 constexpr char kDevice[] = "airscan:e0:sxscan";
-
-std::string Shell(const std::string& command, int* status) {
-  std::string out;
-  FILE* p = popen(command.c_str(), "r");
-  if (!p) return out;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-  *status = pclose(p);
-  return out;
-}
-
-// A program started through the shell, its process id known so that it can
-// be signalled: the shell prints its own id and replaces itself with it.
-class Started {
- public:
-  explicit Started(const std::string& command) : pipe_(popen(("echo $$; exec " + command).c_str(), "r")) {
-    pid_ = std::stoi(Line());
-  }
-  ~Started() { Wait(SIGTERM); }
-  std::string Line() {
-    char line[512] = {};
-    if (!pipe_ || !fgets(line, sizeof line, pipe_)) return "0";
-    return line;
-  }
-  // Sends `signal` (0: none) and waits for the end; the exit status.
-  int Wait(int signal = 0) {
-    if (!pipe_) return -1;
-    if (signal) kill(pid_, signal);
-    const int status = pclose(pipe_);
-    pipe_ = nullptr;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  pid_t Pid() const { return pid_; }
-
- private:
-  FILE* pipe_;
-  pid_t pid_ = 0;
-};
 
 // Connections from one of loopback's many addresses (127.x.y.z), which the
 // server counts as many clients.
@@ -126,27 +88,6 @@ std::string HostName() {
   return text;
 }
 
-// The pixel bytes of a binary PNM.
-std::vector<uint8_t> PnmPixels(const std::string& pnm, int* width, int* height) {
-  std::vector<std::string> fields;
-  size_t pos = 0;
-  while (fields.size() < 4 && pos < pnm.size()) {
-    if (pnm[pos] == '#') pos = pnm.find('\n', pos);
-    if (pos == std::string::npos) return {};
-    if (std::isspace(static_cast<unsigned char>(pnm[pos]))) {
-      ++pos;
-      continue;
-    }
-    const size_t end = pnm.find_first_of(" \t\r\n", pos);
-    fields.push_back(pnm.substr(pos, end - pos));
-    pos = end;
-  }
-  if (fields.size() < 4) return {};
-  *width = std::stoi(fields[1]);
-  *height = std::stoi(fields[2]);
-  return std::vector<uint8_t>(pnm.begin() + static_cast<long>(pos) + 1, pnm.end());
-}
-
 class Serve : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -173,10 +114,9 @@ class Serve : public ::testing::Test {
 
   // The same page from `sxscan scan`, as written to `output`.
   void LocalScan(const std::string& options, const std::string& output) const {
-    int status = 0;
-    const std::string text = Shell("cd '" + root_.Path().string() + "' && '" SX_TEST_SXSCAN "' scan " + options +
-                                       " --units 300ths --output '" + Path(output) + "' 2>&1", &status);
-    ASSERT_EQ(status, 0) << text;
+    const sxtest::Outcome scan =
+        sxtest::RunSxscan(root_, "scan " + options + " --units 300ths --output '" + Path(output) + "'");
+    ASSERT_EQ(scan.exitCode, 0) << scan.text;
   }
   // Waits (up to 20 s) until the server's log holds `text` `count` times.
   bool WaitForLog(const std::string& text, int count) const {
@@ -212,8 +152,8 @@ class ServeToAirscan : public Serve {
  protected:
   void SetUp() override {
     int status = 0;
-    if (Shell("command -v scanimage 2>/dev/null", &status).empty() ||
-        Shell("ls /usr/lib/*/sane/libsane-airscan.so* 2>/dev/null", &status).empty())
+    if (sxtest::RunShell("command -v scanimage 2>/dev/null", &status).empty() ||
+        sxtest::RunShell("ls /usr/lib/*/sane/libsane-airscan.so* 2>/dev/null", &status).empty())
       GTEST_SKIP() << "scanimage or sane-airscan is absent";
     Serve::SetUp();
     sxtest::WriteFile(root_.Path() / "conf/dll.conf", "airscan\n");
@@ -239,8 +179,8 @@ class ServeToAirscan : public Serve {
     return log.find("DELETE /eSCL/ScanJobs/" + uuid + ": 200", at) != std::string::npos;
   }
   std::string Scan(const std::string& args, int* status) const {
-    const std::string out = Shell(Scanimage("-d " + std::string(kDevice) + " " + args + " 2>/dev/null", 10), status);
-    const int code = WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
+    const std::string out = sxtest::RunShell(Scanimage("-d " + std::string(kDevice) + " " + args + " 2>/dev/null", 10), status);
+    const int code = sxtest::ExitCode(*status);
     if ((code == 124 || code == 137) && LastJobDeletedByClient()) {
       std::fprintf(stderr, "note: scanimage did not return from sane_close after a whole page; stopped\n");
       *status = 0;
@@ -269,7 +209,7 @@ class ServeToAirscan : public Serve {
 
 TEST_F(ServeToAirscan, ListsOffersAndScansEachModeAsALocalScanDoes) {
   int status = 0;
-  EXPECT_NE(Shell(Scanimage("-L"), &status).find(std::string("`") + kDevice + "' is a eSCL sxscan"), std::string::npos);
+  EXPECT_NE(sxtest::RunShell(Scanimage("-L"), &status).find(std::string("`") + kDevice + "' is a eSCL sxscan"), std::string::npos);
   const std::string options = Scan("-A", &status);
   for (const char* text : {"--resolution 75|100|150|200|300|400|600dpi [300]", "--mode Color|Gray [Color]",
                            "--source Flatbed|ADF [Flatbed]", "-x 0..215.9mm", "-y 0..297.011mm"})
@@ -292,7 +232,7 @@ TEST_F(ServeToAirscan, ListsOffersAndScansEachModeAsALocalScanDoes) {
 
 TEST_F(ServeToAirscan, FeederBatchGivesEachPageOnceAndAnEmptyFeederIsSaid) {
   int status = 0;
-  Shell("cd '" + root_.Path().string() + "' && " +
+  sxtest::RunShell("cd '" + root_.Path().string() + "' && " +
             Scanimage("-d " + std::string(kDevice) + " --source ADF --batch=adf%d.pnm --format=pnm --mode Gray "
                       "--resolution 100 -x 50.8 -y 25.4 2>&1", 10), &status);
   LocalScan("--source feeder --pages 3 --area 0,0,600,300 --mode gray --resolution 100", "local.tif");
@@ -309,7 +249,7 @@ TEST_F(ServeToAirscan, FeederBatchGivesEachPageOnceAndAnEmptyFeederIsSaid) {
   // An empty feeder: the job is refused and the client says so.
   root_.InstallVscan(kVscanDir, "[Feeder]\nSheets=0\n");
   Scan("--source ADF --format=pnm --mode Gray --resolution 100 -x 50.8 -y 25.4", &status);
-  EXPECT_EQ(WEXITSTATUS(status), 7) << "SANE_STATUS_NO_DOCS";
+  EXPECT_EQ(sxtest::ExitCode(status), 7) << "SANE_STATUS_NO_DOCS";
   EXPECT_NE(ReadLog().find("POST /eSCL/ScanJobs: 409"), std::string::npos);
 }
 
@@ -580,7 +520,7 @@ TEST_F(Serve, AnswersOnItsOwnPortAddressesAndNamesOnly) {
   const std::string port = std::to_string(port_);
   int status = 0;
   const std::string second =
-      Shell("timeout 10 '" SX_TEST_SXSCAN "' serve --no-announce --port " + port + " 2>&1", &status);
+      sxtest::RunShell("timeout 10 '" SX_TEST_SXSCAN "' serve --no-announce --port " + port + " 2>&1", &status);
   EXPECT_EQ(WEXITSTATUS(status), 1) << second;
   EXPECT_NE(second.find("cannot listen on 127.0.0.1 port " + port), std::string::npos) << second;
 

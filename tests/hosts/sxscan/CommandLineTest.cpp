@@ -41,7 +41,8 @@ TEST(HostCommandLine, ArgumentsAndScanOptions) {
       {"scan --resolution 3x"}, {"scan --mode sepia"}, {"scan --area 1,2,3"},
       {"scan --area 1,2,0,4"}, {"scan --area -1,0,2,2"}, {"scan --area 1,2,3,nan"},
       {"scan --units cm"},  // a unit without an area
-      {"scan --source tray"}, {"scan --pages 0"}, {"scan --output page.gif"},
+      {"scan --units pixels --area 0,0,1,1"}, {"scan --source tray"}, {"scan --pages 0"},
+      {"scan --output page.gif"}, {"scan --quality 0"}, {"scan --filter purple"},
       {"scan --set gamma"}, {"scan --set =1"}, {"scan --bogus"},
   };
   for (const auto& c : cases) {
@@ -60,10 +61,7 @@ TEST(HostCommandLine, HelpPerCommandAndShortVersion) {
   ASSERT_TRUE(scanHelp.ok);
   EXPECT_EQ(scanHelp.line.kind, CommandKind::Help);
   EXPECT_EQ(scanHelp.line.helpFor, CommandKind::Scan);
-  EXPECT_EQ(CommandHelpText(CommandKind::Scan).rfind("usage: sxscan scan", 0), 0u);
-  EXPECT_NE(CommandHelpText(CommandKind::Scan).find("--resolution N"), std::string::npos);
   EXPECT_EQ(ParseCommandLine({"--help"}).line.helpFor, CommandKind::Help);
-  EXPECT_EQ(CommandHelpText(CommandKind::Help), UsageText());
   EXPECT_EQ(ParseCommandLine({"-V"}).line.kind, CommandKind::Version);
   EXPECT_EQ(ParseCommandLine({"doctor", "-V"}).line.kind, CommandKind::Version);
 }

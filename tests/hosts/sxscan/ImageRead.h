@@ -1,11 +1,13 @@
 // Test helpers: a temporary folder, and PNG, TIFF, JPEG and PDF files read
 // back with libpng, libtiff, libjpeg and zlib, independently of the writers
-// under test.
+// under test; the PNM pages scanning front ends write.
 #pragma once
 #include <png.h>
 #include <tiffio.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -224,6 +226,28 @@ inline int PdfStructurePages(const std::vector<uint8_t>& bytes, std::string* why
   }
   if (pages != count) return *why = "/Count says " + std::to_string(count), -1;
   return pages;
+}
+
+// The pixel bytes of a binary PNM page (P4, P5 or P6), and its size.
+inline std::vector<uint8_t> PnmPixels(const std::string& pnm, int* width, int* height) {
+  const size_t wanted = pnm.compare(0, 2, "P4") == 0 ? 3 : 4;  // a bitmap has no maximum value
+  std::vector<std::string> fields;
+  size_t pos = 0;
+  while (fields.size() < wanted && pos < pnm.size()) {
+    if (pnm[pos] == '#') {
+      pos = pnm.find('\n', pos);
+    } else if (std::isspace(static_cast<unsigned char>(pnm[pos]))) {
+      ++pos;
+    } else {
+      const size_t end = std::min(pnm.find_first_of(" \t\r\n", pos), pnm.size());
+      fields.push_back(pnm.substr(pos, end - pos));
+      pos = end;
+    }
+  }
+  if (fields.size() < wanted || pos >= pnm.size()) return {};
+  *width = std::stoi(fields[1]);
+  *height = std::stoi(fields[2]);
+  return std::vector<uint8_t>(pnm.begin() + static_cast<long>(pos) + 1, pnm.end());
 }
 
 }  // namespace sx::host

@@ -6,104 +6,56 @@
 #include <gtest/gtest.h>
 
 #ifdef SX_HOST_BUILT
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <csignal>
-#include <thread>
 
 #include "ImageRead.h"
-#include "support/TestEnv.h"
+#include "RunSxscan.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using sxtest::HasPartialFile;
+using sxtest::Outcome;
 
-bool HasPartialFile(const fs::path& folder) {
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(folder, ec)) {
-    if (entry.path().extension() == ".part") return true;
-  }
-  return false;
-}
-
-// Runs `sxscan scan ARGS` in the root, sends SIGINT once standard error shows
-// `mark` (and, with `second`, a partial file is being written) and `after`
-// more has passed and, if `second` is a signal, that one `gap` after it;
-// returns the exit status and what it printed.
-std::pair<int, std::string> InterruptAt(const sxtest::TempRoot& root, std::vector<const char*> args,
-                                        const std::string& mark, int second = 0,
-                                        std::chrono::microseconds gap = {},
-                                        std::chrono::milliseconds after = {}) {
-  const std::string log = (root.Path() / "err.txt").string();
-  fs::remove(log);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int err = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int null = open("/dev/null", O_RDWR);
-    if (err < 0 || null < 0 || chdir(root.Path().c_str()) != 0) _exit(127);
-    dup2(null, 0), dup2(null, 1), dup2(err, 2);
-    args.insert(args.begin(), {"sxscan", "scan"});
-    args.push_back(nullptr);
-    execv(SX_TEST_SXSCAN, const_cast<char* const*>(args.data()));
-    _exit(127);
-  }
-  const auto start = std::chrono::steady_clock::now();
-  const auto reached = [&] {
-    return sxtest::ReadFile(log).find(mark) != std::string::npos && (!second || HasPartialFile(root.Path()));
-  };
-  while (!reached() && std::chrono::steady_clock::now() - start < std::chrono::seconds(30)) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  std::this_thread::sleep_for(after);
-  kill(pid, SIGINT);
-  if (second) {
-    std::this_thread::sleep_for(gap);
-    kill(pid, second);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, sxtest::ReadFile(log)};
+// `sxscan scan` of three feeder pages to `output`, sent SIGINT once standard
+// error shows `mark` (and, with `second`, a partial file is being written:
+// the page has begun) and `after` more has passed and, if `second` is a
+// signal, that one `gap` after it.
+Outcome InterruptAt(const sxtest::TempRoot& root, const std::string& output, const std::string& mark, int second = 0,
+                    std::chrono::microseconds gap = {}, std::chrono::milliseconds after = {},
+                    const std::string& more = "") {
+  return sxtest::Interrupt(
+      root, "scan --source feeder --pages 3 --resolution 150 --output " + output + more,
+      [&](const std::string& err) {
+        return err.find(mark) != std::string::npos && (!second || HasPartialFile(root.Path()));
+      },
+      second ? std::vector<int>{SIGINT, second} : std::vector<int>{SIGINT}, gap, after);
 }
 
 // A feeder of four sheets, each page taking about half a second at 150 dpi.
-void InstallPacedScanner(const sxtest::TempRoot& root) {
-  root.InstallVscan("Corvane/QM7110V", "[Scanner]\nModel=QM7110V\n[Feeder]\nSheets=4\n[Page]\nLineDelayUs=300\n");
-  ASSERT_EQ(std::system(("cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN "' select QM7110V >/dev/null").c_str()), 0);
-}
-
-const std::vector<const char*> kFeeder = {"--source", "feeder", "--pages", "3", "--resolution", "150"};
-
-std::vector<const char*> FeederTo(const char* output) {
-  std::vector<const char*> args = kFeeder;
-  args.insert(args.end(), {"--output", output});
-  return args;
-}
+constexpr char kPacedScanner[] = "[Feeder]\nSheets=4\n[Page]\nLineDelayUs=300\n";
 
 TEST(HostInterrupt, PagesCompleteBeforeTheInterruptAreKeptAndNothingPartialStays) {
   sxtest::TempRoot root;
-  InstallPacedScanner(root);
+  sxtest::InstallSelected(root, "QM7110V", kPacedScanner);
 
   // Two pages of three into a PDF: the third, being scanned, is left out.
-  auto [pdfCode, pdfText] = InterruptAt(root, FeederTo("stack.pdf"), "page 2:");
-  EXPECT_EQ(pdfCode, 130) << pdfText;
-  EXPECT_NE(sxtest::ReadFile(root.Path() / "stack.pdf").find("/Count 2"), std::string::npos) << pdfText;
+  const Outcome pdf = InterruptAt(root, "stack.pdf", "page 2:");
+  EXPECT_EQ(pdf.exitCode, 130) << pdf.text;
+  EXPECT_NE(sxtest::ReadFile(root.Path() / "stack.pdf").find("/Count 2"), std::string::npos) << pdf.text;
   EXPECT_FALSE(HasPartialFile(root.Path()));
 
   // One page for a PNG name while the second was coming: the document is
   // that page's PNG, not a TIFF. Said once: what was kept, not "wrote" and
   // "cancelled" both.
-  auto [code, text] = InterruptAt(root, FeederTo("big.png"), "page 1:");
-  EXPECT_EQ(code, 130) << text;
-  sx::host::PngRead png = sx::host::ReadPng((root.Path() / "big.png").string());
-  EXPECT_TRUE(png.ok && png.height > 1000u) << text;
+  const Outcome png = InterruptAt(root, "big.png", "page 1:");
+  EXPECT_EQ(png.exitCode, 130) << png.text;
+  const sx::host::PngRead page = sx::host::ReadPng((root.Path() / "big.png").string());
+  EXPECT_TRUE(page.ok && page.height > 1000u) << png.text;
   EXPECT_FALSE(fs::exists(root.Path() / "big.tif"));
   EXPECT_FALSE(HasPartialFile(root.Path()));
-  EXPECT_NE(text.find("scan cancelled; the 1 page scanned before it is kept in big.png"), std::string::npos)
-      << text;
-  EXPECT_EQ(text.find("wrote"), std::string::npos) << text;
+  EXPECT_TRUE(png.Says("scan cancelled; the 1 page scanned before it is kept in big.png")) << png.text;
+  EXPECT_FALSE(png.Says("wrote")) << png.text;
 }
 
 // The files of earlier rounds: a scan to b.png refuses to replace b.tif.
@@ -118,7 +70,7 @@ void RemoveOutputs(const sxtest::TempRoot& root) {
 // Each of the signals that interrupt serves as the second.
 TEST(HostInterrupt, SecondSignalKeepsTheCompletePages) {
   sxtest::TempRoot root;
-  InstallPacedScanner(root);
+  sxtest::InstallSelected(root, "QM7110V", kPacedScanner);
   const bool qpdf = std::system("command -v qpdf >/dev/null && command -v pdftoppm >/dev/null") == 0;
   const std::pair<const char*, const char*> outputs[] = {
       {"b.tif", "b.tif"}, {"b.png", "b.tif"}, {"b.pdf", "b.pdf"}, {"b.jpg", "b.jpg and b-2.jpg"}};
@@ -132,11 +84,10 @@ TEST(HostInterrupt, SecondSignalKeepsTheCompletePages) {
       RemoveOutputs(root);
       // Inside the third page, which takes over half a second, once the encoder
       // has written the second page's end (it is at most a transfer block behind).
-      auto [code, text] = InterruptAt(root, FeederTo(output), "page 2:", signal, gap, std::chrono::milliseconds(300));
-      EXPECT_EQ(code, 130) << text;
-      EXPECT_NE(text.find(std::string("scan cancelled; the 2 pages scanned before it are kept in ") + kept),
-                std::string::npos) << text;
-      EXPECT_FALSE(HasPartialFile(root.Path())) << text;
+      const Outcome o = InterruptAt(root, output, "page 2:", signal, gap, std::chrono::milliseconds(300));
+      EXPECT_EQ(o.exitCode, 130) << o.text;
+      EXPECT_TRUE(o.Says(std::string("scan cancelled; the 2 pages scanned before it are kept in ") + kept)) << o.text;
+      EXPECT_FALSE(HasPartialFile(root.Path())) << o.text;
       const fs::path first = root.Path() / std::string(kept).substr(0, 5);
       if (first.extension() == ".tif") {
         const std::vector<sx::host::TiffPage> pages = sx::host::ReadTiff(first.string());
@@ -159,12 +110,10 @@ TEST(HostInterrupt, SecondSignalKeepsTheCompletePages) {
     // Inside the first page (the library's progress dialog shows once the
     // scan, and the program's interrupt handling, have begun).
     RemoveOutputs(root);
-    std::vector<const char*> args = FeederTo(output);
-    args.push_back("--progress");
-    auto [code, text] = InterruptAt(root, args, "Scanning", SIGINT);
-    EXPECT_EQ(code, 130) << text;
-    EXPECT_NE(text.find("scan cancelled; no page was complete, so nothing is kept"), std::string::npos) << text;
-    EXPECT_FALSE(HasPartialFile(root.Path()) || fs::exists(root.Path() / output)) << text;
+    const Outcome o = InterruptAt(root, output, "Scanning", SIGINT, {}, {}, " --progress");
+    EXPECT_EQ(o.exitCode, 130) << o.text;
+    EXPECT_TRUE(o.Says("scan cancelled; no page was complete, so nothing is kept")) << o.text;
+    EXPECT_FALSE(HasPartialFile(root.Path()) || fs::exists(root.Path() / output)) << o.text;
   }
   if (!qpdf) std::printf("qpdf or pdftoppm not installed: the PDF was checked by the test's own reader only\n");
 }

@@ -5,38 +5,30 @@
 #include <gtest/gtest.h>
 
 #ifdef SX_HOST_BUILT
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <cstdlib>
 #include <sstream>
-#include <thread>
 
-#include "support/TestEnv.h"
+#include "RunSxscan.h"
 
 namespace sx::host {
 namespace {
+
+using sxtest::Outcome;
 
 TEST(HostProgramProgress, WarmUpCountdownThenPagesFromTheLibrarysDialogs) {
   sxtest::TempRoot root;
   sxtest::ScopedEnv fast("SX_TIME_SCALE", "0.001");
   sxtest::ScopedEnv english("LC_ALL", "C");
-  root.InstallVscan("Corvane/QM7110V", "[Scanner]\nModel=QM7110V\n[Feeder]\nSheets=2\n[Page]\nWarmUpRefusals=1\n");
+  sxtest::InstallSelected(root, "QM7110V", "[Feeder]\nSheets=2\n[Page]\nWarmUpRefusals=1\n");
   std::filesystem::copy_file(SX_TEST_SOURCE_DIR "/cmake/skeleton/sxscan.loc", root.Windows() / "sxscan.loc");
-  root.WriteRegistry("[Software\\Quillmark]\n\"LOCALIZE\"=\"sxscan.loc\"\n");
-  const std::string program = "cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN "' ";
-  ASSERT_EQ(std::system((program + "select QM7110V >/dev/null").c_str()), 0);
-  const std::string log = (root.Path() / "log.txt").string();
-  const int status = std::system((program + "scan --source feeder --pages all --resolution 100 --mode gray "
-                                            "--progress --output pages.tiff >/dev/null 2>'" + log + "' </dev/null").c_str());
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << sxtest::ReadFile(log);
+  root.WriteRegistry(root.ReadRegistry() + "[Software\\Quillmark]\n\"LOCALIZE\"=\"sxscan.loc\"\n");
+  const Outcome scan = sxtest::RunSxscan(
+      root, "scan --source feeder --pages all --resolution 100 --mode gray --progress --output pages.tiff");
+  ASSERT_EQ(scan.exitCode, 0) << scan.err;
 
   std::vector<std::string> countdown, pageEnds;
-  std::istringstream lines(sxtest::ReadFile(log));
+  std::istringstream lines(scan.err);
   const std::string wait = "Scanner warm up...  Scanner lamp is warming up  Please wait ...";
   const std::string fullBar = "#] 100%";  // not the empty bar a new dialog shows before its page
   for (std::string line; std::getline(lines, line);) {
@@ -60,34 +52,15 @@ TEST(HostProgramProgress, WarmUpCountdownThenPagesFromTheLibrarysDialogs) {
 TEST(HostProgramProgress, InterruptEndsTheWarmUpWait) {
   sxtest::TempRoot root;
   sxtest::ScopedEnv slow("SX_TIME_SCALE", "0.1");  // a countdown of three seconds
-  root.InstallVscan("Corvane/QM7110V", "[Scanner]\nModel=QM7110V\n[Page]\nWarmUpRefusals=1\n");
-  ASSERT_EQ(std::system(("cd '" + root.Path().string() + "' && '" SX_TEST_SXSCAN "' select QM7110V >/dev/null").c_str()), 0);
+  sxtest::InstallSelected(root, "QM7110V", "[Page]\nWarmUpRefusals=1\n");
   for (int signal : {SIGINT, SIGTERM}) {
     SCOPED_TRACE(signal == SIGINT ? "SIGINT" : "SIGTERM");
-    const std::string log = (root.Path() / "log.txt").string();
-    std::filesystem::remove(log);  // the last run's countdown must not count
-    const pid_t pid = fork();
-    if (pid == 0) {
-      const int err = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      const int null = open("/dev/null", O_RDWR);
-      if (err < 0 || null < 0 || chdir(root.Path().c_str()) != 0) _exit(127);
-      dup2(null, 0), dup2(null, 1), dup2(err, 2);
-      execl(SX_TEST_SXSCAN, "sxscan", "scan", "--progress", "--output", "page.png", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    ASSERT_GT(pid, 0);
-    const auto start = std::chrono::steady_clock::now();
-    while (sxtest::ReadFile(log).find("Please wait ...  27") == std::string::npos &&
-           std::chrono::steady_clock::now() - start < std::chrono::seconds(20)) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    kill(pid, signal);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    const std::string text = sxtest::ReadFile(log);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << text;
-    EXPECT_NE(text.find("scan cancelled"), std::string::npos) << text;
-    EXPECT_EQ(text.find("Please wait ...  10"), std::string::npos) << "the countdown went on: " << text;
+    const Outcome o = sxtest::Interrupt(
+        root, "scan --progress --output page.png",
+        [](const std::string& err) { return err.find("Please wait ...  27") != std::string::npos; }, {signal});
+    EXPECT_EQ(o.exitCode, 130) << o.text;
+    EXPECT_TRUE(o.Says("scan cancelled")) << o.text;
+    EXPECT_FALSE(o.Says("Please wait ...  10")) << "the countdown went on: " << o.text;
     EXPECT_FALSE(std::filesystem::exists(root.Path() / "page.png"));
     EXPECT_FALSE(std::filesystem::exists(root.Path() / ".page.png.part"));
   }

@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "support/ChartPage.h"
-#include "support/TestEnv.h"
+#include "support/VscanHost.h"
 #include "support/UiRecorder.h"
 
 namespace {
@@ -19,39 +19,13 @@ using Lines = std::vector<std::string>;
 using Codes = std::vector<int32_t>;
 
 constexpr int64_t kDirectBuffer = 1'000'000;  // 131 colour lines of 7632 bytes
-constexpr size_t kHostBuffer = 1 << 20;
-constexpr unsigned kHungSeconds = 60;
-// 133 dialog units at 96 dpi in the headless model; a real dialog's font
-// gives its own width, which the first fill (a whole bar) tells.
-constexpr int32_t kHeadlessBarWidth = 266;
 constexpr int32_t kBars[3] = {1303, 1304, 1305};
-
-struct Host {
-  bool Direct = true;
-  std::vector<Codes> PageCodes;
-  std::vector<std::vector<uint8_t>> Pages;
-} gHost;
-
-int32_t SX_API Callback(void* data, int64_t* count, int32_t code) {
-  if (code == SX_XFER_IMAGE_INFO) {
-    gHost.PageCodes.emplace_back();
-    gHost.Pages.emplace_back();
-    if (gHost.Direct) *count = kDirectBuffer;
-    return 0;
-  }
-  gHost.PageCodes.back().push_back(code);
-  if (code >= 0) {
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    gHost.Pages.back().insert(gHost.Pages.back().end(), bytes, bytes + *count);
-  }
-  return 0;
-}
 
 // What the progress dialog shows, built from the dialog's prescribed
 // behaviour: bars cleared and "0" at each page, then per block three bars
 // filled to the lines read so far and the truncated percentage.
 struct Expected {
-  int32_t BarWidth = kHeadlessBarWidth;
+  int32_t BarWidth = 0;  // the dialog font's: the first fill (a whole bar) tells
   Lines Events;
   std::string Percent = "0";
   std::string Caption;
@@ -97,43 +71,30 @@ class DialogAcquire : public ::testing::Test {
   // Colour pages of 600 lines, from the flatbed or from that many sheets in the feeder.
   void Open(bool direct, int sheets, const std::string& indicators = "dword:00000001",
             const std::string& faults = "") {
+    TearDown();
     const bool feeder = sheets > 0;
-    gHost = Host{};
-    gHost.Direct = direct;
-    root_.emplace();
-    root_->InstallVscan("Corvane/QM7110", kQm7110Ini +
-                                              (feeder ? "[Feeder]\nSheets=" + std::to_string(sheets) + "\n" : "") + faults);
-    const fs::path texts = root_->Path() / "texts.ini";
+    host_.emplace((feeder ? "[Feeder]\nSheets=" + std::to_string(sheets) + "\n" : "") + faults);
+    const fs::path texts = host_->Root.Path() / "texts.ini";
     WriteFile(texts, "[0409]\nTRACKBARTITLE=Lesen\nCancel=Abbrechen\nTRANSFERMODETEXT=Modus:\n"
                      "TRANSFERMODE1=Gepuffert\n");
-    root_->WriteRegistry(Qm7110Registry(
-        "\"LANGUAGE\"=dword:00000001\n\"TRANSFERMODE\"=dword:00000001\n\"INDICATORS\"=" + indicators + "\n" +
-            "\"PIXELTYPE\"=dword:00000002\n\"IMAGELENGTH\"=str(2):\"600\"\n\"GAMMA\"=str(2):\"1.0\"\n" +
-            "\"SCANTYPE\"=dword:0000000" + (feeder ? "1" : "2") + "\n",
-        "\"LOCALIZE\"=str(2):\"" + texts.string() + "\"\n"));
-    lib_.emplace();
-    ui_.emplace(reinterpret_cast<UiRecorder::SetObserverFn>(lib_->Symbol("SxSysUiSetObserver")),
-                reinterpret_cast<UiRecorder::PressFn>(lib_->Symbol("SxSysUiPress")),
-                reinterpret_cast<UiRecorder::EscapeFn>(lib_->Symbol("SxSysUiEscape")));
-    ASSERT_EQ(lib_->Load(nullptr), 0);
-    if (!direct) {
-      uint8_t on = 1;
-      ASSERT_EQ(lib_->SetValue(CAP_BUFFERING, TY_UINT8, &on), 0);
-    }
-    buffer_.emplace(*lib_, kHostBuffer);
+    host_->Store(ColourPage(600, {{"LANGUAGE", "dword:00000001"}, {"TRANSFERMODE", "dword:00000001"},
+                                  {"INDICATORS", indicators},
+                                  {"SCANTYPE", feeder ? "dword:00000001" : "dword:00000002"}}),
+                 "\"LOCALIZE\"=str(2):\"" + texts.string() + "\"\n");
+    host_->Load(direct ? 0 : 1);
+    const Library& lib = *host_->Lib;
+    ui_.emplace(reinterpret_cast<UiRecorder::SetObserverFn>(lib.Symbol("SxSysUiSetObserver")),
+                reinterpret_cast<UiRecorder::PressFn>(lib.Symbol("SxSysUiPress")),
+                reinterpret_cast<UiRecorder::EscapeFn>(lib.Symbol("SxSysUiEscape")));
+    seen_ = Transfer{.BufferAnswer = direct ? kDirectBuffer : 0};
   }
   void TearDown() override {
-    if (!lib_) return;
-    buffer_.reset();
-    lib_->Free();
     ui_.reset();
-    lib_.reset();
+    host_.reset();
   }
   int32_t Acquire() {
-    gHost.PageCodes.clear();
-    gHost.Pages.clear();
     ui_->Clear();
-    return lib_->WatchedAcquire(Callback, buffer_->Data(), kHungSeconds);
+    return host_->Acquire(seen_);
   }
   // Presses Cancel at the n-th notification (from 1) that starts with `prefix`.
   void CancelAt(const std::string& prefix, int n) {
@@ -145,10 +106,9 @@ class DialogAcquire : public ::testing::Test {
     };
   }
 
-  std::optional<TempRoot> root_;
-  std::optional<Library> lib_;
+  std::optional<VscanHost> host_;
   std::optional<UiRecorder> ui_;
-  std::optional<HostBuffer> buffer_;
+  Transfer seen_;
 };
 
 // Two feeder pages in each mode: the whole dialog, in order, on the thread
@@ -162,14 +122,9 @@ TEST_F(DialogAcquire, FeederPagesShowTheirProgress) {
     const std::vector<int32_t> blocks =
         direct ? std::vector<int32_t>{131, 131, 131, 131, 76} : std::vector<int32_t>{137, 137, 137, 137, 52};
     Expected expected;
-#ifdef _WIN32
-    int32_t filled = 0;
-    for (const std::string& line : ui_->Only({"fill 1303 "})) {
-      if (std::sscanf(line.c_str(), "fill 1303 %*d/%d", &filled) == 1) break;
-    }
-    ASSERT_GT(filled, 0);
-    expected.BarWidth = filled;
-#endif
+    const Lines fills = ui_->Only({"fill 1303 "});
+    ASSERT_FALSE(fills.empty());
+    ASSERT_EQ(std::sscanf(fills[0].c_str(), "fill 1303 %*d/%d", &expected.BarWidth), 1);
     expected.Open("Lesen");
     expected.Page(1, 600, blocks, "Lesen");
     expected.Page(2, 600, blocks, "Lesen");
@@ -178,9 +133,8 @@ TEST_F(DialogAcquire, FeederPagesShowTheirProgress) {
     const std::set<std::thread::id> threads = ui_->Threads();
     ASSERT_EQ(threads.size(), 1u);
     EXPECT_EQ(*threads.begin() == std::this_thread::get_id(), direct);
-    ASSERT_EQ(gHost.Pages.size(), 2u);
-    EXPECT_TRUE(gHost.Pages[1] == ChartPage(600, 2));
-    TearDown();
+    ASSERT_EQ(seen_.Pages.size(), 2u);
+    EXPECT_TRUE(seen_.Pages[1] == ChartPage(600, 2));
   }
 }
 
@@ -212,25 +166,25 @@ TEST_F(DialogAcquire, CancelEndsWithMinusFiveKeepingCompletedPages) {
       // hands such blocks over unprocessed, empty, with their status, so a
       // page may end short, but what arrived is the page's own raster.
       size_t whole = 0;
-      for (size_t p = 0; p < gHost.PageCodes.size(); ++p) {
-        if (gHost.PageCodes[p].empty() || gHost.PageCodes[p].back() != SX_XFER_PAGE_END) continue;
+      for (size_t p = 0; p < seen_.Pages.size(); ++p) {
+        const Codes codes = seen_.PageCodes(p);
+        if (codes.empty() || codes.back() != SX_XFER_PAGE_END) continue;
         const std::vector<uint8_t> chart = ChartPage(600, static_cast<uint32_t>(p + 1));
-        const std::vector<uint8_t>& got = gHost.Pages[p];
+        const std::vector<uint8_t>& got = seen_.Pages[p];
         whole += got.size() == chart.size();
         ASSERT_LE(got.size(), chart.size());
         EXPECT_TRUE(std::equal(got.begin(), got.end(), chart.begin())) << "page " << p + 1;
       }
       if (direct) {
         EXPECT_EQ(whole, r.WholePages);
-        ASSERT_EQ(gHost.PageCodes.size(), r.WholePages + 1);
-        EXPECT_EQ(gHost.PageCodes.back().back(), SX_XFER_CANCELLED);
+        ASSERT_EQ(seen_.Pages.size(), r.WholePages + 1);
+        EXPECT_EQ(seen_.Codes.back(), SX_XFER_CANCELLED);
       } else {
         EXPECT_LE(whole, r.WholePages);
       }
       ui_->OnEvent = nullptr;
       EXPECT_EQ(Acquire(), 0) << "the next acquisition takes the sheets left";
-      EXPECT_EQ(gHost.PageCodes.size(), 3u - (r.WholePages + 1));
-      TearDown();
+      EXPECT_EQ(seen_.Pages.size(), 3u - (r.WholePages + 1));
     }
   }
 }
@@ -249,9 +203,8 @@ TEST_F(DialogAcquire, WarmUpWaitAtPageStart) {
     expected.insert(expected.end(), {"cursor arrow", "close", "caption Page2    Lesen", "close"});
     EXPECT_EQ(ui_->Only({"open", "caption", "show", "cursor", "text 1003", "close"}), expected);
     EXPECT_EQ(ui_->Threads().size(), 1u);
-    ASSERT_EQ(gHost.Pages.size(), 2u);
-    EXPECT_TRUE(gHost.Pages[1] == ChartPage(600, 2));
-    TearDown();
+    ASSERT_EQ(seen_.Pages.size(), 2u);
+    EXPECT_TRUE(seen_.Pages[1] == ChartPage(600, 2));
   }
 }
 
@@ -269,13 +222,12 @@ TEST_F(DialogAcquire, ScreenAndIndicatorsDecideWhatIsShown) {
   for (const auto& [width, dpi, indicators, shown] : rows) {
     SCOPED_TRACE(std::to_string(width) + " " + std::to_string(dpi) + " " + indicators);
     Open(true, 0, indicators);
-    reinterpret_cast<decltype(&::SxSysUiSetScreen)>(lib_->Symbol("SxSysUiSetScreen"))(width, 0, dpi);
+    reinterpret_cast<decltype(&::SxSysUiSetScreen)>(host_->Lib->Symbol("SxSysUiSetScreen"))(width, 0, dpi);
     EXPECT_EQ(Acquire(), 0);
     EXPECT_EQ(ui_->Only({"open", "caption", "close", "box", "cursor"}), shown);
     if (shown.empty()) {
       EXPECT_EQ(ui_->Lines(), Lines{});
     }
-    TearDown();
   }
 }
 

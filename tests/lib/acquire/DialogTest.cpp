@@ -50,29 +50,24 @@ Lines Join(std::initializer_list<Lines> parts) {
 }
 
 // Any positive "WarmUpTime" (and no file at all) gives the 29-step countdown,
-// ending at the thirtieth tick without asking the lamp.
-TEST_F(WarmUp, CountsDownTwentyNineSteps) {
-  const Lines expected = Join({{"open WAITDIALOG Scanner warm up...", "show 2 0", "cursor wait"},
-                               Countdown(29, 1),
-                               {"cursor arrow", "close"}});
-  EXPECT_EQ(Run(""), expected);
-  EXPECT_EQ(Run("[DS]\nWarmUpTime=5\n"), expected);
-  EXPECT_EQ(Fake().Count("GetLightStatus"), 0);
-}
-
-// Lamp polling: ends at the first state other than 2 or 3, after 60 polls
-// at the latest, and at once for a driver that cannot report its lamp.
-TEST_F(WarmUp, PollsTheLampUntilReadyOrGivingUp) {
+// ending at the thirtieth tick without asking the lamp. Otherwise the lamp
+// is polled: the wait ends at the first state other than 2 or 3, after 60
+// polls at the latest, and at once for a driver that cannot report its lamp.
+TEST_F(WarmUp, CountsDownOrPollsTheLamp) {
+  const Lines countdown = Join({{"open WAITDIALOG Scanner warm up...", "show 2 0", "cursor wait"},
+                                Countdown(29, 1),
+                                {"cursor arrow", "close"}});
   const Lines polling = {"open WAITDIALOG Scanner warm up...", "enable 1003 0", "show 1003 0", "show 2 0",
                          "cursor wait", "cursor arrow", "close"};
-  // {"WarmUpTime", polls the lamp stays warming, its state then, lamp queries}
-  const std::tuple<int, int, uint8_t, int> rows[] = {
-      {0, 3, 2, 4}, {-1, 2, 3, 3}, {0, 1000, 2, 59}};
-  for (const auto& [time, polls, state, queries] : rows) {
-    SCOPED_TRACE(polls);
+  // {localisation file, polls the lamp stays warming, its state then, lamp queries}
+  const std::tuple<std::string, int, uint8_t, int> rows[] = {
+      {"", 3, 2, 0}, {"[DS]\nWarmUpTime=5\n", 3, 2, 0}, {"[DS]\nWarmUpTime=0\n", 3, 2, 4},
+      {"[DS]\nWarmUpTime=-1\n", 2, 3, 3}, {"[DS]\nWarmUpTime=0\n", 1000, 2, 59}};
+  for (const auto& [localisation, polls, state, queries] : rows) {
+    SCOPED_TRACE(localisation + std::to_string(polls));
     InstallFakeScanner();
     Fake().LampWarmPolls = polls, Fake().LampWarmState = state;
-    EXPECT_EQ(Run("[DS]\nWarmUpTime=" + std::to_string(time) + "\n"), polling);
+    EXPECT_EQ(Run(localisation), queries ? polling : countdown);
     EXPECT_EQ(Fake().Count("GetLightStatus"), queries);
   }
   InstallFakeScanner();

@@ -6,6 +6,7 @@
 #include "acquire/Acquire.h"
 #include "acquire/ProgressDialog.h"
 #include "support/UiRecorder.h"
+#include "support/VscanHost.h"
 
 namespace acqtest {
 namespace {
@@ -15,31 +16,6 @@ using CodeList = std::vector<int32_t>;
 
 constexpr int64_t kLine = 7632;  // a colour line of 2544 pixels
 constexpr size_t kGuard = 64;
-
-// The host: answers each page announcement with its buffer size, keeps what it receives.
-struct Host {
-  int64_t BufferAnswer = 1'000'000;
-  std::function<int32_t(int32_t code)> Answer = [](int32_t) { return 0; };
-  CodeList Codes;
-  std::vector<int64_t> Counts;
-  std::vector<std::vector<uint8_t>> Pages;
-  ::SxImageInfo Info{};
-  std::vector<uint8_t> Buffer;  // the transfer buffer, with a guard after it
-} gHost;
-
-int32_t SX_API Callback(void* data, int64_t* count, int32_t code) {
-  gHost.Codes.push_back(code);
-  gHost.Counts.push_back(*count);
-  if (code == SX_XFER_IMAGE_INFO) {
-    gHost.Info = *static_cast<::SxImageInfo*>(data);
-    gHost.Pages.emplace_back();
-    *count = gHost.BufferAnswer;
-  } else if (code >= 0) {
-    EXPECT_EQ(data, gHost.Buffer.data());
-    gHost.Pages.back().insert(gHost.Pages.back().end(), gHost.Buffer.data(), gHost.Buffer.data() + *count);
-  }
-  return gHost.Answer(code);
-}
 
 // The pattern the fake serves for `lines` lines of a page.
 std::vector<uint8_t> Pattern(int page, int64_t lines) {
@@ -53,16 +29,24 @@ class DirectTransfer : public ScannerTest {
   void SetUp() override {
     ScannerTest::SetUp();
     gSettings.ImageLength = 300;  // 300 lines of 7632 bytes
-    gHost = Host{};
+    host_ = sxtest::Transfer{.BufferAnswer = 1'000'000};
   }
+  // Into a buffer with a guard after it.
   int32_t Acquire(size_t bufferBytes = 1'000'000) {
-    gHost.Buffer.assign(bufferBytes + kGuard, 0xCD);
-    const int32_t result = ::SxAcquire(Callback, gHost.Buffer.data());
-    EXPECT_EQ(std::count(gHost.Buffer.end() - kGuard, gHost.Buffer.end(), 0xCD), static_cast<ptrdiff_t>(kGuard))
+    buffer_.assign(bufferBytes + kGuard, 0xCD);
+    host_.Buffer = buffer_.data();
+    sxtest::RecordInto(host_);
+    const int32_t result = ::SxAcquire(sxtest::RecordTransfer, buffer_.data());
+    EXPECT_EQ(std::count(buffer_.end() - kGuard, buffer_.end(), 0xCD), static_cast<ptrdiff_t>(kGuard))
         << "written beyond the host's buffer";
     return result;
   }
-  const Host& host_ = gHost;
+  // The host's answer `answer` to every call with `code`.
+  void Answer(int32_t code, int32_t answer) {
+    host_.Answer = [code, answer](size_t, int32_t c) { return c == code ? answer : 0; };
+  }
+  sxtest::Transfer host_;
+  std::vector<uint8_t> buffer_;
   sxtest::ScopedEnv noDelay_{"SX_TIME_SCALE", "0"};
 };
 
@@ -94,8 +78,8 @@ TEST_F(DirectTransfer, HostAnswers) {
   for (const auto& [name, answer, buffer, returned, result, calls] : rows) {
     SCOPED_TRACE(name);
     SetUp();
-    gHost.BufferAnswer = answer;
-    gHost.Answer = [&](int32_t code) { return code == 2 ? returned : 0; };
+    host_.BufferAnswer = answer;
+    Answer(SX_XFER_IMAGE_INFO, returned);
     ASSERT_EQ(Acquire(buffer), result);
     EXPECT_EQ(host_.Codes.size(), calls);
     EXPECT_EQ(host_.Codes.back(), result == 0 ? 1 : 2);
@@ -141,9 +125,7 @@ TEST_F(DirectTransfer, EarlyPageEnds) {
     CodeList Codes;
     const char* Calls;  // after SetScanParameter,TuneScanLength
   };
-  const auto hostAnswers = [](int32_t answer) {
-    return [answer] { gHost.Answer = [answer](int32_t code) { return code == 0 ? answer : 0; }; };
-  };
+  const auto hostAnswers = [this](int32_t answer) { return [this, answer] { Answer(SX_XFER_DATA, answer); }; };
   const Row rows[] = {
       {"short pages: code 5, then the next sheet", [] { Fake().ShortAtLine = 200; }, 0, {2, 0, 5, 2, 0, 5},
        "StartScan,ReadScan,ReadScan,StopScan,GetADFStatus,SetScanParameter,StartScan,ReadScan,ReadScan,StopScan,"
@@ -194,7 +176,7 @@ TEST_F(DirectTransfer, CancelFromTheProgressDialogAndRequestsThatCannotRun) {
   EXPECT_EQ(host_.Codes, (CodeList{2, -5}));
   EXPECT_EQ(host_.Counts[1], 131 * kLine);
   EXPECT_EQ(Fake().Sequence(), "SetScanParameter,TuneScanLength,StartScan,ReadScan,DoCancel,StopScan");
-  EXPECT_EQ(::SxAcquire(nullptr, gHost.Buffer.data()) + ::SxAcquire(Callback, nullptr), -8) << "each -4";
+  EXPECT_EQ(::SxAcquire(nullptr, buffer_.data()) + ::SxAcquire(sxtest::RecordTransfer, nullptr), -8) << "each -4";
   EXPECT_EQ(Fake().Parameters.size(), 1u) << "neither reached the driver";
 }
 

@@ -6,12 +6,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <map>
 #include <optional>
-#include <thread>
 
 #include "support/ChartPage.h"
-#include "support/TestEnv.h"
+#include "support/VscanHost.h"
 
 namespace {
 
@@ -19,99 +17,29 @@ using namespace sxtest;
 using Codes = std::vector<int32_t>;
 using Counts = std::vector<int64_t>;
 
-constexpr size_t kHostBuffer = 1 << 20;  // what a host provides in buffered mode
-constexpr unsigned kHungSeconds = 60;    // an acquisition that hangs ends the run
-
-// The host: keeps what it receives; may be slow, and may answer `StopAnswer`
-// at call `StopAt` (0 is the first call).
-struct Host {
-  Codes CallCodes;
-  Counts CallCounts;
-  std::vector<std::vector<uint8_t>> Pages;
-  std::chrono::milliseconds Delay{0};
-  size_t StopAt = SIZE_MAX;
-  int32_t StopAnswer = 0;
-} gHost;
-
-int32_t SX_API Callback(void* data, int64_t* count, int32_t code) {
-  Host& h = gHost;
-  const size_t index = h.CallCodes.size();
-  h.CallCodes.push_back(code);
-  h.CallCounts.push_back(*count);
-  if (code == SX_XFER_IMAGE_INFO) {
-    h.Pages.emplace_back();
-  } else if (!h.Pages.empty()) {
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    h.Pages.back().insert(h.Pages.back().end(), bytes, bytes + *count);
-    std::this_thread::sleep_for(h.Delay);
-  }
-  return index == h.StopAt ? h.StopAnswer : 0;
-}
-
 class BufferedAcquire : public ::testing::Test {
  protected:
   // Stored defaults over those of a 600-line colour flatbed page at trace
   // level 1; `twoNodes` makes the ring two buffers long.
-  void Open(std::map<std::string, std::string> scanData, const std::string& ini = "",
+  void Open(const std::map<std::string, std::string>& scanData, const std::string& ini = "",
             bool twoNodes = false) {
-    Close();
-    gHost = Host{};
-    root_.emplace();
+    host_.reset();
     memory_.reset();
-    if (twoNodes) memory_.emplace("SX_AVAILABLE_MEMORY", "1048576");
-    log_ = root_->Twain() / "Corvane" / "QM7110" / "calls.log";
-    root_->InstallVscan("Corvane/QM7110", kQm7110Ini + ini + "[Log]\nFile=" + log_.string() + "\n");
-    scanData.insert({{"PIXELTYPE", "dword:00000002"},
-                     {"SCANTYPE", "dword:00000002"},
-                     {"IMAGELENGTH", "str(2):\"600\""},
-                     {"GAMMA", "str(2):\"1.0\""}});
-    std::string values;
-    for (const auto& [value, data] : scanData) values += "\"" + value + "\"=" + data + "\n";
-    root_->WriteRegistry(Qm7110Registry(values, "\"DEBUGLEVEL\"=dword:00000001\n\"SAVEPATH\"=str(2):\"" +
-                                                    root_->Path().string() + "/\"\n"));
-    lib_ = std::make_unique<Library>();
-    ASSERT_EQ(lib_->Load(nullptr), 0);
-    Buffering();
-    AllocateBuffer(kHostBuffer);
+    host_.emplace(ini);
+    host_->Store(ColourPage(600, scanData), "\"DEBUGLEVEL\"=dword:00000001\n\"SAVEPATH\"=str(2):\"" +
+                                                host_->Root.Path().string() + "/\"\n");
+    if (twoNodes) memory_.emplace("SX_AVAILABLE_MEMORY", "1048576");  // after the root, which clears it
+    host_->Load(1);
+    seen_ = Transfer{};
   }
-  void Buffering() {
-    uint8_t on = 1;
-    ASSERT_EQ(lib_->SetValue(CAP_BUFFERING, TY_UINT8, &on), 0);
-  }
-  void AllocateBuffer(size_t bytes) {
-    buffer_.emplace(*lib_, bytes);
-  }
-  void Close() {
-    if (!lib_) return;
-    buffer_.reset();
-    lib_->Free();
-    lib_.reset();
-  }
-  void TearDown() override { Close(); }
+  int32_t Acquire() { return host_->Acquire(seen_); }
+  // Calls of an entry point (ReadScan: either form) the scanner received
+  // during the last acquisition.
+  size_t Count(const std::string& name) const { return host_->Calls(name + (name == "ReadScan" ? "" : "(")); }
 
-  int32_t Acquire() {
-    gHost.CallCodes.clear();
-    gHost.CallCounts.clear();
-    gHost.Pages.clear();
-    logged_ = ReadLines(log_).size();
-    return lib_->WatchedAcquire(Callback, buffer_->Data(), kHungSeconds);
-  }
-
-  // Calls of an entry point the scanner received during the last acquisition.
-  size_t Count(const std::string& name) const {
-    const std::vector<std::string> lines = ReadLines(log_);
-    return std::count_if(lines.begin() + logged_, lines.end(), [&](const std::string& line) {
-      const std::string called = line.substr(0, line.find('('));
-      return called == name || (name == "ReadScan" && called == "ReadScanEx");
-    });
-  }
-
-  std::optional<TempRoot> root_;
   std::optional<ScopedEnv> memory_;
-  fs::path log_;
-  size_t logged_ = 0;
-  std::unique_ptr<Library> lib_;
-  std::optional<HostBuffer> buffer_;
+  std::optional<VscanHost> host_;
+  Transfer seen_;
 };
 
 // Blocks carry at most one mebibyte of raw lines (137 colour lines of 7632
@@ -144,9 +72,9 @@ TEST_F(BufferedAcquire, PageArrivesInMebibyteBlocks) {
       counts.push_back(lines * static_cast<int64_t>(chart.size()) / r.Lines);
     }
     codes.back() = SX_XFER_PAGE_END;
-    EXPECT_EQ(gHost.CallCodes, codes);
-    EXPECT_EQ(gHost.CallCounts, counts);
-    EXPECT_TRUE(gHost.Pages.at(0) == chart);
+    EXPECT_EQ(seen_.Codes, codes);
+    EXPECT_EQ(seen_.Counts, counts);
+    EXPECT_TRUE(seen_.Pages.at(0) == chart);
     EXPECT_EQ(Count("ReadScan"), r.Blocks.size());
     EXPECT_EQ(Count("StopScan"), 1u);
   }
@@ -157,13 +85,13 @@ TEST_F(BufferedAcquire, PageArrivesInMebibyteBlocks) {
 // starts again at the ring's first node; each thread traces its start once.
 TEST_F(BufferedAcquire, SlowHostOnTwoBuffersTwice) {
   Open({{"IMAGELENGTH", "str(2):\"1200\""}}, "", true);
-  gHost.Delay = std::chrono::milliseconds(4);
+  seen_.Delay = std::chrono::milliseconds(4);
   for (int run = 0; run < 2; ++run) {
     ASSERT_EQ(Acquire(), 0);
-    EXPECT_EQ(gHost.CallCodes.size(), 10u);  // the page and 8 x 137 + 104 lines
-    EXPECT_TRUE(gHost.Pages.at(0) == ChartPage(1200));
+    EXPECT_EQ(seen_.Codes.size(), 10u);  // the page and 8 x 137 + 104 lines
+    EXPECT_TRUE(seen_.Pages.at(0) == ChartPage(1200));
   }
-  const std::vector<std::string> trace = ReadLines(root_->Path() / "scandiag.txt");
+  const std::vector<std::string> trace = ReadLines(host_->Root.Path() / "scandiag.txt");
   EXPECT_EQ(std::count(trace.begin(), trace.end(), "In   1: ReadThread : "), 1);
   EXPECT_EQ(std::count(trace.begin(), trace.end(), "In   1: IPThread : "), 1);
 }
@@ -190,9 +118,9 @@ TEST_F(BufferedAcquire, PagesUpToTheLimit) {
       ASSERT_EQ(Acquire(), sheets->empty() ? SX_ERR_NO_PAPER : 0);
       Codes codes;
       for (size_t p = 0; p < sheets->size(); ++p) codes.insert(codes.end(), {2, 0, 0, 0, 0, 1});
-      EXPECT_EQ(gHost.CallCodes, codes);
-      for (size_t p = 0; p < std::min(sheets->size(), gHost.Pages.size()); ++p) {
-        EXPECT_TRUE(gHost.Pages[p] == ChartPage(600, (*sheets)[p])) << "page " << p;
+      EXPECT_EQ(seen_.Codes, codes);
+      for (size_t p = 0; p < std::min(sheets->size(), seen_.Pages.size()); ++p) {
+        EXPECT_TRUE(seen_.Pages[p] == ChartPage(600, (*sheets)[p])) << "page " << p;
       }
       EXPECT_EQ(Count("StopScan"), sheets->size());
     }
@@ -219,8 +147,8 @@ TEST_F(BufferedAcquire, DriverFailures) {
     Open({{"SCANTYPE", "dword:00000001"}}, std::string("[Feeder]\nSheets=3\n[Faults]\n") + r.Faults,
          true);
     EXPECT_EQ(Acquire(), r.Result);
-    EXPECT_EQ(gHost.CallCodes, r.Expected);
-    EXPECT_TRUE(gHost.CallCounts.empty() || gHost.CallCounts.back() == 0);
+    EXPECT_EQ(seen_.Codes, r.Expected);
+    EXPECT_TRUE(seen_.Counts.empty() || seen_.Counts.back() == 0);
     EXPECT_EQ(Count("StopScan"), r.Expected.empty() ? 0u : Count("StartScan"));
   }
 }
@@ -232,15 +160,14 @@ TEST_F(BufferedAcquire, HostStops) {
   for (const auto& [stopAt, answer] : {std::pair<size_t, int32_t>{0, -3}, {2, 7}, {9, -2}}) {
     SCOPED_TRACE(stopAt);
     Open({{"IMAGELENGTH", "str(2):\"1200\""}}, "", true);
-    gHost.StopAt = stopAt;
-    gHost.StopAnswer = answer;
+    seen_.Answer = [stopAt, answer](size_t index, int32_t) { return index == stopAt ? answer : 0; };
     EXPECT_EQ(Acquire(), answer);
     EXPECT_EQ(Count("StopScan"), 1u);
     EXPECT_LE(Count("ReadScan"), stopAt + 2);  // the block in hand and one more
 
-    gHost.StopAt = SIZE_MAX;
+    seen_.Answer = nullptr;
     ASSERT_EQ(Acquire(), 0);
-    EXPECT_TRUE(gHost.Pages.at(0) == ChartPage(1200));
+    EXPECT_TRUE(seen_.Pages.at(0) == ChartPage(1200));
   }
 }
 
@@ -248,17 +175,18 @@ TEST_F(BufferedAcquire, HostStops) {
 // a block, and any buffered acquisition once SxFree has stopped the workers.
 TEST_F(BufferedAcquire, RequestsThatCannotRun) {
   Open({});
-  AllocateBuffer(1'000'000);  // less than 137 lines of 7632 bytes
+  host_->Buffer.emplace(*host_->Lib, 1'000'000);  // less than 137 lines of 7632 bytes
   EXPECT_EQ(Acquire(), SX_ERR_DRIVER);
   EXPECT_EQ(Count("StartScan"), 0u);
 
-  AllocateBuffer(kHostBuffer);
+  host_->Buffer.emplace(*host_->Lib, kHostBufferBytes);
   ASSERT_EQ(Acquire(), 0);
-  lib_->Free();
-  ASSERT_EQ(lib_->Load(nullptr), 0);
-  Buffering();
+  host_->Lib->Free();
+  ASSERT_EQ(host_->Lib->Load(nullptr), 0);
+  uint8_t on = 1;
+  ASSERT_EQ(host_->Lib->SetValue(CAP_BUFFERING, TY_UINT8, &on), 0);
   EXPECT_EQ(Acquire(), SX_ERR_DRIVER);
-  EXPECT_TRUE(gHost.CallCodes.empty());
+  EXPECT_TRUE(seen_.Codes.empty());
 }
 
 }  // namespace

@@ -7,12 +7,12 @@
 // before converting.
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "ReferenceCms.h"
-#include "support/TestEnv.h"
+#include "support/VscanHost.h"
 
 namespace {
 
@@ -20,101 +20,75 @@ using namespace sxtest;
 using colour::ProfileKind;
 using colour::WriteProfile;
 
-constexpr size_t kHostBuffer = 1 << 20;
 constexpr int32_t kLines = 90;
 
-std::vector<uint8_t> gPage;
-int32_t gPixels = 0;
-int64_t gAnswer = kHostBuffer;  // the host's buffer size as told to the library
-
-int32_t SX_API Collect(void* data, int64_t* count, int32_t code) {
-  if (code == SX_XFER_IMAGE_INFO) {
-    gPixels = static_cast<const SxImageInfo*>(data)->PixelsPerLine;
-    *count = gAnswer;
-  } else if (code >= SX_XFER_DATA) {
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    gPage.insert(gPage.end(), bytes, bytes + *count);
-  }
-  return 0;
-}
+using Values = std::map<std::string, std::string>;
 
 class ColourMatching : public ::testing::Test {
  protected:
   void SetUp() override {
-    log_ = root_.Twain() / "Corvane/QM7110/calls.log";
-    root_.InstallVscan("Corvane/QM7110", kQm7110Ini + ("[Feeder]\nSheets=100\n[Log]\nFile=" + log_.string() + "\n"));
-    color_ = root_.Windows() / "system32" / "SPOOL" / "DRIVERS" / "COLOR";
-    module_ = root_.Windows() / "system32" / "sxcmms.dll";
+    color_ = host_.Root.System() / "SPOOL" / "DRIVERS" / "COLOR";
+    module_ = host_.Root.System() / "sxcmms.dll";
     fs::create_directories(color_);
     fs::copy_file(SX_TEST_CMMS, module_, fs::copy_options::overwrite_existing);
-    WriteFile(root_.Twain() / "Corvane/QM7110/cmatch.ini", "[Model]\nQM7110V=scanner.icc\n");
+    WriteFile(host_.Root.Twain() / "Corvane/QM7110/cmatch.ini", "[Model]\nQM7110V=scanner.icc\n");
   }
   // On Windows the system folders are the real ones: nothing is left there.
   void TearDown() override {
-    Unload();
+    host_.Unload();
     std::error_code ec;
     fs::remove(module_, ec);
     fs::remove(color_ / "scanner.icc", ec);
   }
-  // Unmapped, so that the next mapping has its worker threads again and the
-  // colour module is no longer in use.
-  void Unload() {
-    if (lib_) {
-      lib_->Free();
-      lib_.reset();
-    }
-  }
-  // Loads a fresh library with the given gamma lines of the stored settings,
-  // and asks for the colour-matching values as a host does (which loads the
-  // module).
-  void Load(const std::string& gammas) {
-    Unload();
-    root_.WriteRegistry(Qm7110Registry("\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:00000002\n"
-                                       "\"XRESOLUTION\"=dword:00000096\n\"YRESOLUTION\"=dword:00000096\n"
-                                       "\"IMAGELENGTH\"=str(2):\"" + std::to_string(kLines * 2) + "\"\n" +
-                                       gammas));
-    lib_ = std::make_unique<Library>();
-    ASSERT_EQ(lib_->Load(nullptr), 0);
+  // Loads a fresh library (so that the next mapping has its worker threads
+  // again and the colour module is no longer in use) with a colour page at
+  // 150 dpi and `values` stored, and asks for the colour-matching values as
+  // a host does (which loads the module).
+  void Load(Values values) {
+    values.insert({{"XRESOLUTION", "dword:00000096"}, {"YRESOLUTION", "dword:00000096"}});
+    host_.Store(ColourPage(kLines * 2, values));
+    host_.Load();
   }
   int32_t Offered() {
     SxValueList* list = nullptr;
-    lib_->QueryData(CAP_COLORMATCH, TY_INT32, &list);
+    host_.Lib->QueryData(CAP_COLORMATCH, TY_INT32, &list);
     const int32_t count = list ? list->Count : -1;
-    lib_->FreeList(list);
+    host_.Lib->FreeList(list);
     return count;
   }
+  // The page's bytes, or the pages' one after the other.
   std::vector<uint8_t> Scan(uint8_t colorMatch, uint8_t buffering) {
-    EXPECT_EQ(lib_->SetValue(CAP_COLORMATCH, TY_UINT8, &colorMatch), 0);
-    EXPECT_EQ(lib_->SetValue(CAP_BUFFERING, TY_UINT8, &buffering), 0);
-    const HostBuffer buffer(*lib_, kHostBuffer);
-    gPage.clear();
-    EXPECT_EQ(lib_->WatchedAcquire(Collect, buffer.Data()), 0);
-    return gPage;
+    EXPECT_EQ(host_.Lib->SetValue(CAP_COLORMATCH, TY_UINT8, &colorMatch), 0);
+    EXPECT_EQ(host_.Lib->SetValue(CAP_BUFFERING, TY_UINT8, &buffering), 0);
+    EXPECT_EQ(host_.Acquire(seen_), 0);
+    std::vector<uint8_t> bytes;
+    for (const auto& page : seen_.Pages) bytes.insert(bytes.end(), page.begin(), page.end());
+    return bytes;
   }
+  size_t PageBytes() const { return static_cast<size_t>(seen_.Info.PixelsPerLine) * 3 * kLines; }
 
   // The tone tables the scanner received since the last look, in hex.
   std::vector<std::string> ScannerTables() {
     std::vector<std::string> tables;
-    for (const std::string& line : ReadLines(log_)) {
+    for (const std::string& line : ReadLines(host_.Log)) {
       const size_t at = line.find("table=");
       if (line.rfind("SetGammaTable(", 0) == 0 && at != std::string::npos)
         tables.push_back(line.substr(at + 6, 512));
     }
     std::error_code ec;  // emptied in place: the driver keeps it open
-    fs::resize_file(log_, 0, ec);
+    fs::resize_file(host_.Log, 0, ec);
     return tables;
   }
 
-  TempRoot root_;
-  fs::path log_;
+  VscanHost host_{"[Feeder]\nSheets=100\n"};
+  Transfer seen_{.BufferAnswer = kHostBufferBytes};
   fs::path color_;
   fs::path module_;
-  std::unique_ptr<Library> lib_;
 };
 
-std::string Gammas(const char* master, const char* red = "1.0", const char* blue = "1.0") {
-  return std::string("\"GAMMA\"=str(2):\"") + master + "\"\n\"GAMMA_R\"=str(2):\"" + red +
-         "\"\n\"GAMMA_B\"=str(2):\"" + blue + "\"\n";
+Values Gammas(const char* master, const char* red = "1.0", const char* blue = "1.0") {
+  const auto text = [](const char* gamma) { return std::string("str(2):\"") + gamma + "\""; };
+  return {{"GAMMA", text(master)}, {"GAMMA_R", text(red)}, {"GAMMA_B", text(blue)}};
 }
 
 TEST_F(ColourMatching, OfferedOnlyWithAModuleAndAUsableProfile) {
@@ -129,18 +103,18 @@ TEST_F(ColourMatching, OfferedOnlyWithAModuleAndAUsableProfile) {
   // A module without the entry points: as if there were none. (A new file,
   // not the loaded one written over: that would change a mapped module, and
   // Windows keeps a loaded module's file from being replaced.)
-  Unload();
+  host_.Unload();
   fs::remove(module_);
   fs::copy_file(SX_TEST_EMPTY_DLL, module_);
   Load(Gammas("1.0"));
   EXPECT_EQ(Offered(), 1) << "a module without SX_Icc_SetProfile";
-  Unload();
+  host_.Unload();
   fs::remove(module_);
   Load(Gammas("1.0"));
   EXPECT_EQ(Offered(), 1) << "no module";
   // Colour matching asked for without a module: the page comes plain.
   const size_t bytes = Scan(1, 0).size();
-  EXPECT_EQ(bytes, static_cast<size_t>(gPixels) * 3 * kLines);
+  EXPECT_EQ(bytes, PageBytes());
 }
 
 std::string Identity() {
@@ -155,8 +129,8 @@ std::string Identity() {
 // The master table applies to a plain scan only.
 TEST_F(ColourMatching, PagesEqualTheEngineAppliedToThePlainScanInBothModes) {
   ASSERT_TRUE(WriteProfile(ProfileKind::Scanner, color_ / "scanner.icc"));
-  const auto expectConverted = [](const std::vector<uint8_t>& matched, const std::vector<uint8_t>& plain) {
-    ASSERT_EQ(plain.size(), static_cast<size_t>(gPixels) * 3 * kLines);  // length in 1/300 inch
+  const auto expectConverted = [this](const std::vector<uint8_t>& matched, const std::vector<uint8_t>& plain) {
+    ASSERT_EQ(plain.size(), PageBytes());  // length in 1/300 inch
     ASSERT_EQ(matched.size(), plain.size());
     EXPECT_NE(matched, plain) << "the conversion changed nothing";
     const std::vector<uint8_t> expected = colour::ToSrgb(plain);
@@ -169,26 +143,25 @@ TEST_F(ColourMatching, PagesEqualTheEngineAppliedToThePlainScanInBothModes) {
     SCOPED_TRACE(buffering ? "buffered" : "direct");
     // Two feeder pages; in direct mode blocks of 7 lines, so lines meet
     // block and page boundaries.
-    gAnswer = buffering ? kHostBuffer : 7 * 1275 * 3;
-    const std::string feeder = "\"SCANTYPE\"=dword:00000001\n\"XFERCOUNT\"=str(2):\"2\"\n";
-    Load(Gammas("1.0", "1.8", "0.8") + feeder);
+    seen_.BufferAnswer = buffering ? kHostBufferBytes : 7 * 1275 * 3;
+    Values feeder = Gammas("1.0", "1.8", "0.8");
+    feeder.insert({{"SCANTYPE", "dword:00000001"}, {"XFERCOUNT", "str(2):\"2\""}});
+    Load(feeder);
     ASSERT_EQ(Offered(), 2);
     ScannerTables();
-    const std::vector<uint8_t> toned = Scan(0, buffering);
+    Scan(0, buffering);
+    const std::vector<std::vector<uint8_t>> toned = seen_.Pages;
     EXPECT_NE(ScannerTables(), std::vector<std::string>(6, Identity())) << "plain: the scanner tones";
-    Load(Gammas("1.0", "1.8", "0.8") + feeder);
+    Load(feeder);
     ASSERT_EQ(Offered(), 2);
     ScannerTables();
-    const std::vector<uint8_t> matched = Scan(1, buffering);
+    Scan(1, buffering);
     const std::vector<std::string> sent = ScannerTables();
     EXPECT_GE(sent.size(), 6u) << "each page, three channels";
     for (const std::string& table : sent) EXPECT_EQ(table, Identity());
-    ASSERT_EQ(toned.size(), 2 * static_cast<size_t>(gPixels) * 3 * kLines);
-    expectConverted(std::vector<uint8_t>(matched.begin(), matched.begin() + toned.size() / 2),
-                    std::vector<uint8_t>(toned.begin(), toned.begin() + toned.size() / 2));
-    expectConverted(std::vector<uint8_t>(matched.begin() + toned.size() / 2, matched.end()),
-                    std::vector<uint8_t>(toned.begin() + toned.size() / 2, toned.end()));
-    gAnswer = kHostBuffer;
+    ASSERT_TRUE(toned.size() == 2 && seen_.Pages.size() == 2);
+    for (size_t page = 0; page < 2; ++page) expectConverted(seen_.Pages[page], toned[page]);
+    seen_.BufferAnswer = kHostBufferBytes;
 
     Load(Gammas("2.2"));
     ASSERT_EQ(Offered(), 2);

@@ -2,7 +2,6 @@
 // make a profile, so the scanner's and the grey profile are files that
 // sxprofile made once (tests/data/colour); sRGB is the system's own, which
 // is also the module's output profile.
-#if defined(_WIN32)
 #include <windows.h>
 #include <icm.h>
 
@@ -57,4 +56,3 @@ std::vector<uint8_t> ToSrgb(const std::vector<uint8_t>& raster) {
 }
 
 }  // namespace sxtest::colour
-#endif

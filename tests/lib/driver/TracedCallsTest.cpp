@@ -32,6 +32,13 @@ std::vector<uint8_t> TestSampleBytes() {
   return b;
 }
 
+// One trace line per field, "<prefix><field> \r\n".
+std::string FieldLines(const std::string& prefix, std::initializer_list<const char*> fields) {
+  std::string lines;
+  for (const char* f : fields) lines += prefix + f + " \r\n";
+  return lines;
+}
+
 std::vector<uint8_t> Bytes(const ScannerAbility& a) {
   const auto* p = reinterpret_cast<const uint8_t*>(&a);
   return {p, p + sizeof a};
@@ -165,15 +172,14 @@ TEST_F(TracedCalls, RecordFieldLines) {
   p.Brightness = -5, p.HTPatternNo = 7, p.Highlight = 255, p.Shadow = 8, p.ColorFilter = 3;
   p.Invert = 9, p.ReadStatus = 10, p.ExtScanParam = 0x9000, p.RExposure = 11, p.GExposure = 12;
   p.BExposure = 65535, p.XRes = 600, p.YRes = 1200, p.BackgroundLines = 13, p.ExtensionFlag = 1;
-  std::string fields;
-  for (const char* f :
-       {"Left : 1",          "Top : 2",           "Width : 2550",         "Length : 3508",
-        "PixelNum : 5100",   "LineNum : 7016",    "ScanMode : 4",         "ScanMethod : 5",
-        "BitsPerPixel : 24", "ScanSpeed : 6",     "Brightness : -5",      "Contrast : -128",
-        "Highlight : 255",   "Shadow : 8",        "HTPatternNo : 7",      "ColorFilter : 3",
-        "Invert : 9",        "ReadStatus : 10",   "ExtScanParam : 36864", "RExposure : 11",
-        "GExposure : 12",    "BExposure : 65535", "XRes : 600",           "YRes : 1200"})
-    fields += std::string("In   1: param->") + f + " \r\n";
+  const std::string fields = FieldLines(
+      "In   1: param->",
+      {"Left : 1",          "Top : 2",           "Width : 2550",         "Length : 3508",
+       "PixelNum : 5100",   "LineNum : 7016",    "ScanMode : 4",         "ScanMethod : 5",
+       "BitsPerPixel : 24", "ScanSpeed : 6",     "Brightness : -5",      "Contrast : -128",
+       "Highlight : 255",   "Shadow : 8",        "HTPatternNo : 7",      "ColorFilter : 3",
+       "Invert : 9",        "ReadStatus : 10",   "ExtScanParam : 36864", "RExposure : 11",
+       "GExposure : 12",    "BExposure : 65535", "XRes : 600",           "YRes : 1200"});
   {
     TraceSetup t(1);
     driver::SetScanParameter(&p);
@@ -190,15 +196,15 @@ TEST_F(TracedCalls, RecordFieldLines) {
   std::memcpy(reinterpret_cast<uint8_t*>(&fake_->Nv) + offsetof(NvRam, FBLeadingEdge), shorts, 28);
   fake_->Nv.CCDType = 200, fake_->Nv.ScanSpeed = 9;
   // At level 2 the driver call is bracketed by timestamps; the fields follow.
-  std::string expected = "In   1: ReadNVMData : \r\n   In   ReadNVMData - milliseconds: N \r\n"
-                         "   Out  ReadNVMData - milliseconds: N \r\nOut  1: ReadNVMData : \r\n";
-  for (const char* f :
-       {"PadCount : 123456", "ADFSingleCount : 2", "ADFDuplexCount : 3", "PadFBCountCount : 4",
-        "FBLeadingEdge : 100", "FBSideEdge : 101", "ADFFrontLeadingEdge : 102", "ADFFrontSideEdge : 103",
-        "ADFRearLeadingEdge : 104", "ADFRearSideEdge : 105", "BornMonth : 106", "BornDay : 107",
-        "BornYear : 108", "FirstScanMonth : 109", "FirstScanDay : 110", "FirstScanYear : 111",
-        "VMag : 112", "HMag : 113", "CCDType : 200", "ScanSpeed : 9"})
-    expected += std::string("     1: lNvRam->") + f + " \r\n";
+  const std::string expected =
+      "In   1: ReadNVMData : \r\n   In   ReadNVMData - milliseconds: N \r\n"
+      "   Out  ReadNVMData - milliseconds: N \r\nOut  1: ReadNVMData : \r\n" +
+      FieldLines("     1: lNvRam->",
+                 {"PadCount : 123456", "ADFSingleCount : 2", "ADFDuplexCount : 3", "PadFBCountCount : 4",
+                  "FBLeadingEdge : 100", "FBSideEdge : 101", "ADFFrontLeadingEdge : 102", "ADFFrontSideEdge : 103",
+                  "ADFRearLeadingEdge : 104", "ADFRearSideEdge : 105", "BornMonth : 106", "BornDay : 107",
+                  "BornYear : 108", "FirstScanMonth : 109", "FirstScanDay : 110", "FirstScanYear : 111",
+                  "VMag : 112", "HMag : 113", "CCDType : 200", "ScanSpeed : 9"});
   TraceSetup t(2);
   driver::ReadNVMData(&sx::gNvRam);
   EXPECT_EQ(std::regex_replace(t.Log(), std::regex("milliseconds: -?\\d+ "), "milliseconds: N "), expected);

@@ -1,6 +1,10 @@
-// A temporary root whose registry sets the trace level and sends the log to
-// <root>/logs/, with the level loaded the way the library loads it.
+// Temporary roots for tests of the library's persistent state: one with the
+// registry state forgotten, and one whose registry sets the trace level and
+// sends the log to <root>/logs/, with the level loaded the way the library
+// loads it.
 #pragma once
+#include <gtest/gtest.h>
+
 #include <cstdio>
 
 #include "frame/RegistryUtil.h"
@@ -13,6 +17,13 @@ inline void ReloadTraceLevel() {
   sx::ResetRegistryState();
   sx::WriteRegValue(sx::kKeyOptions, "TargetTest", "Ok", sx::kKindText, 2);
 }
+
+// A temporary root, the library's registry state forgotten before and after.
+struct RegistryFixture : ::testing::Test {
+  RegistryFixture() { sx::ResetRegistryState(); }
+  ~RegistryFixture() override { sx::ResetRegistryState(); }
+  TempRoot root_;
+};
 
 class TraceSetup {
  public:

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "imaging/BlockChain.h"
-#include "support/TestEnv.h"
+#include "support/VscanHost.h"
 
 namespace {
 
@@ -183,36 +183,15 @@ TEST(Sharpen, OutputLineCarriesThePreviousInputLine) {
 
 // One descreened colour page from the virtual scanner through the exported
 // functions: the host gets the geometry it asked for.
-int64_t gDelivered = 0;
-SxImageInfo gInfo{};
-
-int32_t SX_API Collect(void* data, int64_t* count, int32_t code) {
-  if (code == SX_XFER_IMAGE_INFO) {
-    gInfo = *static_cast<const SxImageInfo*>(data);
-    *count = 1'000'000;
-  } else {
-    gDelivered += *count;
-  }
-  return 0;
-}
-
 TEST(DescreenAcquire, DirectPageKeepsRequestedGeometry) {
-  sxtest::TempRoot root;
-  root.InstallVscan("Corvane/QM7110", sxtest::kQm7110Ini);
-  root.WriteRegistry(sxtest::Qm7110Registry("\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:00000002\n"
-                                            "\"IMAGELENGTH\"=str(2):\"600\"\n\"DESCREEN\"=dword:00000001\n"));
-  sxtest::Library lib;
-  ASSERT_EQ(lib.Load(nullptr), 0);
-  {
-    const sxtest::HostBuffer buffer(lib, 1'000'000);
-    gDelivered = 0;
-    EXPECT_EQ(lib.Acquire(Collect, buffer.Data()), 0);
-  }
-  EXPECT_EQ(gInfo.PixelsPerLine, 2544);
-  EXPECT_EQ(gInfo.LinesPerPage, 600);
-  EXPECT_EQ(gInfo.ResolutionX, 300);
-  EXPECT_EQ(gDelivered, int64_t{600} * 2544 * 3);
-  lib.Free();
+  sxtest::VscanHost host("", sxtest::ColourPage(600, {{"DESCREEN", "dword:00000001"}}));
+  host.Load();
+  sxtest::Transfer t{.BufferAnswer = 1'000'000};
+  EXPECT_EQ(host.Acquire(t), 0);
+  EXPECT_EQ(t.Info.PixelsPerLine, 2544);
+  EXPECT_EQ(t.Info.LinesPerPage, 600);
+  EXPECT_EQ(t.Info.ResolutionX, 300);
+  EXPECT_EQ(t.Delivered(), int64_t{600} * 2544 * 3);
 }
 
 }  // namespace

@@ -5,47 +5,19 @@
 // library runs normally (every fault fires once only).
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
-#include <memory>
 #include <optional>
 #include <string>
 
-#include "support/TestEnv.h"
+#include "support/VscanHost.h"
 
 namespace {
 
 using namespace sxtest;
 
-constexpr int32_t kLines = 300;        // lines per page: a few blocks in either mode
-constexpr int64_t kBytesPerLine = 7632;  // 2544 colour pixels at 300 dpi
-constexpr int64_t kPageBytes = kLines * kBytesPerLine;
-constexpr size_t kHostBuffer = 1 << 20;
+constexpr int32_t kLines = 300;          // lines per page: a few blocks in either mode
+constexpr size_t kPageBytes = kLines * 7632;  // 2544 colour pixels at 300 dpi
 constexpr int64_t kDirectAnswer = 400'000;  // 52 lines per direct block
-constexpr unsigned kHungSeconds = 60;
-
-// What the host saw of one acquisition.
-struct Seen {
-  int32_t Result = 0;
-  int WholePages = 0;  // pages whose bytes all came and ended with code 1
-};
-
-struct Host {
-  int64_t PageBytes = 0;
-  Seen See;
-} gHost;
-
-int32_t SX_API Callback(void*, int64_t* count, int32_t code) {
-  Host& h = gHost;
-  if (code == SX_XFER_IMAGE_INFO) {
-    h.PageBytes = 0;
-    *count = kDirectAnswer;
-    return 0;
-  }
-  if (code >= SX_XFER_DATA) h.PageBytes += *count;
-  if (code == SX_XFER_PAGE_END && h.PageBytes == kPageBytes) ++h.See.WholePages;
-  return 0;
-}
 
 enum Combo { kDirectFlatbed, kDirectFeeder, kBufferedFlatbed, kBufferedFeeder, kCombos };
 const char* const kComboNames[kCombos] = {"direct flatbed", "direct feeder", "buffered flatbed",
@@ -81,47 +53,17 @@ std::array<Outcome, kCombos> BySource(Outcome flatbed, Outcome feeder) {
 class FaultMatrix : public ::testing::Test {
  protected:
   void Open(const std::string& faultIni, int combo) {
-    Close();
-    root_ = std::make_unique<TempRoot>();
-    log_ = root_->Twain() / "Corvane" / "QM7110" / "calls.log";
-    root_->InstallVscan("Corvane/QM7110", std::string(kQm7110Ini) + "[Feeder]\nSheets=6\n" + faultIni +
-                                              "\n[Log]\nFile=" + log_.string() + "\n");
-    root_->WriteRegistry(Qm7110Registry(
-        std::string("\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:0000000") + (IsFeeder(combo) ? "1" : "2") +
-        "\n\"XFERCOUNT\"=str(2):\"2\"\n\"IMAGELENGTH\"=str(2):\"" + std::to_string(kLines) +
-        "\"\n\"GAMMA\"=str(2):\"1.0\"\n"));
-    lib_ = std::make_unique<Library>();
-    ASSERT_EQ(lib_->Load(nullptr), 0);
-    uint8_t buffering = combo >= kBufferedFlatbed ? 1 : 0;
-    ASSERT_EQ(lib_->SetValue(CAP_BUFFERING, TY_UINT8, &buffering), 0);
-    buffer_.emplace(*lib_, kHostBuffer);
+    host_.emplace("[Feeder]\nSheets=6\n" + faultIni,
+                  ColourPage(kLines, {{"SCANTYPE", IsFeeder(combo) ? "dword:00000001" : "dword:00000002"},
+                                      {"XFERCOUNT", "str(2):\"2\""}}));
+    host_->Load(combo >= kBufferedFlatbed ? 1 : 0);
   }
-  void Close() {
-    if (!lib_) return;
-    buffer_.reset();
-    lib_->Free();
-    lib_.reset();
-    root_.reset();
-  }
-  void TearDown() override { Close(); }
+  void TearDown() override { host_.reset(); }
 
-  Seen Acquire() {
-    gHost = Host{};
-    logged_ = ReadLines(log_).size();
-    gHost.See.Result = lib_->WatchedAcquire(Callback, buffer_->Data(), kHungSeconds);
-    return gHost.See;
-  }
-
+  int32_t Acquire() { return host_->Acquire(seen_); }
+  int WholePages() const { return seen_.WholePages(kPageBytes); }
   // Every page the scanner started in the last acquisition was stopped again.
-  void ExpectScannerStopped() const {
-    const std::vector<std::string> lines = ReadLines(log_);
-    long started = 0, stopped = 0;
-    for (size_t i = logged_; i < lines.size(); ++i) {
-      if (lines[i].rfind("StartScan() -> 1", 0) == 0) ++started;
-      if (lines[i].rfind("StopScan()", 0) == 0) ++stopped;
-    }
-    EXPECT_EQ(stopped, started);
-  }
+  void ExpectScannerStopped() const { EXPECT_EQ(host_->Calls("StopScan()"), host_->Calls("StartScan() -> 1")); }
 
   void Run(const std::vector<Row>& rows) {
     for (const Row& row : rows) {
@@ -130,29 +72,25 @@ class FaultMatrix : public ::testing::Test {
         SCOPED_TRACE(std::string(row.Name) + ", " + kComboNames[c]);
         Open(row.Ini, c);
         ASSERT_FALSE(HasFatalFailure());
-        const Seen faulted = Acquire();
         const Outcome& want = row.Expected[c];
-        EXPECT_EQ(faulted.Result, want.Result);
-        EXPECT_GE(faulted.WholePages, want.MinPages);
-        EXPECT_LE(faulted.WholePages, want.MaxPages);
+        EXPECT_EQ(Acquire(), want.Result);
+        EXPECT_GE(WholePages(), want.MinPages);
+        EXPECT_LE(WholePages(), want.MaxPages);
         ExpectScannerStopped();
-        const Seen next = Acquire();
-        EXPECT_EQ(next.Result, 0) << "the acquisition after the fault";
-        EXPECT_EQ(next.WholePages, IsFeeder(c) ? 2 : 1) << "the acquisition after the fault";
+        EXPECT_EQ(Acquire(), 0) << "the acquisition after the fault";
+        EXPECT_EQ(WholePages(), IsFeeder(c) ? 2 : 1) << "the acquisition after the fault";
         ExpectScannerStopped();
       }
     }
   }
 
-  std::unique_ptr<TempRoot> root_;
-  std::unique_ptr<Library> lib_;
-  fs::path log_;
-  size_t logged_ = 0;
-  std::optional<HostBuffer> buffer_;
+  std::optional<VscanHost> host_;
+  Transfer seen_{.BufferAnswer = kDirectAnswer};
 };
 
 // Refusals, once, of each entry point an acquisition calls before and after
-// the raster. The read thread does not examine its own StopScan.
+// the raster, with the statuses they give. The read thread does not examine
+// its own StopScan.
 TEST_F(FaultMatrix, RefusedEntryPoints) {
   Run({
       {"parameters refused", "[Faults]\nSetScanParameter=2013\nSetScanParameterTimes=1\n", All(-12)},
@@ -166,6 +104,12 @@ TEST_F(FaultMatrix, RefusedEntryPoints) {
       {"stop refused", "[Faults]\nStopScan=2008\nStopScanTimes=1\n",
        {Is(-27, 1), Is(-27, 1), Is(0, 1), Is(0, 2)}},
       {"lamp cold", "[Page]\nWarmUpRefusals=1\n", All(-22)},
+      // Driver statuses reach the host mapped: a mapped code, one passed
+      // through unchanged and one outside the table (the table itself is the
+      // driver suite's).
+      {"status 2005", "[Faults]\nStartScan=2005\nStartScanTimes=1\n", All(-8)},
+      {"status 131", "[Faults]\nStartScan=131\nStartScanTimes=1\n", All(131)},
+      {"status 0x80000000", "[Faults]\nStartScan=2147483648\nStartScanTimes=1\n", All(-4)},
   });
 }
 
@@ -203,17 +147,6 @@ TEST_F(FaultMatrix, JamsBetweenFeederPages) {
   });
 }
 
-// Driver statuses reach the host mapped, through the refusal of the
-// scanner's start: a mapped code, one passed through unchanged and one
-// outside the table (the table itself is the driver suite's).
-TEST_F(FaultMatrix, StatusCodesReachTheHostMapped) {
-  Run({
-      {"status 2005", "[Faults]\nStartScan=2005\nStartScanTimes=1\n", All(-8)},
-      {"status 131", "[Faults]\nStartScan=131\nStartScanTimes=1\n", All(131)},
-      {"status 0x80000000", "[Faults]\nStartScan=2147483648\nStartScanTimes=1\n", All(-4)},
-  });
-}
-
 // A feeder that reports paper with a flag other than 1: only 1 means paper,
 // so both modes end after the first sheet instead of waiting for a second
 // page that never starts.
@@ -222,9 +155,8 @@ TEST_F(FaultMatrix, FeederPaperFlagOtherThanOneEndsTheRun) {
     SCOPED_TRACE(kComboNames[combo]);
     Open("PaperFlag=2\n", combo);  // continues the [Feeder] section
     ASSERT_FALSE(HasFatalFailure());
-    const Seen seen = Acquire();
-    EXPECT_EQ(seen.Result, 0);
-    EXPECT_EQ(seen.WholePages, 1);
+    EXPECT_EQ(Acquire(), 0);
+    EXPECT_EQ(WholePages(), 1);
     ExpectScannerStopped();
   }
 }

@@ -15,14 +15,14 @@
 #include <string>
 #include <vector>
 
-#include "support/TestEnv.h"
+#include "support/VscanHost.h"
 
 namespace {
 
 using namespace sxtest;
 
 constexpr int kAcquisitions = 240;
-constexpr size_t kLargeBuffer = 1 << 20;
+constexpr size_t kLargeBuffer = kHostBufferBytes;
 
 // What the host saw, page by page, and every broken promise.
 struct Watch {
@@ -94,24 +94,14 @@ struct Case {
 class ImageInfoPromise : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_.InstallVscan("Corvane/QM7110", std::string(kQm7110Ini) + "[Feeder]\nSheets=100000\n");
-    root_.WriteRegistry(Qm7110Registry());
-    lib_ = std::make_unique<Library>();
-    ASSERT_EQ(lib_->Load(nullptr), 0);
+    host_.Load();
     SxValueList* list = nullptr;
-    lib_->QueryData(CAP_XRESOLUTION, TY_INT32, &list);
+    host_.Lib->QueryData(CAP_XRESOLUTION, TY_INT32, &list);
     ASSERT_TRUE(list && list->Count == 0);  // a range: least, most, step
     const auto* range = static_cast<const int32_t*>(list->Items);
     least_ = range[0], most_ = range[1];
-    lib_->FreeList(list);
-    buffer_.emplace(*lib_, kLargeBuffer);
+    host_.Lib->FreeList(list);
   }
-  void TearDown() override {
-    buffer_.reset();
-    lib_->Free();
-    lib_.reset();
-  }
-  void Set(uint32_t cap, int32_t value) { lib_->SetValue(cap, TY_INT32, &value); }
 
   Case Generate(std::mt19937& random) {
     static const int kTypes[][3] = {{0, 1, 0}, {0, 1, 1}, {1, 8, 0}, {2, 24, 0}, {1, 4, 0},
@@ -127,32 +117,23 @@ class ImageInfoPromise : public ::testing::Test {
   }
 
   void Run(const Case& c) {
-    Set(CAP_PIXELTYPE, c.PixelType);
-    Set(CAP_BITSPERPIXEL, c.Bits);
-    Set(CAP_DITHER, c.Dither);
-    Set(CAP_DESCREEN, c.Descreen);
-    Set(CAP_SHARPEN, c.Sharpen);
-    Set(CAP_XRESOLUTION, c.Resolution);
-    Set(CAP_YRESOLUTION, c.Resolution);
-    Set(CAP_UNITS, 2);
-    Set(CAP_XPOSITION, c.X);
-    Set(CAP_YPOSITION, c.Y);
-    Set(CAP_IMAGEWIDTH, c.Width);
-    Set(CAP_IMAGELENGTH, c.Length);
-    Set(CAP_SCANTYPE, c.Source);
-    Set(CAP_XFERCOUNT, 2);
-    lib_->SetValue(CAP_BUFFERING, TY_UINT8, const_cast<uint8_t*>(&c.Buffering));
+    const std::pair<uint32_t, int32_t> values[] = {
+        {CAP_PIXELTYPE, c.PixelType}, {CAP_BITSPERPIXEL, c.Bits}, {CAP_DITHER, c.Dither},
+        {CAP_DESCREEN, c.Descreen},   {CAP_SHARPEN, c.Sharpen},   {CAP_XRESOLUTION, c.Resolution},
+        {CAP_YRESOLUTION, c.Resolution}, {CAP_UNITS, 2},          {CAP_XPOSITION, c.X},
+        {CAP_YPOSITION, c.Y},         {CAP_IMAGEWIDTH, c.Width},  {CAP_IMAGELENGTH, c.Length},
+        {CAP_SCANTYPE, c.Source},     {CAP_XFERCOUNT, 2}};
+    for (auto [cap, value] : values) host_.Lib->SetValue(cap, TY_INT32, &value);
+    host_.Lib->SetValue(CAP_BUFFERING, TY_UINT8, const_cast<uint8_t*>(&c.Buffering));
     gWatch = Watch{};
     gWatch.HostBuffer = c.HostBuffer;
     // The buffer's current address: line scaling may have moved it.
-    void* buffer = lib_->GlobalLock(buffer_->Handle());
-    lib_->GlobalUnlock(buffer_->Handle());
-    result_ = lib_->WatchedAcquire(Callback, buffer);
+    void* buffer = host_.Lib->GlobalLock(host_.Buffer->Handle());
+    host_.Lib->GlobalUnlock(host_.Buffer->Handle());
+    result_ = host_.Lib->WatchedAcquire(Callback, buffer);
   }
 
-  TempRoot root_;
-  std::unique_ptr<Library> lib_;
-  std::optional<HostBuffer> buffer_;
+  VscanHost host_{"[Feeder]\nSheets=100000\n", ""};
   int32_t least_ = 0, most_ = 0;
   int32_t result_ = 0;
 };
@@ -194,10 +175,7 @@ TEST_F(ImageInfoPromise, DescreenedFeederPagesAreTheSameInBothModes) {
   std::vector<std::vector<uint8_t>> pages[2];
   for (uint8_t buffering : {0, 1}) {
     SCOPED_TRACE(buffering ? "buffered" : "direct");
-    TearDown();  // then a fresh mapping, so the feeder counts its sheets from 1 again
-    lib_ = std::make_unique<Library>();
-    ASSERT_EQ(lib_->Load(nullptr), 0);
-    buffer_.emplace(*lib_, kLargeBuffer);
+    host_.Load();  // a fresh mapping, so the feeder counts its sheets from 1 again
     gCollect = &pages[buffering];
     Run(Case{2, 24, 0, 1, 0, 150, 0, 0, 600, 450, 1, buffering, 200000});  // two feeder pages
     gCollect = nullptr;

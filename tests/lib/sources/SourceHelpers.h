@@ -33,6 +33,19 @@ inline std::vector<SxDataSource> Enumerate(const Library& lib) {
   return out;
 }
 
+// The listed entry of that name (one unlike any listed entry when none is).
+inline SxDataSource Find(const std::vector<SxDataSource>& list, const std::string& name) {
+  for (const SxDataSource& ds : list)
+    if (Text(ds.DisplayName) == name) return ds;
+  return {};
+}
+
+// An entry's texts, "name|file|directory|version|vendor|port".
+inline std::string Fields(const SxDataSource& ds) {
+  return Text(ds.DisplayName) + "|" + Text(ds.FileName) + "|" + Text(ds.Directory) + "|" +
+         Text(ds.FileVersion) + "|" + Text(ds.Vendor) + "|" + Text(ds.PortName);
+}
+
 inline Strings SortedNames(const std::vector<SxDataSource>& list) {
   Strings names;
   for (const SxDataSource& ds : list) names.push_back(Text(ds.DisplayName));

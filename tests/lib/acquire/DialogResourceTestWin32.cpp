@@ -2,11 +2,11 @@
 // the library describes as data, a template without a resource fails as
 // documented, and the progress bars keep their fills when the system
 // repaints the dialog.
-#ifdef _WIN32
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "acquire/DialogResources.h"
 #include "platform/win32/Win32.h"
@@ -69,27 +69,20 @@ const void* LoadDialogResource(const char* name, uint16_t language) {
   return found ? LockResource(LoadResource(module, found)) : nullptr;
 }
 
+using Numbers = std::vector<int64_t>;
+using Texts = std::vector<std::string>;
+
+// The fields in the order they are read (a braced list reads left to right).
 void ExpectControl(TemplateReader& in, bool extended, const plat::DialogControlTemplate& c) {
   SCOPED_TRACE(c.Id);
   in.AlignDword();
-  uint32_t style = 0;
-  if (extended) {
-    EXPECT_EQ(in.Dword(), 0u) << "help id";
-    EXPECT_EQ(in.Dword(), 0u) << "extended style";
-    style = in.Dword();
-  } else {
-    style = in.Dword();
-    EXPECT_EQ(in.Dword(), 0u) << "extended style";
-  }
-  EXPECT_EQ(style, c.Style);
-  EXPECT_EQ(in.Short(), c.X);
-  EXPECT_EQ(in.Short(), c.Y);
-  EXPECT_EQ(in.Short(), c.Cx);
-  EXPECT_EQ(in.Short(), c.Cy);
-  const int32_t id = extended ? static_cast<int32_t>(in.Dword()) : static_cast<int16_t>(in.Word());
-  EXPECT_EQ(id, c.Id);
-  EXPECT_EQ(in.NameOrOrdinal(), c.Class);
-  EXPECT_EQ(in.NameOrOrdinal(), c.Text);
+  // Help id, extended style and style; the classic item: style, extended style.
+  const Numbers head = extended ? Numbers{in.Dword(), in.Dword(), in.Dword()} : Numbers{in.Dword(), in.Dword()};
+  EXPECT_EQ(head, (extended ? Numbers{0, 0, c.Style} : Numbers{c.Style, 0}));
+  const Numbers place = {in.Short(), in.Short(), in.Short(), in.Short(),
+                         extended ? static_cast<int32_t>(in.Dword()) : static_cast<int16_t>(in.Word())};
+  EXPECT_EQ(place, (Numbers{c.X, c.Y, c.Cx, c.Cy, c.Id}));
+  EXPECT_EQ((Texts{in.NameOrOrdinal(), in.NameOrOrdinal()}), (Texts{c.Class, c.Text}));
   EXPECT_EQ(in.Word(), 0u) << "creation data";
 }
 
@@ -103,34 +96,19 @@ TEST(DialogResources, MatchTheLibrarysTemplates) {
     const void* resource = LoadDialogResource(name, t->Language);
     ASSERT_NE(resource, nullptr) << "no resource of that name and language";
     TemplateReader in(resource);
-    uint32_t style = 0, exStyle = 0;
-    if (t->Extended) {
-      EXPECT_EQ(in.Word(), 1u) << "version";
-      EXPECT_EQ(in.Word(), 0xFFFFu) << "signature";
-      EXPECT_EQ(in.Dword(), 0u) << "help id";
-      exStyle = in.Dword();
-      style = in.Dword();
-    } else {
-      style = in.Dword();
-      exStyle = in.Dword();
-    }
-    EXPECT_EQ(style, t->Style);
-    EXPECT_EQ(exStyle, t->ExStyle);
-    EXPECT_EQ(in.Word(), t->ControlCount);
-    EXPECT_EQ(in.Short(), t->X);
-    EXPECT_EQ(in.Short(), t->Y);
-    EXPECT_EQ(in.Short(), t->Cx);
-    EXPECT_EQ(in.Short(), t->Cy);
-    EXPECT_EQ(in.NameOrOrdinal(), "") << "menu";
-    EXPECT_EQ(in.NameOrOrdinal(), "") << "class";
-    EXPECT_EQ(in.Text(), t->Caption);
-    ASSERT_TRUE(style & DS_SETFONT);
-    EXPECT_EQ(in.Short(), t->FontPoints);
-    if (t->Extended) {
-      EXPECT_EQ(in.Short(), t->FontWeight);
-      EXPECT_EQ(in.Byte(), t->FontItalic);
-      EXPECT_EQ(in.Byte(), t->FontCharSet);
-    }
+    // Version, signature, help id, extended style and style; the classic
+    // template: style and extended style.
+    const Numbers head = t->Extended ? Numbers{in.Word(), in.Word(), in.Dword(), in.Dword(), in.Dword()}
+                                     : Numbers{in.Dword(), in.Dword()};
+    EXPECT_EQ(head, (t->Extended ? Numbers{1, 0xFFFF, 0, t->ExStyle, t->Style} : Numbers{t->Style, t->ExStyle}));
+    EXPECT_EQ((Numbers{in.Word(), in.Short(), in.Short(), in.Short(), in.Short()}),
+              (Numbers{static_cast<int64_t>(t->ControlCount), t->X, t->Y, t->Cx, t->Cy}));
+    EXPECT_EQ((Texts{in.NameOrOrdinal(), in.NameOrOrdinal(), in.Text()}), (Texts{"", "", t->Caption}))
+        << "menu, class, caption";
+    ASSERT_TRUE(head[t->Extended ? 4 : 0] & DS_SETFONT);
+    const Numbers font = t->Extended ? Numbers{in.Short(), in.Short(), in.Byte(), in.Byte()} : Numbers{in.Short()};
+    EXPECT_EQ(font, (t->Extended ? Numbers{t->FontPoints, t->FontWeight, t->FontItalic, t->FontCharSet}
+                                 : Numbers{t->FontPoints}));
     EXPECT_EQ(in.Text(), t->FontFace);
     for (size_t i = 0; i < t->ControlCount; ++i) ExpectControl(in, t->Extended, t->Controls[i]);
   }
@@ -185,4 +163,3 @@ TEST(DialogResources, BarFillsSurviveRepaints) {
 }
 
 }  // namespace
-#endif  // _WIN32
