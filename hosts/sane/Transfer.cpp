@@ -161,7 +161,8 @@ Transfer::Chunk Transfer::Read(uint8_t* out, size_t max, bool block) {
         return {0, end};
       }
       size_t n = std::min(max, front.bytes.size() - front.used);
-      std::memcpy(out, front.bytes.data() + front.used, n);
+      // An empty item (a page that ended before any data) has no storage to copy from.
+      if (n > 0) std::memcpy(out, front.bytes.data() + front.used, n);
       front.used += n;
       if (front.used == front.bytes.size() && !front.last) {
         queuedBytes_ -= front.bytes.size();
