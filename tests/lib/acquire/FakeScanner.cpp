@@ -24,7 +24,6 @@ bool Refused(std::vector<uint32_t>& codes) {
 int32_t Called(const char* name, int32_t result = 1) { return gFake.Calls.push_back(name), result; }
 
 int32_t SX_DRIVERAPI StartScan() {
-  if (Refused(gFake.StartRefusals)) return Called("StartScan", 0);
   const uint8_t method = gFake.Parameters.back().ScanMethod;
   if (method == 1 || method == 4 || method == 5) {
     if (gFake.Sheets == 0) return Called("StartScan", Refuse(2005));
@@ -83,7 +82,7 @@ void InstallFakeScanner() {
   };
   d.StartScan = StartScan;
   d.ReadScanEx = ReadScanEx;
-  d.StopScan = []() SX_DRIVERAPI { return ++gFake.Page, Called("StopScan", gFake.FailStop ? Refuse(2004) : 1); };
+  d.StopScan = []() SX_DRIVERAPI { return ++gFake.Page, Called("StopScan"); };
   d.DoCancel = []() SX_DRIVERAPI { return Called("DoCancel"); };
   d.GetLightStatus = [](uint8_t* lamp) SX_DRIVERAPI {
     return *lamp = gFake.LampWarmPolls-- > 0 ? gFake.LampWarmState : 0, Called("GetLightStatus");

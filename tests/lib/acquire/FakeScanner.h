@@ -17,8 +17,7 @@ namespace acqtest {
 struct FakeScanner {
   int Sheets = 0;  // paper in the feeder; a page from a feeder method takes one
   // Each call takes the next code of its list: 0 accepts, another refuses with that status.
-  std::vector<uint32_t> SetParameterRefusals, StartRefusals, AdfRefusals;
-  bool FailStop = false;
+  std::vector<uint32_t> SetParameterRefusals, AdfRefusals;
   int64_t ShortAtLine = -1;  // the page ends after this many lines
   int64_t FailAtLine = -1;   // the read that reaches this line fails (2004)
   int LampWarmPolls = 0;     // GetLightStatus answers LampWarmState this often

@@ -172,13 +172,4 @@ TEST_F(ColourMatching, PagesEqualTheEngineAppliedToThePlainScanInBothModes) {
   }
 }
 
-// sRGB in, sRGB out: the page comes through unchanged.
-TEST_F(ColourMatching, IdentityProfilesLeaveThePageAlone) {
-  ASSERT_TRUE(WriteProfile(ProfileKind::Srgb, color_ / "scanner.icc"));
-  Load(Gammas("1.0"));
-  ASSERT_EQ(Offered(), 2);
-  const std::vector<uint8_t> plain = Scan(0, 0);
-  EXPECT_EQ(Scan(1, 0), plain);
-}
-
 }  // namespace

@@ -11,7 +11,6 @@ namespace sxtest::colour {
 enum class ProfileKind {
   Scanner,  // the virtual scanner's input profile
   Gray,     // a valid profile that cannot convert colour lines
-  Srgb,     // sRGB, so that conversion leaves a page alone
 };
 
 // Writes a profile of that kind to `path`; false when it could not.

@@ -6,9 +6,8 @@
 namespace sxtest::colour {
 
 bool WriteProfile(ProfileKind kind, const std::filesystem::path& path) {
-  cmsHPROFILE profile = kind == ProfileKind::Scanner ? sx::cmms::CreateScannerProfile()
-                        : kind == ProfileKind::Gray  ? sx::cmms::CreateGrayProfile()
-                                                     : cmsCreate_sRGBProfile();
+  cmsHPROFILE profile =
+      kind == ProfileKind::Scanner ? sx::cmms::CreateScannerProfile() : sx::cmms::CreateGrayProfile();
   return sx::cmms::SaveProfile(profile, path.string());
 }
 

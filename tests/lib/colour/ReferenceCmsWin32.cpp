@@ -1,7 +1,7 @@
 // The reference on the system's colour management. Windows has no way to
 // make a profile, so the scanner's and the grey profile are files that
-// sxprofile made once (tests/data/colour); sRGB is the system's own, which
-// is also the module's output profile.
+// sxprofile made once (tests/data/colour); sRGB, the module's output
+// profile, is the system's own.
 #include <windows.h>
 #include <icm.h>
 
@@ -31,11 +31,9 @@ HPROFILE Open(const fs::path& file) {
 }  // namespace
 
 bool WriteProfile(ProfileKind kind, const fs::path& path) {
-  const fs::path source = kind == ProfileKind::Scanner ? DataFile("scanner.icc")
-                          : kind == ProfileKind::Gray  ? DataFile("gray.icc")
-                                                       : StandardSrgb();
+  const fs::path source = DataFile(kind == ProfileKind::Scanner ? "scanner.icc" : "gray.icc");
   std::error_code ec;
-  return !source.empty() && fs::copy_file(source, path, fs::copy_options::overwrite_existing, ec);
+  return fs::copy_file(source, path, fs::copy_options::overwrite_existing, ec);
 }
 
 std::vector<uint8_t> ToSrgb(const std::vector<uint8_t>& raster) {

@@ -21,6 +21,15 @@ namespace {
 
 using namespace sx::aspisg;
 
+// A generic node in the sysfs tree `sys`, linked to the device at `address`
+// (the link's last part names the device).
+void GenericNode(const fs::path& sys, const std::string& sg, const std::string& address) {
+  const fs::path device = sys / "devices" / "pci" / address, node = sys / "class" / "scsi_generic" / sg;
+  fs::create_directories(device);
+  fs::create_directories(node);
+  fs::create_directory_symlink(device, node / "device");
+}
+
 TEST(SgBus, AdaptersAndGenericNodesFromSysfs) {
   TempRoot root;
   const fs::path sys = root.Path() / "sys", hosts = sys / "class" / "scsi_host";
@@ -28,13 +37,9 @@ TEST(SgBus, AdaptersAndGenericNodesFromSysfs) {
                                    {"hostile", "x"}, {"host", "x"}})
     if (*name) WriteFile(hosts / host / "proc_name", std::string(name) + "\n");
     else fs::create_directories(hosts / host);
-  const fs::path generic = sys / "class" / "scsi_generic", devices = sys / "devices" / "pci";
-  for (const auto& [sg, address] : {std::pair{"sg0", "2:0:3:0"}, {"sg1", "2:1:4:0"}, {"sg7", "10:0:4:0"}}) {
-    fs::create_directories(devices / address);
-    fs::create_directories(generic / sg);
-    fs::create_directory_symlink(devices / address, generic / sg / "device");
-  }
-  fs::create_directories(generic / "sg9");  // no device link
+  for (const auto& [sg, address] : {std::pair{"sg0", "2:0:3:0"}, {"sg1", "2:1:4:0"}, {"sg7", "10:0:4:0"}})
+    GenericNode(sys, sg, address);
+  fs::create_directories(sys / "class" / "scsi_generic" / "sg9");  // no device link
 
   const auto adapters = ListAdapters(sys.string());
   std::vector<std::string> got;
@@ -164,11 +169,7 @@ TEST(SgModule, DegradesOnNodesThatAreNotDevices) {
   TempRoot root;
   const fs::path sys = root.Path() / "sys", dev = root.Path() / "dev";
   WriteFile(sys / "class" / "scsi_host" / "host0" / "proc_name", "fake\n");
-  for (const auto& [sg, address] : {std::pair{"sg0", "0:0:1:0"}, {"sg1", "0:0:2:0"}}) {
-    fs::create_directories(sys / "devices" / address);
-    fs::create_directories(sys / "class" / "scsi_generic" / sg);
-    fs::create_directory_symlink(sys / "devices" / address, sys / "class" / "scsi_generic" / sg / "device");
-  }
+  for (const auto& [sg, address] : {std::pair{"sg0", "0:0:1:0"}, {"sg1", "0:0:2:0"}}) GenericNode(sys, sg, address);
   WriteFile(dev / "sg0", "");  // a plain file where the node should be; sg1 is missing
   ScopedEnv sysfs("SX_SCSI_SYSFS", sys.c_str()), devfs("SX_SCSI_DEV", dev.c_str());
   SgModule m;

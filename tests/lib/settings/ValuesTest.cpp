@@ -1,8 +1,11 @@
 // SxSetValue and SxGetValue on the settings record, and the buffer ring,
-// with the driver replaced by a recording stand-in.
+// with the driver replaced by a recording stand-in; the conversion between
+// value types beneath them.
 #include <array>
+#include <limits>
 #include <optional>
 
+#include "settings/SettingsInternal.h"
 #include "tests/lib/settings/SettingsTestSupport.h"
 
 namespace {
@@ -166,6 +169,54 @@ TEST_F(Values, RingCountFollowsTheAvailableMemoryAndBuffersGrowButNeverShrink) {
   sx::ReleaseBufferRing();
   SxSetValue(CAP_MINBUFFER, TY_STR32, const_cast<char*>("2097152"));
   EXPECT_EQ(sx::gRing, nullptr) << "a text is no size";
+}
+
+template <class T>
+std::vector<uint8_t> B(T v) {
+  std::vector<uint8_t> b(sizeof v);
+  std::memcpy(b.data(), &v, sizeof v);
+  return b;
+}
+
+TEST(ConvertValue, FollowsTheConversionTable) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  // {from, source, to, bytes written (none: nothing written)}
+  const std::tuple<uint32_t, std::vector<uint8_t>, uint32_t, std::vector<uint8_t>> cases[] = {
+      {TY_FLOAT32, B(-2.7f), TY_INT16, B<int16_t>(-2)},     {TY_INT16, B<int16_t>(-1), TY_UINT32, B(0xFFFFFFFFu)},
+      {TY_UINT16, B<uint16_t>(0xFFFF), TY_FLOAT32, B(65535.0f)},
+      {TY_UINT32, B(0xFFFFFFFFu), TY_FLOAT32, B(-1.0f)},  // read as signed
+      {TY_INT32, B(0x12345678), TY_INT16, B<uint16_t>(0x5678)},
+      {TY_INT32, B(0x12345678), TY_UINT8, {0x78}},  // one byte only
+      {TY_UINT16, B<uint16_t>(0x8000), TY_INT32, B<int32_t>(0x8000)},
+      {TY_FLOAT32, B(765000.0f), TY_UINT16, B<uint16_t>(44104)}, {TY_FLOAT32, B(5e9f), TY_INT32, B(705032704u)},
+      {TY_FLOAT32, B(nan), TY_INT32, B(0)},  // texts and numbers never mix:
+      {TY_INT32, B(7), TY_STR32, {}},        {TY_STR32, {'4', 0}, TY_INT32, {}},
+      {TY_STR32, {'a', 'b', 0, 'x'}, TY_STR64, {'a', 'b', 0}}, {TY_STR255, {'a', 0}, TY_STR32, {}},
+      {0x8020, B(1), TY_INT32, {}},          {TY_INT32, B(1), 0x7FFF, {}},
+      {0xABCD0000u | TY_INT16, B<int16_t>(-3), 0x12340000u | TY_INT32, B(-3)},
+  };
+  for (auto [from, source, to, expected] : cases) {
+    std::vector<uint8_t> dest(300, 0xAA);
+    source.resize(300, 0);
+    expected.resize(300, 0xAA);
+    sx::ConvertValue(dest.data(), to, from, source.data());
+    EXPECT_EQ(dest, expected) << std::hex << from << " to " << to;
+  }
+}
+
+// Beyond the faulting host addresses above: a number written to one, and a
+// text that ends just before a fault is whole.
+TEST(ConvertValue, FaultingAddressesAbandonTheConversion) {
+  sxtest::FaultingPage page;
+  int32_t value = 7;
+  sx::ConvertValue(page.Bad(), TY_INT32, TY_INT32, &value);
+  char text[40] = "kept";
+  std::memset(page.LastBytes(5), 'z', 5);  // unterminated, running into the fault
+  sx::ConvertValue(text, TY_STR32, TY_STR32, page.LastBytes(5));
+  EXPECT_STREQ(text, "kept");
+  page.LastBytes(1)[0] = 0;  // now terminated just before the fault
+  sx::ConvertValue(text, TY_STR32, TY_STR32, page.LastBytes(5));
+  EXPECT_STREQ(text, "zzzz");
 }
 
 }  // namespace
