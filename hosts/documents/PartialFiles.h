@@ -71,8 +71,8 @@ class WriteTurn {
 // ending the program already.
 const char* KeepPagesAtOnce();
 
-// A partial file's bytes through its descriptor; false with the system's
-// error (errno values) in *code.
+// Partial files by name and their bytes through a descriptor; false (or -1)
+// with the system's error (errno values) in *code.
 bool CreateNewFile(const std::string& name, int* code);  // fails if it exists
 int OpenPartialFile(const std::string& name, int* code);  // -1 when it cannot be
 bool WritePartialAt(int descriptor, uint64_t offset, const void* data, size_t bytes, int* code);

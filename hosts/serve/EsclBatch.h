@@ -19,7 +19,7 @@ namespace sx::host::escl {
 
 class BatchPdf {
  public:
-  // Owns its temporary file, so it is not copied.
+  // Not copyable: it owns its temporary file and its lock.
   BatchPdf();
   ~BatchPdf();
 
