@@ -2,7 +2,10 @@
 // virtual scanner chosen as the data source, and entry points looked up in
 // the library as a host loads it.
 #pragma once
+#include <benchmark/benchmark.h>
 #include <dlfcn.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -99,6 +102,49 @@ inline fs::path InstallScanner(const fs::path& root, const std::string& extraIni
                                    std::string(13, ' ') + "1.00\"\n[Software\\Quillmark\\ScanData]\n" +
                                    scanData);
   return folder;
+}
+
+// A benchmark program's temporary system tree (named after `prefix` and the
+// process) and the library loaded over it. The caller fills Root, then calls
+// Load and AllocBuffer; the library is freed and the tree removed when the
+// program ends.
+struct BenchHost {
+  fs::path Root;
+  HostApi Api;
+  void* Buffer = nullptr;
+
+  explicit BenchHost(const std::string& prefix)
+      : Root(fs::temp_directory_path() / (prefix + std::to_string(::getpid()))) {}
+  BenchHost(const BenchHost&) = delete;
+  BenchHost& operator=(const BenchHost&) = delete;
+  ~BenchHost() {
+    Api.Unbind();
+    std::error_code ec;
+    fs::remove_all(Root, ec);
+  }
+  // Points the library at Root and loads it; false unless it loaded its data source.
+  bool Load() {
+    ::setenv("SX_ROOT", Root.c_str(), 1);
+    return Api.BindAndLoad();
+  }
+  // The kHostBuffer-byte host buffer every acquisition is given; false when refused.
+  bool AllocBuffer() {
+    Buffer = Api.Lock(Api.Alloc(SX_GHND, kHostBuffer));
+    return Buffer != nullptr;
+  }
+};
+
+// One acquisition of one page per iteration through the host's buffer; the
+// benchmark stops with an error as soon as a page is not pageBytes long.
+inline void AcquirePages(benchmark::State& state, BenchHost& host, int64_t pageBytes) {
+  for (auto _ : state) {
+    gDelivered = 0;
+    if (host.Api.Acquire(CountingCallback, host.Buffer) != 0 || gDelivered != pageBytes) {
+      state.SkipWithError("the acquisition failed");
+      return;
+    }
+  }
+  state.SetBytesProcessed(state.iterations() * pageBytes);
 }
 
 }  // namespace sxbench

@@ -8,8 +8,6 @@
 // 90% of the raw rate.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -28,8 +26,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using sxbench::CountingCallback;
-using sxbench::gDelivered;
 using sxbench::kHostBuffer;
 using sxbench::Resolve;
 
@@ -51,36 +47,25 @@ const char* const kMemorySpeed = "[Page]\nPrerender=1\n";
 // copy of the module for the raw reads (a separate file, so a separate
 // instance with its own page state).
 struct Setup {
-  fs::path Root;
+  sxbench::BenchHost Host{"sxbench-"};
   fs::path RawModule;
-  sxbench::HostApi Api;
-  void* Buffer = nullptr;
   bool Ready = false;
 
   Setup() {
-    Root = fs::temp_directory_path() / ("sxbench-" + std::to_string(::getpid()));
     // The chain off: stored settings that ask for no descreen, sharpening or
     // colour matching, and no progress dialog.
-    sxbench::InstallScanner(Root, kMemorySpeed,
+    sxbench::InstallScanner(Host.Root, kMemorySpeed,
                             "\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:00000002\n"
                             "\"XRESOLUTION\"=dword:0000012c\n\"YRESOLUTION\"=dword:0000012c\n"
                             "\"IMAGEWIDTH\"=str(2):\"2550\"\n\"IMAGELENGTH\"=str(2):\"3508\"\n"
                             "\"DESCREEN\"=dword:00000000\n\"SHARPEN\"=dword:00000000\n"
                             "\"COLORMATCH\"=dword:00000000\n\"UICONTROL\"=dword:00000000\n"
                             "\"INDICATORS\"=dword:00000000\n");
-    RawModule = Root / "raw" / "vscan.dll";
+    RawModule = Host.Root / "raw" / "vscan.dll";
     fs::create_directories(RawModule.parent_path());
     fs::copy_file(SX_BENCH_VSCAN, RawModule, fs::copy_options::overwrite_existing);
-    sxbench::WriteText(Root / "raw" / "vscan.ini", kMemorySpeed);
-    ::setenv("SX_ROOT", Root.c_str(), 1);
-    if (!Api.BindAndLoad()) return;
-    Buffer = Api.Lock(Api.Alloc(SX_GHND, kHostBuffer));
-    Ready = Buffer != nullptr;
-  }
-  ~Setup() {
-    Api.Unbind();
-    std::error_code ec;
-    fs::remove_all(Root, ec);
+    sxbench::WriteText(Host.Root / "raw" / "vscan.ini", kMemorySpeed);
+    Ready = Host.Load() && Host.AllocBuffer();
   }
 };
 
@@ -95,14 +80,7 @@ void BM_DirectAcquisition(benchmark::State& state) {
     state.SkipWithError("the library did not load the virtual scanner");
     return;
   }
-  for (auto _ : state) {
-    gDelivered = 0;
-    if (s.Api.Acquire(CountingCallback, s.Buffer) != 0 || gDelivered != kPageBytes) {
-      state.SkipWithError("the acquisition failed");
-      return;
-    }
-  }
-  state.SetBytesProcessed(state.iterations() * kPageBytes);
+  sxbench::AcquirePages(state, s.Host, kPageBytes);
 }
 BENCHMARK(BM_DirectAcquisition)->Unit(benchmark::kMillisecond)->MinTime(kMinSeconds)->Repetitions(kRepetitions);
 

@@ -4,9 +4,6 @@
 // module's own work), all in the same run. Goal: the colour-matched
 // acquisition takes under 10% more than plain acquisition plus bare transform.
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -22,8 +19,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using sxbench::CountingCallback;
-using sxbench::gDelivered;
 using sxbench::kHostBuffer;
 
 constexpr int32_t kPixels = 2544;
@@ -33,34 +28,25 @@ constexpr int64_t kPageBytes = int64_t{3} * kPixels * kLines;
 using sxbench::WriteText;
 
 struct Setup {
-  fs::path Root;
-  sxbench::HostApi Api;
-  void* Buffer = nullptr;
+  sxbench::BenchHost Host{"sxcolourbench-"};
   bool Ready = false;
 
   Setup() {
-    Root = fs::temp_directory_path() / ("sxcolourbench-" + std::to_string(::getpid()));
+    const fs::path& root = Host.Root;
     const fs::path folder = sxbench::InstallScanner(
-        Root, "", "\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:00000002\n"
+        root, "", "\"PIXELTYPE\"=dword:00000002\n\"SCANTYPE\"=dword:00000002\n"
                   "\"XRESOLUTION\"=dword:0000012c\n\"YRESOLUTION\"=dword:0000012c\n"
                   "\"IMAGEWIDTH\"=str(2):\"2550\"\n\"IMAGELENGTH\"=str(2):\"3508\"\n");
-    const fs::path color = Root / "windows/system32/SPOOL/DRIVERS/COLOR";
+    const fs::path color = root / "windows/system32/SPOOL/DRIVERS/COLOR";
     fs::create_directories(color);
-    fs::copy_file(SX_BENCH_CMMS, Root / "windows/system32/sxcmms.dll", fs::copy_options::overwrite_existing);
+    fs::copy_file(SX_BENCH_CMMS, root / "windows/system32/sxcmms.dll", fs::copy_options::overwrite_existing);
     WriteText(folder / "cmatch.ini", "[Model]\nQM7110V=scanner.icc\n");
     sx::cmms::SaveProfile(sx::cmms::CreateScannerProfile(), (color / "scanner.icc").string());
-    ::setenv("SX_ROOT", Root.c_str(), 1);
-    if (!Api.BindAndLoad()) return;
+    if (!Host.Load()) return;
     SxValueList* list = nullptr;
-    Api.QueryData(CAP_COLORMATCH, TY_INT32, &list);  // loads the module and takes the profile
+    Host.Api.QueryData(CAP_COLORMATCH, TY_INT32, &list);  // loads the module and takes the profile
     if (!list || list->Count != 2) return;
-    Buffer = Api.Lock(Api.Alloc(SX_GHND, kHostBuffer));
-    Ready = Buffer != nullptr;
-  }
-  ~Setup() {
-    Api.Unbind();
-    std::error_code ec;
-    fs::remove_all(Root, ec);
+    Ready = Host.AllocBuffer();
   }
 };
 
@@ -69,22 +55,14 @@ Setup& Bench() {
   return setup;
 }
 
-
 void Acquisition(benchmark::State& state, uint8_t colorMatch) {
   Setup& s = Bench();
   if (!s.Ready) {
     state.SkipWithError("the library did not load the scanner with colour matching");
     return;
   }
-  s.Api.SetValue(CAP_COLORMATCH, TY_UINT8, &colorMatch);
-  for (auto _ : state) {
-    gDelivered = 0;
-    if (s.Api.Acquire(CountingCallback, s.Buffer) != 0 || gDelivered != kPageBytes) {
-      state.SkipWithError("the acquisition failed");
-      return;
-    }
-  }
-  state.SetBytesProcessed(state.iterations() * kPageBytes);
+  s.Host.Api.SetValue(CAP_COLORMATCH, TY_UINT8, &colorMatch);
+  sxbench::AcquirePages(state, s.Host, kPageBytes);
 }
 
 void BM_AcquisitionColourMatched(benchmark::State& state) { Acquisition(state, 1); }
@@ -109,9 +87,9 @@ int32_t SX_API KeepPage(void* data, int64_t* count, int32_t code) {
 void BM_BareTransform(benchmark::State& state) {
   Setup& s = Bench();
   uint8_t off = 0;
-  s.Api.SetValue(CAP_COLORMATCH, TY_UINT8, &off);
+  s.Host.Api.SetValue(CAP_COLORMATCH, TY_UINT8, &off);
   gPage.clear();
-  if (!s.Ready || s.Api.Acquire(KeepPage, s.Buffer) != 0 || gPage.size() != kPageBytes) {
+  if (!s.Ready || s.Host.Api.Acquire(KeepPage, s.Host.Buffer) != 0 || gPage.size() != kPageBytes) {
     state.SkipWithError("the plain page could not be acquired");
     return;
   }

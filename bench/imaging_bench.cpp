@@ -98,35 +98,33 @@ void Done(benchmark::State& state) {
 // output, which changes the bytes but not the time. (Writing to a second
 // page, as memcpy does, would add a read of every output line before it is
 // written, which the chain never pays.)
-void BM_Descreen(benchmark::State& state, uint8_t mode) {
-  WithSet(state);
-  sx::ScanSettings s = Colour(kPixels, kLines);
-  s.Descreen = mode;
-  sx::PrepareDescreen(s);
-  Bytes page = Page();
-  for (auto _ : state) {
-    OverPage(s, [&](size_t at, int32_t lines) {
-      sx::DescreenFilter(page.data() + at, page.data() + at, s, kLineBytes, lines);
-    });
-    benchmark::ClobberMemory();
-  }
-  sx::ReleaseDescreen();
-  Done(state);
-}
+struct ChainFilter {
+  int32_t (*Prepare)(sx::ScanSettings&);
+  void (*Run)(uint8_t* block, sx::ScanSettings& s, int32_t lines);
+  void (*Release)();
+};
 
-void BM_Sharpen(benchmark::State& state) {
+const ChainFilter kDescreen = {
+    sx::PrepareDescreen,
+    [](uint8_t* block, sx::ScanSettings& s, int32_t lines) { sx::DescreenFilter(block, block, s, kLineBytes, lines); },
+    sx::ReleaseDescreen};
+const ChainFilter kSharpen = {
+    sx::PrepareSharpen,
+    [](uint8_t* block, sx::ScanSettings& s, int32_t lines) { sx::SharpenBlock(block, block, s.Sharpen, s, lines); },
+    sx::ReleaseSharpen};
+
+// `descreen` and `sharpen` are the settings' levels for the filter.
+void BM_Filter(benchmark::State& state, const ChainFilter* filter, uint8_t descreen, uint8_t sharpen) {
   WithSet(state);
   sx::ScanSettings s = Colour(kPixels, kLines);
-  s.Sharpen = kSharpenLevel;
-  sx::PrepareSharpen(s);
+  s.Descreen = descreen, s.Sharpen = sharpen;
+  filter->Prepare(s);
   Bytes page = Page();
   for (auto _ : state) {
-    OverPage(s, [&](size_t at, int32_t lines) {
-      sx::SharpenBlock(page.data() + at, page.data() + at, kSharpenLevel, s, lines);
-    });
+    OverPage(s, [&](size_t at, int32_t lines) { filter->Run(page.data() + at, s, lines); });
     benchmark::ClobberMemory();
   }
-  sx::ReleaseSharpen();
+  filter->Release();
   Done(state);
 }
 
@@ -239,9 +237,9 @@ void Register() {
     for (int64_t i : sets) b->Arg(i);
     b->Unit(benchmark::kMillisecond)->MinTime(0.5);
   };
-  each(benchmark::RegisterBenchmark("descreen16", BM_Descreen, uint8_t{1}));
-  each(benchmark::RegisterBenchmark("descreen28", BM_Descreen, uint8_t{2}));
-  each(benchmark::RegisterBenchmark("sharpen", BM_Sharpen));
+  each(benchmark::RegisterBenchmark("descreen16", BM_Filter, &kDescreen, uint8_t{1}, uint8_t{0}));
+  each(benchmark::RegisterBenchmark("descreen28", BM_Filter, &kDescreen, uint8_t{2}, uint8_t{0}));
+  each(benchmark::RegisterBenchmark("sharpen", BM_Filter, &kSharpen, uint8_t{0}, uint8_t{kSharpenLevel}));
   each(benchmark::RegisterBenchmark("scale_2_3", BM_ScaleTwoThirds));
   each(benchmark::RegisterBenchmark("invert", BM_Invert));
   each(benchmark::RegisterBenchmark("tone", BM_Tone, false));

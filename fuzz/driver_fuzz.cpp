@@ -12,10 +12,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <iterator>
-#include <string>
 
+#include "FuzzSystem.h"
 #include "driver/DriverTable.h"
 #include "frame/LibraryState.h"
 #include "settings/ScanSettings.h"
@@ -181,10 +180,7 @@ void Acquire(uint8_t buffering) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  const std::string root = (std::filesystem::temp_directory_path() / "sx-driver-fuzz").string();
-  std::filesystem::create_directories(root);
-  setenv("SX_ROOT", root.c_str(), 1);
-  setenv("SX_AVAILABLE_MEMORY", "8388608", 1);
+  sxfuzz::UsePrivateSystem("sx-driver-fuzz", "8388608");
   setenv("SX_TIME_SCALE", "0", 1);  // warm-up waits pass at once
   sx::ProcessAttach(nullptr);
   return 0;

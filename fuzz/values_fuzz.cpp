@@ -10,10 +10,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <string>
 #include <vector>
 
+#include "FuzzSystem.h"
 #include "settings/ScanSettings.h"
 #include "sxsys.h"
 
@@ -90,11 +89,8 @@ void Run(uint8_t op, uint32_t first, uint32_t type, const uint8_t* bytes, size_t
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  // A private, empty system tree and a small machine: at most two buffers.
-  const std::string root = (std::filesystem::temp_directory_path() / "sx-values-fuzz").string();
-  std::filesystem::create_directories(root);
-  setenv("SX_ROOT", root.c_str(), 1);
-  setenv("SX_AVAILABLE_MEMORY", "1048576", 1);
+  // A small machine: at most two buffers.
+  sxfuzz::UsePrivateSystem("sx-values-fuzz", "1048576");
   return 0;
 }
 

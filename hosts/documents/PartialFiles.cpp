@@ -123,7 +123,44 @@ std::string PartialCandidate(const std::string& path) {
   return path.substr(0, name) + "." + path.substr(name) + tag + ".part";
 }
 
+bool Failed(int* code) {
+  *code = errno ? errno : EIO;
+  return false;
+}
+
 }  // namespace
+
+bool CreateNewFile(const std::string& name, int* code) {
+  const int fd = OpenFileDescriptor(name, true);
+  if (fd < 0) return Failed(code);
+  CloseFile(fd);
+  return true;
+}
+
+int OpenPartialFile(const std::string& name, int* code) {
+  const int fd = OpenFileDescriptor(name, false);
+  if (fd < 0) Failed(code);
+  return fd;
+}
+
+bool WritePartialAt(int descriptor, uint64_t offset, const void* data, size_t bytes, int* code) {
+  errno = 0;
+  return WriteAllAt(descriptor, offset, data, bytes) || Failed(code);
+}
+
+bool ReadPartialAt(int descriptor, uint64_t offset, void* data, size_t bytes, int* code) {
+  errno = 0;
+  return ReadAllAt(descriptor, offset, data, bytes) || Failed(code);
+}
+
+bool ResizePartial(int descriptor, uint64_t size, int* code) {
+  const int result = ResizeFile(descriptor, size);
+  if (result == 0) return true;
+  *code = result;
+  return false;
+}
+
+bool ClosePartialFile(int descriptor, int* code) { return CloseFile(descriptor) == 0 || Failed(code); }
 
 WriteTurn::WriteTurn() : nested_(t_turns > 0) {
   ++t_turns;

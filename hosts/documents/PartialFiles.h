@@ -71,18 +71,27 @@ class WriteTurn {
 // ending the program already.
 const char* KeepPagesAtOnce();
 
-// ---- one per system (PartialFilesPosix.cpp, PartialFilesWin32.cpp) ----
-
-// Creates `name` as a new empty file, failing if it exists; `code` is the
-// system's error then (errno values).
-bool CreateNewFile(const std::string& name, int* code);
-// A partial file's bytes through its descriptor; false with the system's
-// error (errno values) in *code.
+// Partial files by name and their bytes through a descriptor; false (or -1)
+// with the system's error (errno values) in *code.
+bool CreateNewFile(const std::string& name, int* code);  // fails if it exists
 int OpenPartialFile(const std::string& name, int* code);  // -1 when it cannot be
 bool WritePartialAt(int descriptor, uint64_t offset, const void* data, size_t bytes, int* code);
 bool ReadPartialAt(int descriptor, uint64_t offset, void* data, size_t bytes, int* code);
 bool ResizePartial(int descriptor, uint64_t size, int* code);
 bool ClosePartialFile(int descriptor, int* code);
+
+// ---- one per system (PartialFilesPosix.cpp, PartialFilesWin32.cpp) ----
+
+// A descriptor for `name`, a new empty file (failing if it exists) or the
+// partial file opened to read and write; -1 with errno set when it cannot be.
+int OpenFileDescriptor(const std::string& name, bool createNew);
+// Every byte from `offset`; false with errno set (ENOSPC for a short write,
+// EIO for a read past the end).
+bool WriteAllAt(int descriptor, uint64_t offset, const void* data, size_t bytes);
+bool ReadAllAt(int descriptor, uint64_t offset, void* data, size_t bytes);
+// 0, or the system's error (errno values).
+int ResizeFile(int descriptor, uint64_t size);
+int CloseFile(int descriptor);  // 0, or -1 with errno set
 // Asks the system to start writing `bytes` from `offset` to disk without
 // waiting for it; nothing where the system does that by itself.
 void StartWriteBack(int descriptor, uint64_t offset, uint64_t bytes);

@@ -10,16 +10,20 @@
 #include "documents/PartialFiles.h"
 
 namespace sx::host {
-namespace {
 
-bool Failed(int* code) {
-  *code = errno ? errno : EIO;
-  return false;
+// A new file gets the permissions any new file gets (the umask's). The
+// partial file is opened to read and write (a TIFF's later directories read
+// back the earlier ones) and, being new and empty, without truncating it,
+// which a file system may answer by writing the whole file out when it closes.
+int OpenFileDescriptor(const std::string& name, bool createNew) {
+  constexpr mode_t kNewFileMode = 0666;
+  if (createNew) return open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
+  return open(name.c_str(), O_RDWR | O_CLOEXEC);
 }
 
 // pwrite until every byte is written; a short write without an error is a
 // full disk.
-bool WriteAll(int descriptor, uint64_t offset, const void* data, size_t bytes) {
+bool WriteAllAt(int descriptor, uint64_t offset, const void* data, size_t bytes) {
   const auto* p = static_cast<const char*>(data);
   while (bytes > 0) {
     const ssize_t n = pwrite(descriptor, p, bytes, static_cast<off_t>(offset));
@@ -33,50 +37,25 @@ bool WriteAll(int descriptor, uint64_t offset, const void* data, size_t bytes) {
   return true;
 }
 
-}  // namespace
-
-// Exclusive creation with the permissions any new file gets (the umask's).
-bool CreateNewFile(const std::string& name, int* code) {
-  constexpr mode_t kNewFileMode = 0666;
-  const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
-  if (fd < 0) return Failed(code);
-  close(fd);
-  return true;
-}
-
-// Read and write: a TIFF's later directories read back the earlier ones.
-// The partial file is new and empty: opened without truncating it, which a
-// file system may answer by writing the whole file out when it closes.
-int OpenPartialFile(const std::string& name, int* code) {
-  const int fd = open(name.c_str(), O_RDWR | O_CLOEXEC);
-  if (fd < 0) Failed(code);
-  return fd;
-}
-
-bool WritePartialAt(int descriptor, uint64_t offset, const void* data, size_t bytes, int* code) {
-  errno = 0;
-  return WriteAll(descriptor, offset, data, bytes) || Failed(code);
-}
-
-bool ReadPartialAt(int descriptor, uint64_t offset, void* data, size_t bytes, int* code) {
+bool ReadAllAt(int descriptor, uint64_t offset, void* data, size_t bytes) {
   auto* p = static_cast<char*>(data);
   while (bytes > 0) {
     const ssize_t n = pread(descriptor, p, bytes, static_cast<off_t>(offset));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       if (n == 0) errno = EIO;  // past the end: the file is not what was written
-      return Failed(code);
+      return false;
     }
     p += n, offset += static_cast<uint64_t>(n), bytes -= static_cast<size_t>(n);
   }
   return true;
 }
 
-bool ResizePartial(int descriptor, uint64_t size, int* code) {
-  return ftruncate(descriptor, static_cast<off_t>(size)) == 0 || Failed(code);
+int ResizeFile(int descriptor, uint64_t size) {
+  return ftruncate(descriptor, static_cast<off_t>(size)) == 0 ? 0 : (errno ? errno : EIO);
 }
 
-bool ClosePartialFile(int descriptor, int* code) { return close(descriptor) == 0 || Failed(code); }
+int CloseFile(int descriptor) { return close(descriptor); }
 
 // Linux keeps written data in memory for up to half a minute; started early,
 // the writing is done by the time the file is renamed, which on ext4 would
@@ -88,7 +67,7 @@ void StartWriteBack(int descriptor, uint64_t offset, uint64_t bytes) {
 bool KeepFileAtOnce(int descriptor, const char* partial, const char* output, const PageBoundary& boundary) {
   if (descriptor >= 0) {
     if (ftruncate(descriptor, static_cast<off_t>(boundary.length)) != 0) return false;
-    if (boundary.patchBytes && !WriteAll(descriptor, boundary.patchAt, boundary.patch, boundary.patchBytes))
+    if (boundary.patchBytes && !WriteAllAt(descriptor, boundary.patchAt, boundary.patch, boundary.patchBytes))
       return false;
   }
   return rename(partial, output) == 0;

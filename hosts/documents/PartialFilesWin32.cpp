@@ -16,11 +16,6 @@
 namespace sx::host {
 namespace {
 
-bool Failed(int* code) {
-  *code = errno ? errno : EIO;
-  return false;
-}
-
 // The C library's calls take at most an int of bytes at a time.
 constexpr size_t kLargestCall = INT_MAX / 2;
 
@@ -28,7 +23,15 @@ bool Seek(int descriptor, uint64_t offset) {
   return _lseeki64(descriptor, static_cast<long long>(offset), SEEK_SET) == static_cast<long long>(offset);
 }
 
-bool WriteAll(int descriptor, uint64_t offset, const void* data, size_t bytes) {
+}  // namespace
+
+// Exclusive creation, as the C library of the system offers it.
+int OpenFileDescriptor(const std::string& name, bool createNew) {
+  if (createNew) return _open(name.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
+  return _open(name.c_str(), _O_RDWR | _O_BINARY | _O_NOINHERIT);
+}
+
+bool WriteAllAt(int descriptor, uint64_t offset, const void* data, size_t bytes) {
   if (!Seek(descriptor, offset)) return false;
   const auto* p = static_cast<const char*>(data);
   while (bytes > 0) {
@@ -42,50 +45,23 @@ bool WriteAll(int descriptor, uint64_t offset, const void* data, size_t bytes) {
   return true;
 }
 
-}  // namespace
-
-// Exclusive creation, as the C library of the system offers it.
-bool CreateNewFile(const std::string& name, int* code) {
-  const int fd = _open(name.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
-  if (fd < 0) return Failed(code);
-  _close(fd);
-  return true;
-}
-
-int OpenPartialFile(const std::string& name, int* code) {
-  const int fd = _open(name.c_str(), _O_RDWR | _O_BINARY | _O_NOINHERIT);
-  if (fd < 0) Failed(code);
-  return fd;
-}
-
-bool WritePartialAt(int descriptor, uint64_t offset, const void* data, size_t bytes, int* code) {
-  errno = 0;
-  return WriteAll(descriptor, offset, data, bytes) || Failed(code);
-}
-
-bool ReadPartialAt(int descriptor, uint64_t offset, void* data, size_t bytes, int* code) {
-  errno = 0;
-  if (!Seek(descriptor, offset)) return Failed(code);
+bool ReadAllAt(int descriptor, uint64_t offset, void* data, size_t bytes) {
+  if (!Seek(descriptor, offset)) return false;
   auto* p = static_cast<char*>(data);
   while (bytes > 0) {
     const int n = _read(descriptor, p, static_cast<unsigned>(bytes < kLargestCall ? bytes : kLargestCall));
     if (n <= 0) {
       if (n == 0) errno = EIO;  // past the end: the file is not what was written
-      return Failed(code);
+      return false;
     }
     p += n, bytes -= static_cast<size_t>(n);
   }
   return true;
 }
 
-bool ResizePartial(int descriptor, uint64_t size, int* code) {
-  const errno_t result = _chsize_s(descriptor, static_cast<long long>(size));
-  if (result == 0) return true;
-  *code = result;
-  return false;
-}
+int ResizeFile(int descriptor, uint64_t size) { return _chsize_s(descriptor, static_cast<long long>(size)); }
 
-bool ClosePartialFile(int descriptor, int* code) { return _close(descriptor) == 0 || Failed(code); }
+int CloseFile(int descriptor) { return _close(descriptor); }
 
 // Windows' cache manager writes dirty pages out steadily by itself.
 void StartWriteBack(int, uint64_t, uint64_t) {}
@@ -93,7 +69,7 @@ void StartWriteBack(int, uint64_t, uint64_t) {}
 bool KeepFileAtOnce(int descriptor, const char* partial, const char* output, const PageBoundary& boundary) {
   if (descriptor >= 0) {
     const bool cut = _chsize_s(descriptor, static_cast<long long>(boundary.length)) == 0 &&
-                     (!boundary.patchBytes || WriteAll(descriptor, boundary.patchAt, boundary.patch,
+                     (!boundary.patchBytes || WriteAllAt(descriptor, boundary.patchAt, boundary.patch,
                                                         boundary.patchBytes));
     _close(descriptor);
     if (!cut) return false;

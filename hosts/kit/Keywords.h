@@ -31,4 +31,14 @@ const Keyword<T>* FindKeyword(const Keyword<T> (&table)[N], std::string_view tex
   return nullptr;
 }
 
+// The word of the first entry for `value` (a table with synonyms lists the
+// one to show first), or `fallback`.
+template <typename T, size_t N>
+const char* WordOf(const Keyword<T> (&table)[N], T value, const char* fallback) {
+  for (const auto& k : table) {
+    if (k.value == value) return k.word;
+  }
+  return fallback;
+}
+
 }  // namespace sx::host

@@ -22,13 +22,10 @@ class BatchPdf::Sink : public ByteSink {
 };
 
 BatchPdf::BatchPdf() : file_(std::tmpfile()) {
-  if (file_) sink_ = std::make_unique<Sink>(file_);
+  if (file_) sink_ = std::make_unique<Sink>(file_.get());
 }
 
-BatchPdf::~BatchPdf() {
-  encoder_.reset();
-  if (file_) std::fclose(file_);
-}
+BatchPdf::~BatchPdf() = default;
 
 bool BatchPdf::BeginPage(const PageFormat& format, std::string* why) {
   if (!file_) {
@@ -59,7 +56,7 @@ void BatchPdf::DropPage() {
 
 void BatchPdf::Finish(bool whole) {
   std::string why;
-  const bool done = whole && encoder_ && pages_ > 0 && encoder_->Finish(&why) && std::fflush(file_) == 0;
+  const bool done = whole && encoder_ && pages_ > 0 && encoder_->Finish(&why) && std::fflush(file_.get()) == 0;
   encoder_.reset();
   std::lock_guard<std::mutex> guard(lock_);
   if (state_ != State::Writing) return;
@@ -81,7 +78,7 @@ size_t BatchPdf::Read(uint64_t offset, char* out, size_t max, bool* failed) cons
   std::lock_guard<std::mutex> guard(lock_);
   if (state_ != State::Ready || offset >= size_) return 0;
   const size_t n = static_cast<size_t>(std::min<uint64_t>(max, size_ - offset));
-  if (std::fseek(file_, static_cast<long>(offset), SEEK_SET) != 0 || std::fread(out, 1, n, file_) != n) {
+  if (std::fseek(file_.get(), static_cast<long>(offset), SEEK_SET) != 0 || std::fread(out, 1, n, file_.get()) != n) {
     *failed = true;
     return 0;
   }

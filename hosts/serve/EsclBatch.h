@@ -19,10 +19,9 @@ namespace sx::host::escl {
 
 class BatchPdf {
  public:
+  // Not copyable: it owns its temporary file and its lock.
   BatchPdf();
   ~BatchPdf();
-  BatchPdf(const BatchPdf&) = delete;
-  BatchPdf& operator=(const BatchPdf&) = delete;
 
   // Whether the temporary file could be made.
   bool Opened() const { return file_ != nullptr; }
@@ -46,7 +45,12 @@ class BatchPdf {
 
  private:
   class Sink;
-  std::FILE* file_;
+  struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
+  // Declared first so that it is closed last, after the encoder and the
+  // sink that write to it.
+  std::unique_ptr<std::FILE, FileCloser> file_;
   std::unique_ptr<Sink> sink_;
   std::unique_ptr<DocumentEncoder> encoder_;
   uint32_t pages_ = 0;

@@ -276,22 +276,8 @@ uint32_t MinHeight(const ScannerFacts& facts) {
   return (300 + coarsest - 1) / coarsest;
 }
 
-const char* MimeType(Format format) {
-  switch (format) {
-    case Format::Png: return "image/png";
-    case Format::Jpeg: return "image/jpeg";
-    case Format::Pdf: return "application/pdf";
-  }
-  return "application/octet-stream";
-}
+const char* MimeType(Format format) { return WordOf(kFormats, format, "application/octet-stream"); }
 
-const char* ColourModeName(ColourMode mode) {
-  switch (mode) {
-    case ColourMode::BlackAndWhite1: return "BlackAndWhite1";
-    case ColourMode::Grayscale8: return "Grayscale8";
-    case ColourMode::Rgb24: return "RGB24";
-  }
-  return "";
-}
+const char* ColourModeName(ColourMode mode) { return WordOf(kModes, mode, ""); }
 
 }  // namespace sx::host::escl

@@ -25,7 +25,7 @@ std::string Bytes(uint64_t n) { return std::to_string(n) + " bytes"; }
 
 void ReportTrace(uint32_t level, const std::string& savePath) {
   if (level == 0) {
-    std::printf("  trace level 0 (no trace log; %s traces every call)\n", kTraceLevelHint);
+    std::printf("  trace level 0 (no trace log; %s traces every call)\n", kWords.traceLevelHint);
     return;
   }
   std::error_code ec;
@@ -33,10 +33,11 @@ void ReportTrace(uint32_t level, const std::string& savePath) {
   std::printf("  trace level %lu, log %s%s\n", static_cast<unsigned long>(level), log.c_str(),
               savePath.empty() ? " (no \"SAVEPATH\": the host program's current directory)" : "");
   if (savePath.empty()) return;
-  const std::string separator(1, kPathSeparator);
-  if (savePath.back() != kPathSeparator) {
+  const std::string separator(1, kWords.pathSeparator);
+  if (savePath.back() != kWords.pathSeparator) {
     Problem("\"SAVEPATH\" does not end with '" + separator + "', so the file name is glued to its last folder name",
-            "end \"SAVEPATH\" with '" + separator + "': " + kSavePathBefore + savePath + separator + kSavePathAfter);
+            "end \"SAVEPATH\" with '" + separator + "': " + kWords.savePathBefore + savePath + separator +
+                kWords.savePathAfter);
   }
   const fs::path folder = fs::path(log).has_parent_path() ? fs::path(log).parent_path() : fs::path(".");
   if (log.size() > kMaxTracePath) {
@@ -44,7 +45,7 @@ void ReportTrace(uint32_t level, const std::string& savePath) {
             "choose a shorter \"SAVEPATH\"");
   } else if (!fs::is_directory(folder, ec)) {
     Problem("the log folder " + folder.string() + " does not exist: trace lines are lost",
-            kMakeFolder + folder.string());
+            kWords.makeFolder + folder.string());
   }
 }
 

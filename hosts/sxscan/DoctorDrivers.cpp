@@ -94,7 +94,7 @@ void ExplainUnlisted(const fs::path& twain, const fs::path& file, const std::str
                 shown.c_str(), version.c_str(), name.c_str(), kept.c_str(),
                 Field(s.FileVersion, sizeof s.FileVersion).c_str());
     Problem("a copy of the same scanner with a newer or equal version is offered instead",
-            std::string("remove the copy not offered: ") + kRemoveFile + file.string());
+            std::string("remove the copy not offered: ") + kWords.removeFile + file.string());
     return;
   }
   std::printf("  %s: version %s, not offered with the others, though offered alone as \"%s\"\n",
@@ -119,15 +119,15 @@ void ReportModule(const fs::path& twain, const fs::path& file, const std::vector
   const VersionFacts record = ReadVersionFacts(file);
   if (!record.Present) {
     std::printf("  %s: not offered\n", shown.c_str());
-    Problem(std::string("it carries no ") + kRecord + " (" + kRecordForm + ")", kRecordFix);
+    Problem(std::string("it carries no ") + kWords.record + " (" + kWords.recordForm + ")", kWords.recordFix);
   } else if (!IsMakers(record.Company) && !IsMakers(record.Product)) {
     std::printf("  %s: not offered (maker \"%s\")\n", shown.c_str(), record.Company.c_str());
-    Problem(std::string("its ") + kRecord + " names another maker (CompanyName and ProductName)",
+    Problem(std::string("its ") + kWords.record + " names another maker (CompanyName and ProductName)",
             "remove it from the driver tree; only the maker's drivers are offered");
   } else if (record.FileVersion.empty()) {
     std::printf("  %s: not offered\n", shown.c_str());
-    Problem(std::string("its ") + kRecord + " has no FileVersion",
-            std::string("add FileVersion to the module's ") + kRecord);
+    Problem(std::string("its ") + kWords.record + " has no FileVersion",
+            std::string("add FileVersion to the module's ") + kWords.record);
   } else {
     ExplainUnlisted(twain, file, shown, record.FileVersion, listed);
   }

@@ -30,26 +30,39 @@ constexpr size_t kMaxTracePath = 143;
 constexpr char kTraceFile[] = "scandiag.txt";
 
 // The words of each system's conventions that the shared reports use.
+struct SystemWords {
+  char pathSeparator;
+  const char* makeFolder;  // the command that makes a folder with its parents
+  const char* removeFile;
+  const char* traceLevelHint;  // how the store is asked for a trace of every call
+  // Around a "SAVEPATH" value to make it a line of the store.
+  const char* savePathBefore;
+  const char* savePathAfter;
+  // A module's version record: what it is called, its form, how to add one.
+  const char* record;
+  const char* recordForm;
+  const char* recordFix;
+  const char* aspiFix;  // for an ASPI module the library cannot use
+};
+
+constexpr SystemWords kWindowsWords = {
+    .pathSeparator = '\\', .makeFolder = "mkdir ", .removeFile = "del ",
+    .traceLevelHint = "\"DEBUGLEVEL\" as REG_DWORD 2", .savePathBefore = "", .savePathAfter = "",
+    .record = "version resource", .recordForm = "VS_VERSIONINFO",
+    .recordFix = "rebuild the module with its VERSIONINFO resource",
+    .aspiFix = "replace it with an ASPI module built for this system"};
+
+constexpr SystemWords kPosixWords = {
+    .pathSeparator = '/', .makeFolder = "mkdir -p ", .removeFile = "rm ",
+    .traceLevelHint = "\"DEBUGLEVEL\"=dword:00000002", .savePathBefore = "\"SAVEPATH\"=str(2):\"",
+    .savePathAfter = "\"", .record = "version record", .recordForm = "ELF section .sxversion",
+    .recordFix = "rebuild the module with its version record attached",
+    .aspiFix = "replace it with the Linux ASPI module of the build (modules/aspisg/wnaspi32.dll)"};
+
 #ifdef _WIN32
-constexpr char kPathSeparator = '\\';
-constexpr char kMakeFolder[] = "mkdir ";
-constexpr char kRemoveFile[] = "del ";
-constexpr char kTraceLevelHint[] = "\"DEBUGLEVEL\" as REG_DWORD 2";
-constexpr char kSavePathBefore[] = "", kSavePathAfter[] = "";
-constexpr char kRecord[] = "version resource";
-constexpr char kRecordForm[] = "VS_VERSIONINFO";
-constexpr char kRecordFix[] = "rebuild the module with its VERSIONINFO resource";
-constexpr char kAspiFix[] = "replace it with an ASPI module built for this system";
+inline constexpr const SystemWords& kWords = kWindowsWords;
 #else
-constexpr char kPathSeparator = '/';
-constexpr char kMakeFolder[] = "mkdir -p ";
-constexpr char kRemoveFile[] = "rm ";
-constexpr char kTraceLevelHint[] = "\"DEBUGLEVEL\"=dword:00000002";
-constexpr char kSavePathBefore[] = "\"SAVEPATH\"=str(2):\"", kSavePathAfter[] = "\"";
-constexpr char kRecord[] = "version record";
-constexpr char kRecordForm[] = "ELF section .sxversion";
-constexpr char kRecordFix[] = "rebuild the module with its version record attached";
-constexpr char kAspiFix[] = "replace it with the Linux ASPI module of the build (modules/aspisg/wnaspi32.dll)";
+inline constexpr const SystemWords& kWords = kPosixWords;
 #endif
 
 // ---- the report (Doctor.cpp)

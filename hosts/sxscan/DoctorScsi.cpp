@@ -27,9 +27,10 @@ void ReportAspi(const fs::path& aspi) {
   } else {
     std::printf("ASPI         %s: present\n", aspi.string().c_str());
     if (module)
-      Problem("it lacks GetASPI32SupportInfo or SendASPI32Command, so SCSI scanners are not looked for", kAspiFix);
+      Problem("it lacks GetASPI32SupportInfo or SendASPI32Command, so SCSI scanners are not looked for",
+              kWords.aspiFix);
     else if (!ReportModuleFileFault(aspi))
-      Problem("it cannot be loaded: " + error, kAspiFix);
+      Problem("it cannot be loaded: " + error, kWords.aspiFix);
   }
   if (module) CloseModule(module);
 }

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/Shell.h"
 #include "support/TestEnv.h"
 
 namespace {
@@ -27,16 +28,6 @@ const std::string kBackendDir;
 #endif
 // The model, as a person types it.
 const char* kDevice = "sxscan:QM7110V";
-
-std::string RunShell(const std::string& command, int* status) {
-  std::string out;
-  FILE* p = popen(command.c_str(), "r");
-  if (!p) return out;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-  *status = pclose(p);
-  return out;
-}
 
 // The ELF class and machine bytes of a program: scanimage can load the
 // backend only when they are this test's own (an i386 build on an x86-64

@@ -16,8 +16,6 @@ namespace {
 using sxtest::Outcome;
 using sxtest::RunSxscan;
 
-namespace fs = std::filesystem;
-
 // The chart's 200-grey patch, 0.32 by 0.3 inch inside it, at 100 dpi: the
 // red, green and blue of its middle pixel (a grey scan's value thrice).
 std::array<int, 3> PatchColour(const sxtest::TempRoot& root, const std::string& options,
