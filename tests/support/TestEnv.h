@@ -74,6 +74,8 @@ class ScopedEnv {
  public:
   ScopedEnv(const char* name, const char* value);  // null value unsets
   ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;  // a copy would restore the variable twice
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
 
  private:
   std::string name_, old_;
