@@ -25,10 +25,7 @@ inline constexpr int32_t kBlockBytes = 1048576;
 // byte count alone cannot say that it is done). While an acquisition is
 // ending after a failure, SxAcquire withholds a filled node the processing
 // thread has not claimed, so that the two never work on the same node.
-inline constexpr int32_t kTakenFree = 0;
-inline constexpr int32_t kTakenProcessing = 1;
-inline constexpr int32_t kTakenProcessed = 2;
-inline constexpr int32_t kTakenWithheld = 3;
+enum TakenState : int32_t { kTakenFree, kTakenProcessing, kTakenProcessed, kTakenWithheld };
 
 struct BufferedJob {
   // The acquisition's result. It only ever changes from 0 to a code: the

@@ -8,17 +8,6 @@
 
 namespace sx {
 
-// Pixel types and scan sources of the settings.
-inline constexpr uint8_t kPixelBlackWhite = 0;
-inline constexpr uint8_t kPixelGray = 1;
-inline constexpr uint8_t kPixelColor = 2;
-
-inline constexpr uint8_t kScanTypeAuto = 0;
-inline constexpr uint8_t kScanTypeFeeder = 1;
-inline constexpr uint8_t kScanTypeFlatbed = 2;
-inline constexpr uint8_t kScanTypeSource3 = 3;
-inline constexpr uint8_t kScanTypeSource4 = 4;
-
 // Result of a settings combination the check cannot turn into a scan: a pixel
 // type or source outside the known ones, or a scan area that is empty once
 // clamped to the source (a position beyond the area included).

@@ -19,17 +19,20 @@ TrackDialogState gTrack;
 
 namespace {
 
-constexpr uint8_t kPixelColor = 2;
 constexpr int32_t kLargeScreenWidth = 1024;
 constexpr int32_t kDensestSmallScreenDpi = 120;
 constexpr int32_t kLargestSmallScreenFont = 16;
 constexpr char kScreenRefused[] = "Please change the screen setting to 800*600!";
 constexpr char kLocalizeValue[] = "LOCALIZE";
-constexpr char kTitleKey[] = "TRACKBARTITLE";
-constexpr char kTitleDefault[] = "Scanning";
-constexpr char kCancelKey[] = "Cancel";
-constexpr char kModeLabelKey[] = "TRANSFERMODETEXT";
-constexpr char kModeLabelDefault[] = "Transfer Mode :";
+
+// A text of the localisation file: its key, and what stands when it is missing.
+struct LocalText {
+  const char* Key;
+  const char* Default;
+};
+constexpr LocalText kTitle{"TRACKBARTITLE", "Scanning"};
+constexpr LocalText kCancelText{"Cancel", "Cancel"};
+constexpr LocalText kModeLabel{"TRANSFERMODETEXT", "Transfer Mode :"};
 
 // Design note: the localisation path and the texts are read into buffers of
 // the dialog's own, of the sizes of the library's shared scratch buffers (so
@@ -37,9 +40,9 @@ constexpr char kModeLabelDefault[] = "Transfer Mode :";
 // thread drives this dialog while the host's thread is inside SxAcquire.
 struct Localisation {
   std::string File;
-  std::string Text(const char* key, const char* def) const {
+  std::string Text(const LocalText& wanted) const {
     char text[kTextBufferSize] = {};
-    plat::ProfileGetString(gLib.LanguageSection, key, def, text, sizeof text, File);
+    plat::ProfileGetString(gLib.LanguageSection, wanted.Key, wanted.Default, text, sizeof text, File);
     return text;
   }
 };
@@ -54,7 +57,7 @@ Localisation ReadLocalisation() {
 void SetPageCaption(const Localisation& texts, uint32_t page) {
   char caption[kTextBufferSize];
   std::snprintf(caption, sizeof caption, "Page%u    ", page);
-  std::strncat(caption, texts.Text(kTitleKey, kTitleDefault).c_str(),
+  std::strncat(caption, texts.Text(kTitle).c_str(),
                sizeof caption - 1 - std::strlen(caption));
   plat::SetDialogCaption(gTrack.Dialog, caption);
 }
@@ -155,10 +158,10 @@ void ShowMode(uint32_t mode) {
   plat::SetControlFont(gTrack.Dialog, kTrackModeLabelId, gLib.DialogFont);
   plat::SetControlFont(gTrack.Dialog, kTrackModeNameId, gLib.DialogFont);
   const Localisation texts = ReadLocalisation();
-  plat::SetControlText(gTrack.Dialog, kTrackModeLabelId, texts.Text(kModeLabelKey, kModeLabelDefault).c_str());
+  plat::SetControlText(gTrack.Dialog, kTrackModeLabelId, texts.Text(kModeLabel).c_str());
   char key[kTextBufferSize];
   std::snprintf(key, sizeof key, "TRANSFERMODE%d", static_cast<int32_t>(mode));
-  plat::SetControlText(gTrack.Dialog, kTrackModeNameId, texts.Text(key, "").c_str());
+  plat::SetControlText(gTrack.Dialog, kTrackModeNameId, texts.Text({key, ""}).c_str());
 }
 
 void Close() {
@@ -182,7 +185,7 @@ int32_t CreateTrackDialog(void* /*owner*/) {
   const Localisation texts = ReadLocalisation();
   SetPageCaption(texts, 1);
   plat::SetControlFont(gTrack.Dialog, plat::kIdCancel, gLib.DialogFont);
-  plat::SetControlText(gTrack.Dialog, plat::kIdCancel, texts.Text(kCancelKey, kCancelKey).c_str());
+  plat::SetControlText(gTrack.Dialog, plat::kIdCancel, texts.Text(kCancelText).c_str());
   plat::SetControlFont(gTrack.Dialog, kTrackPercentSignId, gLib.DialogFont);
   plat::SetControlText(gTrack.Dialog, kTrackPercentSignId, "%");
 

@@ -10,16 +10,12 @@
 
 namespace sx {
 
-inline constexpr uint32_t TRACK_CLOSE = 0x8020;
-inline constexpr uint32_t TRACK_NEWPAGE = 0x8021;
-inline constexpr uint32_t TRACK_STEP = 0x8022;
-inline constexpr uint32_t TRACK_MODE = 0x8023;
+// The commands of TrackDialogCommand.
+enum TrackCommand : uint32_t { TRACK_CLOSE = 0x8020, TRACK_NEWPAGE, TRACK_STEP, TRACK_MODE };
 
 // Brush modes of the three progress bars: clear, black, or one colour each
 // (1 red, 2 green, 3 blue for all three; 4 red, green and blue).
-inline constexpr int32_t kBrushClear = -1;
-inline constexpr int32_t kBrushBlack = 0;
-inline constexpr int32_t kBrushRgb = 4;
+enum BrushMode : int32_t { kBrushClear = -1, kBrushBlack = 0, kBrushRgb = 4 };
 
 inline constexpr uint32_t kColorRed = 0x0000FF;
 inline constexpr uint32_t kColorGreen = 0x00FF00;

@@ -302,22 +302,20 @@ void RunProcessJob() {
   }
 }
 
+// A worker's life: one job each time SxAcquire resumes it, parked between
+// jobs, until the library ends the thread.
+uint32_t RunWorker(const char* label, void (*runJob)()) {
+  TraceLog(kTraceFile, label, kTagIn, 1, kTraceNoValue, kKindNumber, 1);
+  do {
+    runJob();
+  } while (plat::SuspendCurrentThread());
+  return 0;
+}
+
 }  // namespace
 
-uint32_t ReadThreadProc(void*) {
-  TraceLog(kTraceFile, kReadLabel, kTagIn, 1, kTraceNoValue, kKindNumber, 1);
-  do {
-    RunReadJob();
-  } while (plat::SuspendCurrentThread());
-  return 0;
-}
+uint32_t ReadThreadProc(void*) { return RunWorker(kReadLabel, RunReadJob); }
 
-uint32_t IPThreadProc(void*) {
-  TraceLog(kTraceFile, kProcessLabel, kTagIn, 1, kTraceNoValue, kKindNumber, 1);
-  do {
-    RunProcessJob();
-  } while (plat::SuspendCurrentThread());
-  return 0;
-}
+uint32_t IPThreadProc(void*) { return RunWorker(kProcessLabel, RunProcessJob); }
 
 }  // namespace sx

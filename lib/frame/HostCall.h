@@ -12,6 +12,9 @@
 // memory) stay usable from any thread at any time.
 #pragma once
 #include <atomic>
+#include <cstdint>
+
+#include "sxscan.h"
 
 namespace sx {
 
@@ -34,5 +37,19 @@ class HostCall {
  private:
   bool entered_;
 };
+
+// An exported function's body run as one host call: SX_ERR_DRIVER at once
+// while another call runs, else the body's result, or `onThrow` when it
+// throws (nothing may escape to the host).
+template <class Body>
+int32_t GuardedHostCall(int32_t onThrow, Body&& body) {
+  HostCall call;
+  if (call.Refused()) return SX_ERR_DRIVER;
+  try {
+    return body();
+  } catch (...) {
+    return onThrow;
+  }
+}
 
 }  // namespace sx

@@ -125,13 +125,7 @@ void Free() {
 // Design note: nothing may escape to the host. A load that throws reports a
 // failed driver (-4); SxFree always answers 0.
 SX_EXPORT int32_t SX_API SxLoad(void* window) {
-  sx::HostCall call;
-  if (call.Refused()) return SX_ERR_DRIVER;
-  try {
-    return sx::Load(window);
-  } catch (...) {
-    return SX_ERR_DRIVER;
-  }
+  return sx::GuardedHostCall(SX_ERR_DRIVER, [&] { return sx::Load(window); });
 }
 
 SX_EXPORT int32_t SX_API SxFree(void) {

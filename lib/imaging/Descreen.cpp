@@ -3,28 +3,17 @@
 // 4 x 4 neighbourhood at the raised scan resolution.
 #include <algorithm>
 #include <cstring>
-#include <new>
 
 #include "imaging/BlockChain.h"
+#include "imaging/FilterRows.h"
 #include "imaging/kernels/Kernels.h"
 
 namespace sx {
 namespace {
 
-constexpr int kRows = 4;
-constexpr int32_t kRowSlack = 48;
-
-// Thread contract: set-up and release run on the thread of SxAcquire before
-// the processing starts and after it has ended; the filter runs on one thread
-// at a time (the host's, or the image-processing thread). Rows[0] is the
-// oldest of the four most recent lines, Rows[3] the newest.
-struct DescreenRows {
-  uint8_t* Rows[kRows] = {};
-  // The kernel's column sums: two entries per row byte.
-  uint16_t* Sums = nullptr;
-  int32_t RowBytes = 0;
-};
-DescreenRows gDescreen;
+// The four most recent lines; the kernel keeps two column sums per row byte.
+constexpr size_t kSumsPerByte = 2;
+FilterRows<4> gDescreen;
 
 bool FilterMode(uint8_t mode) { return mode == 1 || mode == 2 || mode == 3 || mode == 9; }
 
@@ -39,24 +28,6 @@ void BuildPaddedRow(uint8_t* row, const uint8_t* line, int32_t pixels, int32_t s
   std::memcpy(row + static_cast<size_t>(pixels + 2) * s, line + static_cast<size_t>(pixels - 1) * s, s);
 }
 
-void RotateRows() {
-  uint8_t* oldest = gDescreen.Rows[0];
-  gDescreen.Rows[0] = gDescreen.Rows[1];
-  gDescreen.Rows[1] = gDescreen.Rows[2];
-  gDescreen.Rows[2] = gDescreen.Rows[3];
-  gDescreen.Rows[3] = oldest;
-}
-
-void ReleaseRows() {
-  for (uint8_t*& row : gDescreen.Rows) {
-    delete[] row;
-    row = nullptr;
-  }
-  delete[] gDescreen.Sums;
-  gDescreen.Sums = nullptr;
-  gDescreen.RowBytes = 0;
-}
-
 }  // namespace
 
 int32_t PrepareDescreen(ScanSettings& s) {
@@ -64,27 +35,10 @@ int32_t PrepareDescreen(ScanSettings& s) {
   if (s.Descreen == 0) return 1;
   // The coarse screens need the detail the blur takes away given back.
   if (s.Sharpen == 0 && (s.Descreen == 3 || s.Descreen == 9)) s.Sharpen = 4;
-  const int32_t unit = (s.BitsPerPixel == 16 || s.BitsPerPixel == 48) ? 2 : 1;
-  const int32_t widest =
-      std::max({s.ScanBytesPerLine, s.OutputBytesPerLine, s.ScanPixels, s.OutputPixels, 0});
-  const int32_t bytes = unit * widest + kRowSlack;
-  for (uint8_t*& row : gDescreen.Rows) {
-    row = new (std::nothrow) uint8_t[static_cast<size_t>(bytes)]();
-    if (!row) {
-      ReleaseRows();
-      return 0;
-    }
-  }
-  gDescreen.Sums = new (std::nothrow) uint16_t[2 * static_cast<size_t>(bytes)];
-  if (!gDescreen.Sums) {
-    ReleaseRows();
-    return 0;
-  }
-  gDescreen.RowBytes = bytes;
-  return 1;
+  return gDescreen.Allocate(s, kSumsPerByte) ? 1 : 0;
 }
 
-void ReleaseDescreen() { ReleaseRows(); }
+void ReleaseDescreen() { gDescreen.Release(); }
 
 int32_t DescreenFilter(uint8_t* out, const uint8_t* in, ScanSettings& s, int32_t lineBytes,
                        int32_t lines) {
@@ -112,7 +66,7 @@ int32_t DescreenFilter(uint8_t* out, const uint8_t* in, ScanSettings& s, int32_t
     const size_t offset = static_cast<size_t>(i) * static_cast<size_t>(lineBytes);
     BuildPaddedRow(gDescreen.Rows[3], in + offset, pixels, sample);
     kernels.Descreen(out + offset, gDescreen.Rows, pixels * sample, sample, weighted, gDescreen.Sums);
-    RotateRows();
+    gDescreen.Rotate();
   }
   return lines;
 }

@@ -2,28 +2,19 @@
 // every block at the output geometry.
 #include <algorithm>
 #include <cstring>
-#include <new>
 
 #include "imaging/BlockChain.h"
+#include "imaging/FilterRows.h"
 #include "imaging/kernels/Kernels.h"
 
 namespace sx {
 namespace {
 
-constexpr int kRows = 3;
-constexpr int32_t kRowSlack = 48;
 constexpr uint8_t kStrongestLevel = 4;
 
-// Thread contract: as for the descreen rows; set-up and release on the thread
-// of SxAcquire outside the processing, filtering on one thread at a time.
-// Rows[0] is the oldest of the three most recent lines, Rows[2] the newest.
-struct SharpenRows {
-  uint8_t* Rows[kRows] = {};
-  // The kernel's column sums: one entry per row byte.
-  uint16_t* Sums = nullptr;
-  int32_t RowBytes = 0;
-};
-SharpenRows gSharpen;
+// The three most recent lines; the kernel keeps one column sum per row byte.
+constexpr size_t kSumsPerByte = 1;
+FilterRows<3> gSharpen;
 
 // A line with one pad pixel each side: pixel 0 on the left, `rightPad` on
 // the right.
@@ -35,49 +26,15 @@ void BuildPaddedRow(uint8_t* row, const uint8_t* line, int32_t pixels, int32_t s
   std::memcpy(row + static_cast<size_t>(pixels + 1) * s, line + static_cast<size_t>(rightPad) * s, s);
 }
 
-void RotateRows() {
-  uint8_t* oldest = gSharpen.Rows[0];
-  gSharpen.Rows[0] = gSharpen.Rows[1];
-  gSharpen.Rows[1] = gSharpen.Rows[2];
-  gSharpen.Rows[2] = oldest;
-}
-
-void ReleaseRows() {
-  for (uint8_t*& row : gSharpen.Rows) {
-    delete[] row;
-    row = nullptr;
-  }
-  delete[] gSharpen.Sums;
-  gSharpen.Sums = nullptr;
-  gSharpen.RowBytes = 0;
-}
-
 }  // namespace
 
 int32_t PrepareSharpen(ScanSettings& s) {
   ReleaseSharpen();
   if (s.Sharpen == 0) return 1;
-  const int32_t unit = (s.BitsPerPixel == 16 || s.BitsPerPixel == 48) ? 2 : 1;
-  const int32_t widest =
-      std::max({s.ScanBytesPerLine, s.OutputBytesPerLine, s.ScanPixels, s.OutputPixels, 0});
-  const int32_t bytes = unit * widest + kRowSlack;
-  for (uint8_t*& row : gSharpen.Rows) {
-    row = new (std::nothrow) uint8_t[static_cast<size_t>(bytes)]();
-    if (!row) {
-      ReleaseRows();
-      return 0;
-    }
-  }
-  gSharpen.Sums = new (std::nothrow) uint16_t[static_cast<size_t>(bytes)];
-  if (!gSharpen.Sums) {
-    ReleaseRows();
-    return 0;
-  }
-  gSharpen.RowBytes = bytes;
-  return 1;
+  return gSharpen.Allocate(s, kSumsPerByte) ? 1 : 0;
 }
 
-void ReleaseSharpen() { ReleaseRows(); }
+void ReleaseSharpen() { gSharpen.Release(); }
 
 int32_t SharpenBlock(uint8_t* out, uint8_t* in, uint8_t level, ScanSettings& s, int32_t lines) {
   if (s.Sharpen == 0 || level == 0 || lines <= 0) return lines;
@@ -106,7 +63,7 @@ int32_t SharpenBlock(uint8_t* out, uint8_t* in, uint8_t level, ScanSettings& s, 
     // The filtered row is the one before the newest: its line below must be
     // known before it can be sharpened.
     kernels.Sharpen(out + offset, gSharpen.Rows, pixels * sample, sample, L, gSharpen.Sums);
-    RotateRows();
+    gSharpen.Rotate();
   }
   return lines;
 }

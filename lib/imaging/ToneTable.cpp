@@ -17,7 +17,6 @@ namespace {
 inline constexpr int32_t kMaxLevel = 255;
 inline constexpr int32_t kChannelMaster = 0;
 inline constexpr int32_t kChannelBlue = 3;
-inline constexpr uint8_t kScanTypeSource4 = 4;
 inline constexpr uint8_t kColorMatchOn = 1;
 
 int32_t ClampLevel(int64_t value) {

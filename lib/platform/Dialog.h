@@ -18,11 +18,9 @@
 namespace sx::plat {
 
 // Window messages the dialog procedures see.
-inline constexpr uint32_t kMsgDestroy = 0x0002;
-inline constexpr uint32_t kMsgPaint = 0x000F;
-inline constexpr uint32_t kMsgInitDialog = 0x0110;
-inline constexpr uint32_t kMsgCommand = 0x0111;
-inline constexpr uint32_t kMsgTimer = 0x0113;
+enum WindowMessage : uint32_t {
+  kMsgDestroy = 0x0002, kMsgPaint = 0x000F, kMsgInitDialog = 0x0110, kMsgCommand = 0x0111, kMsgTimer = 0x0113
+};
 
 inline constexpr int32_t kIdCancel = 2;
 inline constexpr int32_t kIdOk = 1;

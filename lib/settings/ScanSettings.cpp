@@ -52,32 +52,30 @@ const TypeInfo* FindType(uint32_t valueType) {
 
 bool IsTextKind(Kind k) { return k == Kind::Text || k == Kind::TextNotCopied; }
 
+// Reads one integer of type T as a 32-bit pattern: widened through int32_t,
+// so a signed value is sign-extended and an unsigned one zero-extended.
+template <class T>
+bool ReadWidened(const void* source, uint32_t& bits) {
+  T v;
+  if (!plat::SafeRead(&v, source, sizeof v)) return false;
+  bits = static_cast<uint32_t>(static_cast<int32_t>(v));
+  return true;
+}
+
 // Reads a numeric source as its 32-bit pattern (16-bit signed values
 // sign-extended, unsigned ones zero-extended, reals truncated toward zero)
 // and, for a real, the real itself.
 bool ReadNumber(Kind how, const void* source, uint32_t& bits, float& real, bool& isReal) {
   isReal = false;
   switch (how) {
-    case Kind::Int16: {
-      int16_t v;
-      if (!plat::SafeRead(&v, source, sizeof v)) return false;
-      bits = static_cast<uint32_t>(static_cast<int32_t>(v));
-      return true;
-    }
-    case Kind::UInt16: {
-      uint16_t v;
-      if (!plat::SafeRead(&v, source, sizeof v)) return false;
-      bits = v;
-      return true;
-    }
+    case Kind::Int16:
+      return ReadWidened<int16_t>(source, bits);
+    case Kind::UInt16:
+      return ReadWidened<uint16_t>(source, bits);
     case Kind::Int32:
       return plat::SafeRead(&bits, source, sizeof bits);
-    case Kind::UInt8: {
-      uint8_t v;
-      if (!plat::SafeRead(&v, source, sizeof v)) return false;
-      bits = v;
-      return true;
-    }
+    case Kind::UInt8:
+      return ReadWidened<uint8_t>(source, bits);
     case Kind::Float32:
       if (!plat::SafeRead(&real, source, sizeof real)) return false;
       isReal = true;

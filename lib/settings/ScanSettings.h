@@ -11,6 +11,10 @@ namespace sx {
 
 inline constexpr int kChannels = 4;  // master, red, green, blue
 
+// The values of ScanSettings::PixelType and ScanSettings::ScanType.
+enum PixelTypeValue : uint8_t { kPixelBlackWhite, kPixelGray, kPixelColor };
+enum ScanTypeValue : uint8_t { kScanTypeAuto, kScanTypeFeeder, kScanTypeFlatbed, kScanTypeSource3, kScanTypeSource4 };
+
 struct ScanSettings {
   uint8_t ScanType;
   uint8_t FeederType;

@@ -136,12 +136,7 @@ int32_t SetValue(uint16_t capability, uint32_t type, const void* value) {
 }  // namespace sx
 
 SX_EXPORT int32_t SX_API SxSetValue(uint32_t capability, uint32_t valueType, void* value) {
-  sx::HostCall call;
-  if (call.Refused()) return SX_ERR_DRIVER;
-  try {
-    return sx::SetValue(static_cast<uint16_t>(sx::LowWord(capability)), sx::LowWord(valueType),
-                        value);
-  } catch (...) {
-    return SX_OK;  // nothing may escape to the host
-  }
+  return sx::GuardedHostCall(SX_OK, [&] {
+    return sx::SetValue(static_cast<uint16_t>(sx::LowWord(capability)), sx::LowWord(valueType), value);
+  });
 }

@@ -53,11 +53,5 @@ int32_t GetDataSource(uint32_t message, SxDataSource* out) {
 // Design note: nothing may escape to the host; a failure that throws reads
 // as a driver-side failure (-4).
 SX_EXPORT int32_t SX_API SxGetDS(uint32_t message, SxDataSource* dataSource) {
-  sx::HostCall call;
-  if (call.Refused()) return SX_ERR_DRIVER;
-  try {
-    return sx::GetDataSource(message, dataSource);
-  } catch (...) {
-    return SX_ERR_DRIVER;
-  }
+  return sx::GuardedHostCall(SX_ERR_DRIVER, [&] { return sx::GetDataSource(message, dataSource); });
 }

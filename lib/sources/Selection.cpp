@@ -59,11 +59,5 @@ int32_t SetDriverById(SxDataSource* record) {
 // Design note: nothing may escape to the host; a failure that throws reads
 // as a failed choice (-4).
 SX_EXPORT int32_t SX_API SxSetDriverById(SxDataSource* dataSource, uintptr_t) {
-  sx::HostCall call;
-  if (call.Refused()) return SX_ERR_DRIVER;
-  try {
-    return sx::SetDriverById(dataSource);
-  } catch (...) {
-    return SX_ERR_DRIVER;
-  }
+  return sx::GuardedHostCall(SX_ERR_DRIVER, [&] { return sx::SetDriverById(dataSource); });
 }

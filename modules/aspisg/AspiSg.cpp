@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "modules/aspisg/SgBus.h"
+#include "modules/common/AspiRequest.h"
 
 namespace sx::aspisg {
 
@@ -77,19 +78,12 @@ __attribute__((visibility("default"))) uint32_t GetASPI32SupportInfo(void) {
   using namespace sx::aspisg;
   gAdapters = ListAdapters(Sysfs());
   if (gAdapters.size() > kMaxAdapters) gAdapters.resize(kMaxAdapters);
-  const auto count = static_cast<uint32_t>(gAdapters.size());
-  const uint32_t status = count ? SS_COMP : SS_NO_ADAPTERS;
-  return (status << 8) | count;
+  return sx::aspi::SupportInfoAnswer(static_cast<uint32_t>(gAdapters.size()));
 }
 
 __attribute__((visibility("default"))) uint32_t SendASPI32Command(void* srb) {
   using namespace sx::aspisg;
-  if (!srb) return SS_INVALID_CMD;
-  const uint8_t command = *static_cast<uint8_t*>(srb);
-  if (command == SC_HA_INQUIRY) return AdapterInquiry(*static_cast<SRB_HAInquiry*>(srb));
-  if (command == SC_EXEC_SCSI_CMD) return Execute(*static_cast<SRB_ExecSCSICmd*>(srb));
-  static_cast<uint8_t*>(srb)[1] = SS_INVALID_CMD;
-  return SS_INVALID_CMD;
+  return sx::aspi::RouteAspiRequest(srb, AdapterInquiry, Execute);
 }
 
 }  // extern "C"

@@ -21,6 +21,7 @@
 
 #include "modules/aspisim/AspiBus.h"
 #include "modules/aspisim/AspiLater.h"
+#include "modules/common/AspiRequest.h"
 #include "modules/common/ModuleIni.h"
 #include "sxaspi.h"
 
@@ -50,18 +51,14 @@ class Simulator {
   uint32_t SupportInfo() {
     std::lock_guard<std::mutex> guard(lock_);
     bus_ = ParseBus(ReadBusFile());
-    const auto count = static_cast<uint32_t>(std::min<size_t>(bus_.Adapters.size(), kMaxAdapters));
-    const uint32_t status = count ? SS_COMP : SS_NO_ADAPTERS;
-    return (status << 8) | count;
+    const size_t count = std::min<size_t>(bus_.Adapters.size(), kMaxAdapters);
+    return aspi::SupportInfoAnswer(static_cast<uint32_t>(count));
   }
 
   uint32_t Send(void* request) {
-    if (!request) return SS_INVALID_CMD;
-    const uint8_t command = *static_cast<uint8_t*>(request);
-    if (command == SC_HA_INQUIRY) return AdapterInquiry(*static_cast<SRB_HAInquiry*>(request));
-    if (command == SC_EXEC_SCSI_CMD) return Execute(*static_cast<SRB_ExecSCSICmd*>(request));
-    static_cast<uint8_t*>(request)[1] = SS_INVALID_CMD;
-    return SS_INVALID_CMD;
+    return aspi::RouteAspiRequest(
+        request, [this](SRB_HAInquiry& block) { return AdapterInquiry(block); },
+        [this](SRB_ExecSCSICmd& srb) { return Execute(srb); });
   }
 
  private:

@@ -28,6 +28,7 @@
 #include <string>
 #include <vector>
 
+#include "modules/cmms/Answers.h"
 #include "modules/cmms/ToneStage.h"
 
 #if defined(__i386__)
@@ -39,11 +40,7 @@
 
 namespace {
 
-constexpr int32_t kRefused = 14;
-constexpr int32_t kAccepted = 0;
-constexpr int32_t kDone = 1;
-constexpr int32_t kDeepSamples = 1;
-constexpr char kOutputProfileName[] = "sRGB.icc";
+using namespace sx::cmms;
 
 struct Module {
   cmsHPROFILE Input = nullptr;

@@ -39,17 +39,14 @@
 #include <string>
 #include <vector>
 
+#include "modules/cmms/Answers.h"
 #include "modules/cmms/ToneStage.h"
 
 #define CMMS_EXPORT extern "C" __declspec(dllexport)
 
 namespace {
 
-constexpr int32_t kRefused = 14;
-constexpr int32_t kAccepted = 0;
-constexpr int32_t kDone = 1;
-constexpr int32_t kDeepSamples = 1;
-constexpr char kOutputProfileName[] = "sRGB.icc";
+using namespace sx::cmms;
 constexpr DWORD kStandardSrgb = 0x73524742;  // LCS_sRGB ('sRGB')
 constexpr DWORD kRgbSpace = 0x52474220;      // SPACE_RGB ('RGB ')
 constexpr size_t kLargestProfile = 64u << 20;  // a profile file this large is not one

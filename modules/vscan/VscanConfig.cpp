@@ -136,10 +136,34 @@ constexpr FieldSpec kNvramFields[] = {
 };
 #undef SX_NVRAM
 
+// The configuration's plain 32-bit counts, delays and status codes, by key
+// within their section.
+struct CountSpec {
+  const char* Key;
+  uint32_t Config::*Field;
+};
+constexpr CountSpec kPageCounts[] = {
+    {"WarmUpRefusals", &Config::WarmUpRefusals}, {"WarmUpStatus", &Config::WarmUpStatus},
+    {"WarmUpPolls", &Config::WarmUpPolls},       {"ReadDelayMs", &Config::ReadDelayMs},
+    {"LineDelayUs", &Config::LineDelayUs},       {"KeepLastPage", &Config::KeepLastPage},
+    {"Prerender", &Config::Prerender},
+};
+constexpr CountSpec kFaultCounts[] = {
+    {"ShortReadAtLine", &Config::ShortReadAtLine}, {"FailReadAtLine", &Config::FailReadAtLine},
+    {"ReadStatus", &Config::ReadStatus},           {"FaultPage", &Config::FaultPage},
+    {"ReadScanExExtra", &Config::ReadScanExExtra}, {"ParameterStatus", &Config::ParameterStatus},
+    {"PaperOutStatus", &Config::PaperOutStatus},
+};
+
 template <class T>
 void ReadNumber(const modini::Ini& ini, const char* section, const char* key, T& out) {
   int64_t v = 0;
   if (const auto s = Find(ini, section, key); s && ParseIniNumber(*s, v)) out = static_cast<T>(v);
+}
+
+template <size_t N>
+void ReadCounts(Config& c, const modini::Ini& ini, const char* section, const CountSpec (&counts)[N]) {
+  for (const CountSpec& n : counts) ReadNumber(ini, section, n.Key, c.*n.Field);
 }
 
 // Little-endian store of the low `width` bytes of v.
@@ -201,13 +225,7 @@ void ApplyFaults(Config& c, const modini::Ini& ini) {
   alias("FailInitializeScanner", Entry::InitializeScanner);
   alias("FailAbility", Entry::GetScannerAbility);
   alias("FailAbility", Entry::GetScannerAbilityEx);
-  ReadNumber(ini, "Faults", "ShortReadAtLine", c.ShortReadAtLine);
-  ReadNumber(ini, "Faults", "FailReadAtLine", c.FailReadAtLine);
-  ReadNumber(ini, "Faults", "ReadStatus", c.ReadStatus);
-  ReadNumber(ini, "Faults", "FaultPage", c.FaultPage);
-  ReadNumber(ini, "Faults", "ReadScanExExtra", c.ReadScanExExtra);
-  ReadNumber(ini, "Faults", "ParameterStatus", c.ParameterStatus);
-  ReadNumber(ini, "Faults", "PaperOutStatus", c.PaperOutStatus);
+  ReadCounts(c, ini, "Faults", kFaultCounts);
 }
 
 std::string Resolve(const std::string& path, const std::string& folder) {
@@ -235,14 +253,8 @@ void ApplyIni(Config& c, const std::string& text, const std::string& folder) {
   ApplyNvram(c, ini);
   ReadNumber(ini, "Feeder", "Sheets", c.Sheets);
   ReadNumber(ini, "Feeder", "PaperFlag", c.PaperFlag);
+  ReadCounts(c, ini, "Page", kPageCounts);
   if (const auto s = Find(ini, "Page", "Image")) c.ImagePath = Resolve(*s, folder);
-  ReadNumber(ini, "Page", "WarmUpRefusals", c.WarmUpRefusals);
-  ReadNumber(ini, "Page", "WarmUpStatus", c.WarmUpStatus);
-  ReadNumber(ini, "Page", "WarmUpPolls", c.WarmUpPolls);
-  ReadNumber(ini, "Page", "ReadDelayMs", c.ReadDelayMs);
-  ReadNumber(ini, "Page", "LineDelayUs", c.LineDelayUs);
-  ReadNumber(ini, "Page", "KeepLastPage", c.KeepLastPage);
-  ReadNumber(ini, "Page", "Prerender", c.Prerender);
   ApplyFaults(c, ini);
   if (const auto s = Find(ini, "Log", "File")) c.LogPath = Resolve(*s, folder);
 }

@@ -95,10 +95,8 @@ void* Entry(void* arg) {
 
 ThreadHandle CreateSuspendedThread(ThreadProc proc, void* argument) {
   if (!proc) return nullptr;
-  Thread* t = new (std::nothrow) Thread;
+  Thread* t = new (std::nothrow) Thread{.Proc = proc, .Argument = argument};
   if (!t) return nullptr;
-  t->Proc = proc;
-  t->Argument = argument;
   if (pthread_create(&t->Id, nullptr, &Entry, t) != 0) {
     Destroy(t);
     return nullptr;

@@ -78,10 +78,8 @@ DWORD WINAPI Entry(LPVOID arg) {
 
 ThreadHandle CreateSuspendedThread(ThreadProc proc, void* argument) {
   if (!proc) return nullptr;
-  Thread* t = new (std::nothrow) Thread;
+  Thread* t = new (std::nothrow) Thread{.Proc = proc, .Argument = argument};
   if (!t) return nullptr;
-  t->Proc = proc;
-  t->Argument = argument;
   t->Wake = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
   if (t->Wake) t->Handle = ::CreateThread(nullptr, 0, &Entry, t, CREATE_SUSPENDED, &t->Id);
   if (!t->Handle) {
