@@ -119,7 +119,8 @@ bool AllocatePlan(HorizontalPlan& plan, int32_t pixels) {
   plan.LeftMultipliers = new (std::nothrow) uint16_t[3 * n];
   plan.RightMultipliers = new (std::nothrow) uint16_t[3 * n];
   plan.RightAlone = new (std::nothrow) uint32_t[n];
-  if (!plan.PairOffsets || !plan.LeftMultipliers || !plan.RightMultipliers || !plan.RightAlone) {
+  plan.Shuffles = new (std::nothrow) ShufflePair[3 * n / 16 + 1];
+  if (!plan.PairOffsets || !plan.LeftMultipliers || !plan.RightMultipliers || !plan.RightAlone || !plan.Shuffles) {
     FreePlan(plan);
     return false;
   }
@@ -132,6 +133,7 @@ void FreePlan(HorizontalPlan& plan) {
   delete[] plan.LeftMultipliers;
   delete[] plan.RightMultipliers;
   delete[] plan.RightAlone;
+  delete[] plan.Shuffles;
   plan = HorizontalPlan{};
 }
 

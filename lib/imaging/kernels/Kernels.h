@@ -39,12 +39,28 @@ struct HorizontalGeometry {
 // output pixels are listed apart. A kernel set fills the plan when the
 // geometry changes and runs without it (more slowly) where it is missing or
 // too small.
+// Sixteen output samples made by byte shuffles, as two groups of eight: each
+// group's inputs lie in the sixteen bytes from its base (its left samples)
+// and in the sixteen from base + sample (its right ones). `Left` and `Right`
+// give each output sample's place there as a 16-bit lane (the place, then a
+// byte the shuffle makes zero), the first group in the low half.
+struct ShufflePair {
+  uint32_t Base[2];
+  uint8_t Left[32];
+  uint8_t Right[32];
+};
+
 struct HorizontalPlan {
   uint32_t* PairOffsets = nullptr;
   uint16_t* LeftMultipliers = nullptr;   // three per pixel
   uint16_t* RightMultipliers = nullptr;  // three per pixel
   uint32_t* RightAlone = nullptr;        // output pixels, ascending
   int32_t RightAloneCount = 0;
+  // The leading output pixels (after the first) that shuffles make: whole
+  // runs of sixteen pixels, the first ones whose groups all fit their bytes
+  // and stay within the line. A kernel set without byte shuffles ignores them.
+  ShufflePair* Shuffles = nullptr;
+  int32_t ShuffledPixels = 0;
   int32_t Capacity = 0;                  // output pixels the tables hold
   // The geometry the entries were made for, and how many there are.
   HorizontalGeometry For{};
