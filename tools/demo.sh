@@ -48,6 +48,11 @@ Port=USB
 Sheets=0
 INI
 
+# The progress dialog's words (the transfer mode's name among them), which
+# a new tree's registry store names; an existing store is kept.
+install -D -m 0644 cmake/skeleton/sxscan.loc "$SX_ROOT/windows/sxscan.loc"
+[[ -e "$SX_ROOT/user.reg" ]] || install -m 0644 cmake/skeleton/user.reg "$SX_ROOT/user.reg"
+
 # SCSI: the machine's own bus is asked for scanners through the Linux ASPI
 # module (a machine without SCSI answers at once).
 install -D -m 0755 "$BUILD/modules/aspisg/wnaspi32.dll" "$SX_ROOT/windows/system32/wnaspi32.dll"

@@ -203,6 +203,9 @@ constexpr Option kOptions[] = {
      "_uscan._tcp); a server on loopback is never announced"},
 };
 
+// A build without the server still knows the command, to say so when asked.
+constexpr bool kServeBuilt = SX_SERVE_BUILT;
+
 constexpr size_t kCommandColumn = 23;
 constexpr size_t kScanOptionColumn = 30;
 constexpr size_t kServeOptionColumn = 18;
@@ -422,7 +425,7 @@ ParseOutcome ParseCommandLine(const std::vector<std::string>& args) {
 std::string UsageText() {
   std::string text = "usage: sxscan COMMAND [OPERANDS] [OPTIONS]\n\ncommands:\n";
   for (const auto& c : kCommands)
-    if (c.synopsis) text += Entry(std::string("  ") + c.synopsis, c.summary, kCommandColumn);
+    if (c.synopsis && (c.kind != CommandKind::Serve || kServeBuilt)) text += Entry(std::string("  ") + c.synopsis, c.summary, kCommandColumn);
   return text + "\n" + ScanOptionsSection();
 }
 

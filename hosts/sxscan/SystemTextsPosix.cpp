@@ -1,5 +1,9 @@
 #include "sxscan/SystemTexts.h"
 
+#include <algorithm>
+#include <cctype>
+#include <string_view>
+
 namespace sx::host {
 
 const char kSourcesHelp[] =
@@ -16,6 +20,17 @@ const char kSetUpNote[] = "The library finds its system tree through SX_ROOT. ";
 
 std::string DriverTreeText() { return "$SX_ROOT/windows/twain_32"; }
 
-std::string MakeFolderCommand(const std::string& folder) { return "mkdir -p " + folder; }
+// A name with blanks or shell characters is quoted, so that the command can
+// be pasted as it stands.
+std::string MakeFolderCommand(const std::string& folder) {
+  constexpr std::string_view kPlain = "/._-+,:@%=";
+  const bool plain = !folder.empty() && std::all_of(folder.begin(), folder.end(), [&](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || kPlain.find(c) != std::string_view::npos;
+  });
+  if (plain) return "mkdir -p " + folder;
+  std::string quoted = "'";
+  for (char c : folder) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return "mkdir -p " + quoted + "'";
+}
 
 }  // namespace sx::host
