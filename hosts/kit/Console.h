@@ -24,6 +24,8 @@ void EndProgressLine();
 // kept and the partial files removed (PartialFiles.h), "scan cancelled" is
 // said with what was kept, and the status is 130.
 void WatchInterrupts(std::atomic<bool>* flag);
+// Where an interrupt came, a later one still ends the program with 130 (and
+// nothing more to do); otherwise interrupts end it as before the watch.
 void StopWatchingInterrupts();
 
 // The most memory the process has held in physical pages so far, in KiB

@@ -55,6 +55,11 @@ extern "C" void OnInterrupt(int) {
   if (!flag || g_interrupts.fetch_add(1) > 0) EndAtOnce();
   flag->store(true);
 }
+
+// After a scan that an interrupt ended, the documents are finished and the
+// program is winding down to status 130: another interrupt only ends it at
+// once with that status, instead of letting the signal kill it.
+extern "C" void OnLateInterrupt(int) { _exit(kExitCancelled); }
 }  // namespace
 
 bool StderrIsTerminal() { return isatty(STDERR_FILENO) == 1; }
@@ -96,7 +101,12 @@ void WatchInterrupts(std::atomic<bool>* flag) {
 }
 
 void StopWatchingInterrupts() {
-  for (size_t i = 0; i < std::size(kInterruptSignals); ++i) sigaction(kInterruptSignals[i], &g_previous[i], nullptr);
+  struct sigaction late {};
+  late.sa_handler = OnLateInterrupt;
+  sigemptyset(&late.sa_mask);
+  const bool interrupted = g_interrupts.load() > 0;
+  for (size_t i = 0; i < std::size(kInterruptSignals); ++i)
+    sigaction(kInterruptSignals[i], interrupted ? &late : &g_previous[i], nullptr);
   g_interruptFlag.store(nullptr);
 }
 

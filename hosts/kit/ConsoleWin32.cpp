@@ -105,7 +105,19 @@ void WatchInterrupts(std::atomic<bool>* flag) {
   SetConsoleCtrlHandler(OnControl, TRUE);
 }
 
+namespace {
+// After a scan that an interrupt ended, the documents are finished and the
+// program is winding down to status 130: another interrupt only ends it at
+// once with that status, instead of the system's default ending.
+BOOL WINAPI OnLateControl(DWORD event) {
+  if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT && event != CTRL_CLOSE_EVENT) return FALSE;
+  TerminateProcess(GetCurrentProcess(), kExitCancelled);
+  return TRUE;
+}
+}  // namespace
+
 void StopWatchingInterrupts() {
+  if (g_interrupts.load() > 0) SetConsoleCtrlHandler(OnLateControl, TRUE);
   SetConsoleCtrlHandler(OnControl, FALSE);
   g_interruptFlag.store(nullptr);
 }
