@@ -295,15 +295,15 @@ std::string Settings(const std::string& body) {
          "xmlns:pwg=\"http://www.pwg.org/schemas/2010/12/sm\"><pwg:Version>2.0</pwg:Version>" + body +
          "</scan:ScanSettings>";
 }
+// A page's settings, naming XResolution only, as some clients do.
 std::string Page(const std::string& mode, int dpi, const std::string& format, int width = 600, int height = 300,
                  const std::string& source = "Platen", const std::string& more = "") {
   return Settings("<pwg:ScanRegions><pwg:ScanRegion><pwg:Height>" + std::to_string(height) +
                   "</pwg:Height><pwg:Width>" + std::to_string(width) +
                   "</pwg:Width><pwg:XOffset>0</pwg:XOffset><pwg:YOffset>0</pwg:YOffset></pwg:ScanRegion>"
                   "</pwg:ScanRegions><pwg:InputSource>" + source + "</pwg:InputSource><scan:ColorMode>" + mode +
-                  "</scan:ColorMode><scan:XResolution>" + std::to_string(dpi) + "</scan:XResolution><scan:YResolution>" +
-                  std::to_string(dpi) + "</scan:YResolution><scan:DocumentFormatExt>" + format +
-                  "</scan:DocumentFormatExt>" + more);
+                  "</scan:ColorMode><scan:XResolution>" + std::to_string(dpi) +
+                  "</scan:XResolution><scan:DocumentFormatExt>" + format + "</scan:DocumentFormatExt>" + more);
 }
 
 TEST_F(Serve, HostileAndImpossibleRequestsChangeNothing) {
