@@ -319,15 +319,13 @@ TEST_F(Serve, HostileAndImpossibleRequestsChangeNothing) {
     httplib::Headers headers = {};
     const char* type = "text/xml";
   } posts[] = {
+      // Which settings are refused, and why, is the eSCL suite's: here one of
+      // each answer.
       {"<<<", 400},
-      {Settings("<scan:ColorMode>Sepia</scan:ColorMode>"), 400},
-      {Page("RGB24", 300, "image/gif"), 400},
-      {Page("RGB24", 7, "image/png"), 409},
       {Page("RGB24", 300, "image/png", 2600, 300), 409},
       {Settings(std::string(100 * 1024, ' ')), 413},
       // Another site's page, which the browser names; a form's types.
       {page, 403, {{"Origin", "http://evil.example"}}},
-      {page, 403, {{"Origin", "null"}}},
       {page, 403, {{"Origin", own}, {"Sec-Fetch-Site", "cross-site"}}},
       {page, 415, {}, "text/plain"},
       {page, 415, {}, "application/x-www-form-urlencoded"},
