@@ -24,7 +24,6 @@ import threading
 import time
 import unittest
 import urllib.request
-from xml.etree import ElementTree
 
 SKIP = 77
 CHROMIUM = '/usr/bin/chromium'
@@ -50,15 +49,6 @@ def missing_prerequisite():
             return 'the Python module %s is missing (Debian package %s)' % (module, package)
     if not shutil.which('qpdf'):
         return 'qpdf is not installed'
-    return None
-
-
-def job_state(status, uuid):
-    """A job's state in a ScannerStatus document."""
-    ns = {'pwg': 'http://www.pwg.org/schemas/2010/12/sm', 'scan': 'http://schemas.hp.com/imaging/escl/2011/05/03'}
-    for info in ElementTree.fromstring(status).iterfind('scan:Jobs/scan:JobInfo', ns):
-        if info.findtext('pwg:JobUuid', namespaces=ns) == uuid:
-            return info.findtext('pwg:JobState', namespaces=ns)
     return None
 
 
@@ -251,10 +241,8 @@ class BrowserTest(unittest.TestCase):
         job = self.server.jobs()[jobs]
         width, height, x, y = (int(v) for v in job[4:8])
         # The area asked for is the one drawn (the bed is 2550 x 3508).
-        self.assertAlmostEqual(x / 2550, 0.2, delta=0.02)
-        self.assertAlmostEqual(y / 3508, 0.1, delta=0.02)
-        self.assertAlmostEqual(width / 2550, 0.4, delta=0.02)
-        self.assertAlmostEqual(height / 3508, 0.2, delta=0.02)
+        for got, drawn in ((x / 2550, 0.2), (y / 3508, 0.1), (width / 2550, 0.4), (height / 3508, 0.2)):
+            self.assertAlmostEqual(got, drawn, delta=0.02)
         served = Image.open(self.download(self.element('pages').find_element('css selector', 'a.download'),
                                           'scan-1.png'))
         local_path = os.path.join(self.folder, 'local.png')
@@ -304,7 +292,8 @@ class BrowserTest(unittest.TestCase):
             time.sleep(0.1)
         self.assertIn('<pwg:State>Idle</pwg:State>', status)
         self.assertLess(time.monotonic() - cancelled, 5, 'the scanner stops at once')
-        self.assertEqual(job_state(status, uuid), 'Canceled')
+        # The only job not completed.
+        self.assertIn('<pwg:JobState>Canceled</pwg:JobState>', status)
         self.server.configure(sheets=2)
 
     def test_5_the_page_ran_without_errors_or_refused_content(self):

@@ -9,7 +9,6 @@
 #include <regex>
 #include <thread>
 
-#include "sxscan/CommandLine.h"
 #include "serve/EsclBatch.h"
 #include "serve/EsclModel.h"
 #include "serve/EsclQueue.h"
@@ -341,28 +340,6 @@ TEST(EsclBatch, GathersEveryPageIntoOnePdfOrNone) {
     EXPECT_EQ(none->Current(), BatchPdf::State::Failed);
     EXPECT_EQ(none->Read(0, block, sizeof block, &failed), 0u);
   }
-}
-
-TEST(ServeCommandLine, LoopbackByDefaultAndEachOptionChecked) {
-  ParseOutcome plain = ParseCommandLine({"serve"});
-  ASSERT_TRUE(plain.ok);
-  EXPECT_EQ(plain.line.kind, CommandKind::Serve);
-  EXPECT_EQ(plain.line.serve.listen, "127.0.0.1");
-  EXPECT_EQ(plain.line.serve.port, kDefaultServePort);
-  EXPECT_TRUE(plain.line.serve.announce);
-  // --source names a data source here, not a flatbed or feeder.
-  ParseOutcome all = ParseCommandLine({"serve", "--listen", "0.0.0.0", "--port=0", "--source", "QM7110", "--name",
-                                       "Office scanner", "--no-announce"});
-  ASSERT_TRUE(all.ok) << all.error;
-  EXPECT_TRUE(all.line.serve.listen == "0.0.0.0" && all.line.serve.port == 0 && all.line.serve.source == "QM7110" &&
-              all.line.serve.name == "Office scanner" && !all.line.serve.announce);
-  for (const std::vector<std::string>& wrong : {std::vector<std::string>{"serve", "--port", "65536"},
-                                               {"serve", "--port", "http"}, {"serve", "--listen"},
-                                               {"serve", "--name="}, {"serve", "--mode", "gray"}, {"serve", "extra"},
-                                               {"--port", "8090", "serve"}}) {
-    EXPECT_FALSE(ParseCommandLine(wrong).ok) << wrong.back();
-  }
-  EXPECT_NE(CommandHelpText(CommandKind::Serve).find("--no-announce"), std::string::npos);
 }
 
 }  // namespace

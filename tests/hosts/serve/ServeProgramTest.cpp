@@ -129,6 +129,12 @@ class Serve : public ::testing::Test {
     }
     return false;
   }
+  // Posts ScanSettings; the job's address ("" when refused, which fails the test).
+  std::string StartJob(const std::string& settings) const {
+    auto res = client_->Post("/eSCL/ScanJobs", settings, "text/xml");
+    EXPECT_TRUE(res && res->status == 201) << (res ? res->body : "no answer");
+    return res && res->status == 201 ? res->get_header_value("Location") : "";
+  }
   // ScannerStatus once the scanner is idle again (or after 20 s).
   std::string IdleStatus() const {
     std::string body;
@@ -289,14 +295,15 @@ std::string Settings(const std::string& body) {
          "xmlns:pwg=\"http://www.pwg.org/schemas/2010/12/sm\"><pwg:Version>2.0</pwg:Version>" + body +
          "</scan:ScanSettings>";
 }
-std::string Page(const std::string& mode, int dpi, const std::string& format, int width = 600, int height = 300) {
+// A page's settings, naming XResolution only, as some clients do.
+std::string Page(const std::string& mode, int dpi, const std::string& format, int width = 600, int height = 300,
+                 const std::string& source = "Platen", const std::string& more = "") {
   return Settings("<pwg:ScanRegions><pwg:ScanRegion><pwg:Height>" + std::to_string(height) +
                   "</pwg:Height><pwg:Width>" + std::to_string(width) +
                   "</pwg:Width><pwg:XOffset>0</pwg:XOffset><pwg:YOffset>0</pwg:YOffset></pwg:ScanRegion>"
-                  "</pwg:ScanRegions><pwg:InputSource>Platen</pwg:InputSource><scan:ColorMode>" + mode +
-                  "</scan:ColorMode><scan:XResolution>" + std::to_string(dpi) + "</scan:XResolution><scan:YResolution>" +
-                  std::to_string(dpi) + "</scan:YResolution><scan:DocumentFormatExt>" + format +
-                  "</scan:DocumentFormatExt>");
+                  "</pwg:ScanRegions><pwg:InputSource>" + source + "</pwg:InputSource><scan:ColorMode>" + mode +
+                  "</scan:ColorMode><scan:XResolution>" + std::to_string(dpi) +
+                  "</scan:XResolution><scan:DocumentFormatExt>" + format + "</scan:DocumentFormatExt>" + more);
 }
 
 TEST_F(Serve, HostileAndImpossibleRequestsChangeNothing) {
@@ -312,15 +319,13 @@ TEST_F(Serve, HostileAndImpossibleRequestsChangeNothing) {
     httplib::Headers headers = {};
     const char* type = "text/xml";
   } posts[] = {
+      // Which settings are refused, and why, is the eSCL suite's: here one of
+      // each answer.
       {"<<<", 400},
-      {Settings("<scan:ColorMode>Sepia</scan:ColorMode>"), 400},
-      {Page("RGB24", 300, "image/gif"), 400},
-      {Page("RGB24", 7, "image/png"), 409},
       {Page("RGB24", 300, "image/png", 2600, 300), 409},
       {Settings(std::string(100 * 1024, ' ')), 413},
       // Another site's page, which the browser names; a form's types.
       {page, 403, {{"Origin", "http://evil.example"}}},
-      {page, 403, {{"Origin", "null"}}},
       {page, 403, {{"Origin", own}, {"Sec-Fetch-Site", "cross-site"}}},
       {page, 415, {}, "text/plain"},
       {page, 415, {}, "application/x-www-form-urlencoded"},
@@ -400,10 +405,7 @@ TEST_F(Serve, JpegAndPdfPagesAndOneJobAtATime) {
   EXPECT_EQ(client_->Delete(job, {{"Origin", "http://evil.example"}})->status, 403);
   EXPECT_EQ(client_->Delete(job, {{"Origin", own}})->status, 200);
 
-  post = client_->Post("/eSCL/ScanJobs", Page("BlackAndWhite1", 150, "application/pdf"), "text/xml");
-  ASSERT_TRUE(post);
-  ASSERT_EQ(post->status, 201) << post->body;
-  page = client_->Get(post->get_header_value("Location") + "/NextDocument");
+  page = client_->Get(StartJob(Page("BlackAndWhite1", 150, "application/pdf")) + "/NextDocument");
   ASSERT_TRUE(page);
   const std::vector<PdfPage> pdf = ReadPdf(std::vector<uint8_t>(page->body.begin(), page->body.end()));
   ASSERT_EQ(pdf.size(), 1u);
@@ -414,16 +416,10 @@ TEST_F(Serve, JpegAndPdfPagesAndOneJobAtATime) {
 // of its own as it is scanned, the PDF of them all once the job is over.
 // Brightness reaches the scanner as `sxscan scan --set brightness` does.
 TEST_F(Serve, AFeederBatchAsOnePdfAndBrightness) {
-  const std::string batch = Settings(
-      "<pwg:ScanRegions><pwg:ScanRegion><pwg:Height>300</pwg:Height><pwg:Width>600</pwg:Width><pwg:XOffset>0"
-      "</pwg:XOffset><pwg:YOffset>0</pwg:YOffset></pwg:ScanRegion></pwg:ScanRegions><pwg:InputSource>Feeder"
-      "</pwg:InputSource><scan:ColorMode>Grayscale8</scan:ColorMode><scan:XResolution>100</scan:XResolution>"
-      "<scan:DocumentFormatExt>image/png</scan:DocumentFormatExt><scan:Brightness>1200</scan:Brightness>"
-      "<sx:BatchPdf xmlns:sx=\"urn:sxscan:escl\">true</sx:BatchPdf>");
-  auto post = client_->Post("/eSCL/ScanJobs", batch, "text/xml");
-  ASSERT_TRUE(post);
-  ASSERT_EQ(post->status, 201) << post->body;
-  const std::string job = post->get_header_value("Location");
+  const std::string batch = Page("Grayscale8", 100, "image/png", 600, 300, "Feeder",
+                                 "<scan:Brightness>1200</scan:Brightness>"
+                                 "<sx:BatchPdf xmlns:sx=\"urn:sxscan:escl\">true</sx:BatchPdf>");
+  const std::string job = StartJob(batch);
   std::vector<PngRead> pages;
   for (auto res = client_->Get(job + "/NextDocument"); res && res->status == 200; res = client_->Get(job + "/NextDocument")) {
     sxtest::WriteFile(Path("page.png"), res->body);
@@ -443,29 +439,23 @@ TEST_F(Serve, AFeederBatchAsOnePdfAndBrightness) {
 
   // Not asked for, or a job that did not end whole: no PDF.
   IdleStatus();
-  post = client_->Post("/eSCL/ScanJobs", Page("Grayscale8", 100, "image/png"), "text/xml");
-  ASSERT_TRUE(post);
-  ASSERT_EQ(post->status, 201);
-  EXPECT_EQ(client_->Get(post->get_header_value("Location") + "/BatchPdf")->status, 404);
-  EXPECT_EQ(client_->Get(post->get_header_value("Location") + "/NextDocument")->status, 200);
+  const std::string single = StartJob(Page("Grayscale8", 100, "image/png"));
+  EXPECT_EQ(client_->Get(single + "/BatchPdf")->status, 404);
+  EXPECT_EQ(client_->Get(single + "/NextDocument")->status, 200);
   IdleStatus();
   Pace(4000);  // 0.4 s a page: the job is cancelled mid-batch
-  post = client_->Post("/eSCL/ScanJobs", batch, "text/xml");
-  ASSERT_TRUE(post);
-  ASSERT_EQ(post->status, 201);
-  EXPECT_EQ(client_->Delete(post->get_header_value("Location"))->status, 200);
-  EXPECT_EQ(client_->Get(post->get_header_value("Location") + "/BatchPdf")->status, 409);
+  const std::string cancelled = StartJob(batch);
+  EXPECT_EQ(client_->Delete(cancelled)->status, 200);
+  EXPECT_EQ(client_->Get(cancelled + "/BatchPdf")->status, 409);
 }
 
 // A client that goes away mid-page: the scan stops, and the next job runs.
 // Meanwhile the server holds no more than its bounded queue of the page.
 TEST_F(Serve, AClientThatLeavesMidPageCancelsTheScan) {
   Pace(1000);  // a Letter page at 300 dpi: 3.3 s
-  auto post = client_->Post("/eSCL/ScanJobs", Page("RGB24", 300, "image/png", 2550, 3300), "text/xml");
-  ASSERT_TRUE(post);
-  ASSERT_EQ(post->status, 201);
+  const std::string letter = Page("RGB24", 300, "image/png", 2550, 3300);
   size_t received = 0;
-  auto page = client_->Get(post->get_header_value("Location") + "/NextDocument",
+  auto page = client_->Get(StartJob(letter) + "/NextDocument",
                            [&](const char*, size_t n) { return (received += n) < 100000; });
   EXPECT_FALSE(page) << "the client stopped reading";
   const std::string status = IdleStatus();
@@ -473,10 +463,7 @@ TEST_F(Serve, AClientThatLeavesMidPageCancelsTheScan) {
   EXPECT_NE(ReadLog().find("the job is cancelled"), std::string::npos);
 
   Pace(0);
-  post = client_->Post("/eSCL/ScanJobs", Page("RGB24", 300, "image/png", 2550, 3300), "text/xml");
-  ASSERT_TRUE(post);
-  ASSERT_EQ(post->status, 201);
-  page = client_->Get(post->get_header_value("Location") + "/NextDocument");
+  page = client_->Get(StartJob(letter) + "/NextDocument");
   ASSERT_TRUE(page);
   EXPECT_EQ(page->status, 200);
   sxtest::WriteFile(Path("served.png"), page->body);
@@ -493,12 +480,10 @@ TEST_F(Serve, AClientThatLeavesMidPageCancelsTheScan) {
 
   // A server told to stop mid-page stops at once, and the scan with it.
   Pace(1000);
-  post = client_->Post("/eSCL/ScanJobs", Page("RGB24", 300, "image/png", 2550, 3300), "text/xml");
-  ASSERT_TRUE(post);
-  ASSERT_EQ(post->status, 201);
+  const std::string job = StartJob(letter);
   std::atomic<size_t> streamed{0};
   std::thread reader([&] {
-    client_->Get(post->get_header_value("Location") + "/NextDocument", [&](const char*, size_t n) {
+    client_->Get(job + "/NextDocument", [&](const char*, size_t n) {
       streamed += n;
       return true;
     });
@@ -559,9 +544,7 @@ TEST_F(Serve, AnswersOnItsOwnPortAddressesAndNamesOnly) {
 // pages nobody asks for after its timeout (the scanner is free again).
 TEST_F(Serve, SlowAndAbandonedClientsCannotTakeTheServerAway) {
   using Clock = std::chrono::steady_clock;
-  auto post = client_->Post("/eSCL/ScanJobs", Page("Grayscale8", 100, "image/png"), "text/xml");
-  ASSERT_TRUE(post);
-  ASSERT_EQ(post->status, 201);
+  ASSERT_NE(StartJob(Page("Grayscale8", 100, "image/png")), "");
   const auto created = Clock::now();
   Sockets partial;
   for (int i = 0; i < 256; ++i) {
@@ -593,10 +576,8 @@ TEST_F(Serve, SlowAndAbandonedClientsCannotTakeTheServerAway) {
   EXPECT_GE(Clock::now() - created, 4s) << status;
   EXPECT_NE(status.find("<pwg:JobState>Aborted</pwg:JobState>"), std::string::npos) << status;
   EXPECT_NE(status.find("<pwg:JobStateReason>AbortedBySystem</pwg:JobStateReason>"), std::string::npos) << status;
-  post = client_->Post("/eSCL/ScanJobs", Page("Grayscale8", 100, "image/png"), "text/xml");
-  ASSERT_TRUE(post);
-  ASSERT_EQ(post->status, 201) << "the scanner is free again";
-  EXPECT_EQ(client_->Get(post->get_header_value("Location") + "/NextDocument")->status, 200);
+  // The scanner is free again.
+  EXPECT_EQ(client_->Get(StartJob(Page("Grayscale8", 100, "image/png")) + "/NextDocument")->status, 200);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The host program's command line: commands, scan options and the choice of a
-// data source by name.
+// The host program's command line: commands, scan and serve options and the
+// choice of a data source by name.
 #include <gtest/gtest.h>
 
 #ifdef SX_HOST_BUILT
@@ -22,8 +22,10 @@ TEST(HostCommandLine, ArgumentsAndScanOptions) {
       {"select qm7110v", YIELDS(l.kind == CommandKind::Select && l.operands.size() == 1)},
       // Negative values are operands of set, not options.
       {"set brightness -500 gamma 1.8", YIELDS(l.kind == CommandKind::Set && l.operands.size() == 4)},
-      {"scan --help", YIELDS(l.kind == CommandKind::Help)},
-      {"--version", YIELDS(l.kind == CommandKind::Version)},
+      // --help after a command is that command's help; -V is --version.
+      {"scan --resolution 300 --help", YIELDS(l.kind == CommandKind::Help && l.helpFor == CommandKind::Scan)},
+      {"--help", YIELDS(l.helpFor == CommandKind::Help)},
+      {"--version", YIELDS(l.kind == CommandKind::Version)}, {"doctor -V", YIELDS(l.kind == CommandKind::Version)},
       {"scan", YIELDS(s.mode == ColorMode::Color && s.pages == 0 && s.resolution == 300 &&
                       s.transferBytes == kDefaultTransferBytes && !s.hasArea)},
       {"scan --resolution 600 --mode=gray", YIELDS(s.resolution == 600 && s.mode == ColorMode::Gray)},
@@ -44,6 +46,15 @@ TEST(HostCommandLine, ArgumentsAndScanOptions) {
       {"scan --units pixels --area 0,0,1,1"}, {"scan --source tray"}, {"scan --pages 0"},
       {"scan --output page.gif"}, {"scan --quality 0"}, {"scan --filter purple"},
       {"scan --set gamma"}, {"scan --set =1"}, {"scan --bogus"},
+      // The server on loopback unless told; --source names a data source
+      // here, not a flatbed or feeder.
+      {"serve", YIELDS(l.kind == CommandKind::Serve && l.serve.listen == "127.0.0.1" &&
+                       l.serve.port == kDefaultServePort && l.serve.announce)},
+      {"serve --listen 0.0.0.0 --port=0 --source QM7110 --name Office --no-announce",
+       YIELDS(l.serve.listen == "0.0.0.0" && l.serve.port == 0 && l.serve.source == "QM7110" &&
+              l.serve.name == "Office" && !l.serve.announce)},
+      {"serve --port 65536"}, {"serve --port http"}, {"serve --listen"}, {"serve --name="},
+      {"serve --mode gray"}, {"serve extra"}, {"--port 8090 serve"},
   };
   for (const auto& c : cases) {
     std::istringstream in(c.args);
@@ -53,17 +64,6 @@ TEST(HostCommandLine, ArgumentsAndScanOptions) {
     ASSERT_EQ(p.ok, c.check != nullptr) << c.args << ": " << p.error;
     EXPECT_TRUE(c.check ? c.check(p.line) : !p.error.empty()) << c.args;
   }
-}
-
-// --help after a command is that command's help; -V is --version.
-TEST(HostCommandLine, HelpPerCommandAndShortVersion) {
-  const ParseOutcome scanHelp = ParseCommandLine({"scan", "--resolution", "300", "--help"});
-  ASSERT_TRUE(scanHelp.ok);
-  EXPECT_EQ(scanHelp.line.kind, CommandKind::Help);
-  EXPECT_EQ(scanHelp.line.helpFor, CommandKind::Scan);
-  EXPECT_EQ(ParseCommandLine({"--help"}).line.helpFor, CommandKind::Help);
-  EXPECT_EQ(ParseCommandLine({"-V"}).line.kind, CommandKind::Version);
-  EXPECT_EQ(ParseCommandLine({"doctor", "-V"}).line.kind, CommandKind::Version);
 }
 
 TEST(HostCommandLine, SourceByName) {

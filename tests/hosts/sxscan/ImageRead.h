@@ -1,23 +1,21 @@
 // Test helpers: a temporary folder, and PNG, TIFF, JPEG and PDF files read
-// back with libpng, libtiff, libjpeg and zlib, independently of the writers
-// under test; the PNM pages scanning front ends write.
+// back with libpng, libtiff, libjpeg, zlib and qpdf, independently of the
+// writers under test.
 #pragma once
 #include <png.h>
 #include <tiffio.h>
 #include <zlib.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <jpeglib.h>
 
+#include "support/Pnm.h"
+#include "support/Shell.h"
 #include "support/TestEnv.h"
 
 namespace sx::host {
@@ -179,75 +177,16 @@ inline std::vector<PdfPage> ReadPdf(const std::vector<uint8_t>& bytes) {
   return pages;
 }
 
-// The document's structure as a reader follows it: from the last startxref
-// through every cross-reference section (/Prev), each object in use where its
-// entry says, the catalog's page tree counting its pages, and each of them a
-// page. The page count, or -1 with the reason in *why.
-inline int PdfStructurePages(const std::vector<uint8_t>& bytes, std::string* why) {
-  const std::string text(bytes.begin(), bytes.end());
-  std::map<int, size_t> objects;  // the newest definition of each
-  std::string root;
-  const size_t last = text.rfind("startxref\n");
-  if (last == std::string::npos || text.compare(text.size() - 6, 6, "%%EOF\n") != 0) return *why = "no trailer", -1;
-  for (long at = std::atol(text.c_str() + last + 10), sections = 0; at > 0 && sections < 100000; ++sections) {
-    if (static_cast<size_t>(at) >= text.size() || text.compare(at, 5, "xref\n") != 0)
-      return *why = "no xref section", -1;
-    size_t p = at + 5;
-    for (int first = 0, count = 0; std::sscanf(text.c_str() + p, "%d %d\n", &first, &count) == 2;) {
-      p = text.find('\n', p) + 1;
-      for (int i = 0; i < count; ++i, p += 20)
-        if (text.compare(p + 17, 1, "n") == 0) objects.emplace(first + i, std::strtoull(text.c_str() + p, nullptr, 10));
-    }
-    const size_t end = text.find(">>", p);
-    if (text.compare(p, 8, "trailer\n") != 0 || end == std::string::npos) return *why = "no trailer dictionary", -1;
-    const std::string trailer = text.substr(p, end - p);
-    if (root.empty() && trailer.find("/Root ") != std::string::npos) root = trailer.substr(trailer.find("/Root ") + 6);
-    at = trailer.find("/Prev ") == std::string::npos ? 0 : std::atol(trailer.c_str() + trailer.find("/Prev ") + 6);
-  }
-  for (const auto& [number, offset] : objects)
-    if (text.compare(offset, std::to_string(number).size() + 6, std::to_string(number) + " 0 obj") != 0)
-      return *why = "object " + std::to_string(number) + " is not where its entry says", -1;
-  const auto body = [&](int number) {
-    const auto found = objects.find(number);
-    if (found == objects.end()) return std::string();
-    return text.substr(found->second, text.find("endobj", found->second) - found->second);
-  };
-  const std::string catalog = body(std::atoi(root.c_str()));
-  const size_t pagesAt = catalog.find("/Pages ");
-  const std::string tree = pagesAt == std::string::npos ? "" : body(std::atoi(catalog.c_str() + pagesAt + 7));
-  if (tree.find("/Type /Pages") == std::string::npos) return *why = "no page tree", -1;
-  const int count = std::atoi(tree.c_str() + tree.find("/Count ") + 7);
-  std::istringstream kids(tree.substr(tree.find("/Kids [") + 7));
-  int kid = 0, pages = 0;
-  std::string generation, reference;
-  while (kids >> kid >> generation >> reference && reference == "R") {
-    if (body(kid).find("/Type /Page ") == std::string::npos) return *why = "a kid is no page", -1;
-    ++pages;
-  }
-  if (pages != count) return *why = "/Count says " + std::to_string(count), -1;
-  return pages;
+// The pages of a PDF file as qpdf counts them once its check of the whole
+// structure passes (every cross-reference section, each object where its
+// entry says, the page tree); -1, with qpdf's words in *why, when it fails.
+inline int PdfPages(const std::string& path, std::string* why) {
+  int status = 0;
+  *why = sxtest::RunShell("qpdf --check '" + path + "' 2>&1", &status);
+  if (status != 0) return -1;
+  return std::atoi(sxtest::RunShell("qpdf --show-npages '" + path + "'", &status).c_str());
 }
 
-// The pixel bytes of a binary PNM page (P4, P5 or P6), and its size.
-inline std::vector<uint8_t> PnmPixels(const std::string& pnm, int* width, int* height) {
-  const size_t wanted = pnm.compare(0, 2, "P4") == 0 ? 3 : 4;  // a bitmap has no maximum value
-  std::vector<std::string> fields;
-  size_t pos = 0;
-  while (fields.size() < wanted && pos < pnm.size()) {
-    if (pnm[pos] == '#') {
-      pos = pnm.find('\n', pos);
-    } else if (std::isspace(static_cast<unsigned char>(pnm[pos]))) {
-      ++pos;
-    } else {
-      const size_t end = std::min(pnm.find_first_of(" \t\r\n", pos), pnm.size());
-      fields.push_back(pnm.substr(pos, end - pos));
-      pos = end;
-    }
-  }
-  if (fields.size() < wanted || pos >= pnm.size()) return {};
-  *width = std::stoi(fields[1]);
-  *height = std::stoi(fields[2]);
-  return std::vector<uint8_t>(pnm.begin() + static_cast<long>(pos) + 1, pnm.end());
-}
+using sxtest::PnmPixels;
 
 }  // namespace sx::host

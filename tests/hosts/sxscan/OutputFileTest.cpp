@@ -96,7 +96,7 @@ TEST(HostOutputFiles, AFullDiskIsNamedForEveryFormat) {
   std::vector<sx::host::TiffPage> pages = sx::host::ReadTiff((root.Path() / "kept/b.tif").string());
   EXPECT_TRUE(pages.size() == 2 && pages[1].pages == 2) << pages.size();
   std::string why;
-  EXPECT_EQ(sx::host::PdfStructurePages(sx::host::ReadBytes((root.Path() / "kept/b.pdf").string()), &why), 2) << why;
+  EXPECT_EQ(sx::host::PdfPages((root.Path() / "kept/b.pdf").string(), &why), 2) << why;
   EXPECT_TRUE(sx::host::DecodeJpeg(sx::host::ReadBytes((root.Path() / "kept/b-2.jpg").string())).ok);
 }
 
