@@ -325,8 +325,10 @@ int RunScan(const ScanOptions& options) {
   bool finished = encoder.Finish();
   const auto closed = std::chrono::steady_clock::now();
   document.RemoveReplaced();
-  StopWatchingInterrupts();
+  // Watched until the outcome is said: a second interrupt before then says
+  // it and ends the program, one after it only ends it (with 130 either way).
   const int status = Report(end, document, finished);
+  StopWatchingInterrupts();
   if (options.stats) PrintStats(document.PagesDone(), pages.LastBlock(), closed);
   return status;
 }
