@@ -69,9 +69,8 @@ TEST(ToneTable, ExtremeInputsStayInsideTheTable) {
         ASSERT_EQ(guarded[16 + sx::kToneEntries + i], 0xA5) << contrast;
       }
       if (brightness != 0 || contrast < 0) continue;
-      for (int i = 1; i < sx::kToneEntries; ++i) {
+      for (int i = 1; i < sx::kToneEntries; ++i)
         ASSERT_GE(guarded[16 + i], guarded[15 + i]) << "contrast " << contrast << " at " << i;
-      }
     }
   }
 }
