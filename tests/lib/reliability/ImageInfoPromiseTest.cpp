@@ -8,8 +8,6 @@
 // both transfer modes, small and large host buffers.
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
