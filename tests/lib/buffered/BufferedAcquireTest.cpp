@@ -109,9 +109,8 @@ TEST_F(BufferedAcquire, PagesUpToTheLimit) {
       Codes codes;
       for (size_t p = 0; p < sheets->size(); ++p) codes.insert(codes.end(), {2, 0, 0, 0, 0, 1});
       EXPECT_EQ(seen_.Codes, codes);
-      for (size_t p = 0; p < std::min(sheets->size(), seen_.Pages.size()); ++p) {
+      for (size_t p = 0; p < std::min(sheets->size(), seen_.Pages.size()); ++p)
         EXPECT_TRUE(seen_.Pages[p] == ChartPage(600, (*sheets)[p])) << "page " << p;
-      }
       EXPECT_EQ(Count("StopScan"), sheets->size());
     }
   }
