@@ -44,8 +44,7 @@ struct Expected {
     Caption = "Page1    " + title;
     Events = {"open TRACK_1024_768 Track Dialog Box", "caption " + Caption, "text 2 Abbrechen"};
     for (int bar = 0; bar < 3; ++bar) Fill(bar, BarWidth, "f0f0f0"), Text("100");
-    Events.push_back("text 1302 Modus:");
-    Events.push_back("text 1301 Gepuffert");
+    Events.insert(Events.end(), {"text 1302 Modus:", "text 1301 Gepuffert"});
   }
   void Page(int page, int32_t lines, const std::vector<int32_t>& blocks, const std::string& title) {
     for (int bar = 0; bar < 3; ++bar) Fill(bar, BarWidth, "f0f0f0"), Text("100");
