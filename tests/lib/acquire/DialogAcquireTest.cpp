@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <thread>
 
 #include "support/ChartPage.h"
@@ -45,8 +44,7 @@ struct Expected {
     Caption = "Page1    " + title;
     Events = {"open TRACK_1024_768 Track Dialog Box", "caption " + Caption, "text 2 Abbrechen"};
     for (int bar = 0; bar < 3; ++bar) Fill(bar, BarWidth, "f0f0f0"), Text("100");
-    Events.push_back("text 1302 Modus:");
-    Events.push_back("text 1301 Gepuffert");
+    Events.insert(Events.end(), {"text 1302 Modus:", "text 1301 Gepuffert"});
   }
   void Page(int page, int32_t lines, const std::vector<int32_t>& blocks, const std::string& title) {
     for (int bar = 0; bar < 3; ++bar) Fill(bar, BarWidth, "f0f0f0"), Text("100");
@@ -142,22 +140,17 @@ TEST_F(DialogAcquire, FeederPagesShowTheirProgress) {
 // both modes: -5, the pages completed before it kept whole, the dialog closed,
 // and the library ready for the next acquisition.
 TEST_F(DialogAcquire, CancelEndsWithMinusFiveKeepingCompletedPages) {
-  struct Row {
-    const char* Name;
-    const char* Prefix;  // the press comes at the n-th such notification
-    int N;
-    size_t WholePages;  // read whole before the press
-  };
-  const Row rows[] = {
+  // {name, the press comes at the n-th notification with this prefix, n, pages read whole before it}
+  const std::tuple<const char*, const char*, int, size_t> rows[] = {
       {"first block", "fill 1303 ", 2, 0},  // the first fill only clears the bars
       {"mid-page", "fill 1303 ", 4, 0},
       {"between pages", "caption Page2", 1, 1},
   };
   for (const bool direct : {true, false}) {
-    for (const Row& r : rows) {
-      SCOPED_TRACE(std::string(direct ? "direct, " : "buffered, ") + r.Name);
+    for (const auto& [name, prefix, n, wholePages] : rows) {
+      SCOPED_TRACE(std::string(direct ? "direct, " : "buffered, ") + name);
       Open(direct, 3);
-      CancelAt(r.Prefix, r.N);
+      CancelAt(prefix, n);
       EXPECT_EQ(Acquire(), SX_ERR_CANCELLED);
       EXPECT_EQ(ui_->Only({"open", "close"}), (Lines{"open TRACK_1024_768 Track Dialog Box", "close"}));
       // Every page the host saw end is whole in direct mode: those are the
@@ -176,15 +169,15 @@ TEST_F(DialogAcquire, CancelEndsWithMinusFiveKeepingCompletedPages) {
         EXPECT_TRUE(std::equal(got.begin(), got.end(), chart.begin())) << "page " << p + 1;
       }
       if (direct) {
-        EXPECT_EQ(whole, r.WholePages);
-        ASSERT_EQ(seen_.Pages.size(), r.WholePages + 1);
+        EXPECT_EQ(whole, wholePages);
+        ASSERT_EQ(seen_.Pages.size(), wholePages + 1);
         EXPECT_EQ(seen_.Codes.back(), SX_XFER_CANCELLED);
       } else {
-        EXPECT_LE(whole, r.WholePages);
+        EXPECT_LE(whole, wholePages);
       }
       ui_->OnEvent = nullptr;
       EXPECT_EQ(Acquire(), 0) << "the next acquisition takes the sheets left";
-      EXPECT_EQ(seen_.Pages.size(), 3u - (r.WholePages + 1));
+      EXPECT_EQ(seen_.Pages.size(), 3u - (wholePages + 1));
     }
   }
 }
@@ -225,9 +218,7 @@ TEST_F(DialogAcquire, ScreenAndIndicatorsDecideWhatIsShown) {
     reinterpret_cast<decltype(&::SxSysUiSetScreen)>(host_->Lib->Symbol("SxSysUiSetScreen"))(width, 0, dpi);
     EXPECT_EQ(Acquire(), 0);
     EXPECT_EQ(ui_->Only({"open", "caption", "close", "box", "cursor"}), shown);
-    if (shown.empty()) {
-      EXPECT_EQ(ui_->Lines(), Lines{});
-    }
+    EXPECT_EQ(shown.empty() ? ui_->Lines() : Lines{}, Lines{}) << "nothing at all";
   }
 }
 

@@ -86,11 +86,8 @@ TEST_F(DirectTransfer, HostAnswers) {
     ASSERT_EQ(Acquire(buffer), result);
     EXPECT_EQ(host_.Codes.size(), calls);
     EXPECT_EQ(host_.Codes.back(), result == 0 ? 1 : 2);
-    if (result == 0) {
-      EXPECT_TRUE(host_.Pages[0] == Pattern(0, 300));
-    } else {
-      EXPECT_EQ(Fake().Count("StartScan"), 0);
-    }
+    EXPECT_EQ(Fake().Count("StartScan"), result == 0 ? 1 : 0);
+    EXPECT_TRUE(result != 0 || host_.Pages[0] == Pattern(0, 300));
   }
 }
 
@@ -121,15 +118,9 @@ TEST_F(DirectTransfer, FeederPages) {
 }
 
 TEST_F(DirectTransfer, EarlyPageEnds) {
-  struct Row {
-    const char* Name;
-    std::function<void()> Setup;
-    int32_t Result;
-    CodeList Codes;
-    const char* Calls;  // after SetScanParameter,TuneScanLength
-  };
   const auto hostAnswers = [this](int32_t answer) { return [this, answer] { Answer(SX_XFER_DATA, answer); }; };
-  const Row rows[] = {
+  // {name, set-up, result, codes, driver calls after SetScanParameter,TuneScanLength}
+  const std::tuple<const char*, std::function<void()>, int32_t, CodeList, const char*> rows[] = {
       {"short pages: code 5, then the next sheet", [] { Fake().ShortAtLine = 200; }, 0, {2, 0, 5, 2, 0, 5},
        "StartScan,ReadScan,ReadScan,StopScan,GetADFStatus,SetScanParameter,StartScan,ReadScan,ReadScan,StopScan,"
        "GetADFStatus"},
@@ -143,16 +134,16 @@ TEST_F(DirectTransfer, EarlyPageEnds) {
       {"parameters refused between pages", [] { Fake().SetParameterRefusals = {0, 2013}; }, -12, {2, 0, 0, 1},
        "StartScan,ReadScan,ReadScan,ReadScan,StopScan,GetADFStatus,SetScanParameter,GetScannerStatusEx"},
   };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.Name);
+  for (const auto& [name, setup, result, codes, calls] : rows) {
+    SCOPED_TRACE(name);
     SetUp();
     gSettings.ScanType = 1;
     Fake().Sheets = 2;
-    r.Setup();
-    EXPECT_EQ(Acquire(), r.Result);
-    EXPECT_EQ(host_.Codes, r.Codes);
-    EXPECT_EQ(Fake().Sequence(), std::string("GetADFStatus,SetScanParameter,TuneScanLength,") + r.Calls);
-    if (r.Codes.size() == 6) {  // the short pages: each cut where the scanner stopped
+    setup();
+    EXPECT_EQ(Acquire(), result);
+    EXPECT_EQ(host_.Codes, codes);
+    EXPECT_EQ(Fake().Sequence(), std::string("GetADFStatus,SetScanParameter,TuneScanLength,") + calls);
+    if (codes.size() == 6) {  // the short pages: each cut where the scanner stopped
       EXPECT_EQ(host_.Counts[2], 69 * kLine);
       EXPECT_TRUE(host_.Pages[1] == Pattern(1, 200));
     }

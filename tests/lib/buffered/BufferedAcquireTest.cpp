@@ -46,37 +46,31 @@ class BufferedAcquire : public ::testing::Test {
 // bytes); the page's last block, shortened or full, carries code 1. Line art
 // arrives complemented, every byte of it.
 TEST_F(BufferedAcquire, PageArrivesInMebibyteBlocks) {
-  struct Row {
-    bool LineArt;  // else colour
-    int32_t Lines;
-    Counts Blocks;  // lines per block
-    bool TwoNodes;
-  };
-  const Row rows[] = {
+  // {line art (else colour), lines, lines per block, a ring of two buffers}
+  const std::tuple<bool, int32_t, Counts, bool> rows[] = {
       {false, 600, {137, 137, 137, 137, 52}, false},
       {false, 548, {137, 137, 137, 137}, true},  // exactly four blocks
       {false, 100, {100}, true},
       {true, 600, {600}, false},  // 316-byte lines
   };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.Lines);
-    Open({{"PIXELTYPE", r.LineArt ? "dword:00000000" : "dword:00000002"},
-          {"IMAGELENGTH", "str(2):\"" + std::to_string(r.Lines) + "\""}},
-         "", r.TwoNodes);
+  for (const auto& [lineArt, lines, blocks, twoNodes] : rows) {
+    SCOPED_TRACE(lines);
+    Open({{"PIXELTYPE", lineArt ? "dword:00000000" : "dword:00000002"},
+          {"IMAGELENGTH", "str(2):\"" + std::to_string(lines) + "\""}},
+         "", twoNodes);
     ASSERT_EQ(Acquire(), 0);
-    const std::vector<uint8_t> chart = ChartPage(r.Lines, 0, r.LineArt);
+    const std::vector<uint8_t> chart = ChartPage(lines, 0, lineArt);
     Codes codes{SX_XFER_IMAGE_INFO};
     Counts counts{46};
-    for (int64_t lines : r.Blocks) {
+    for (int64_t block : blocks) {
       codes.push_back(SX_XFER_DATA);
-      counts.push_back(lines * static_cast<int64_t>(chart.size()) / r.Lines);
+      counts.push_back(block * static_cast<int64_t>(chart.size()) / lines);
     }
     codes.back() = SX_XFER_PAGE_END;
     EXPECT_EQ(seen_.Codes, codes);
     EXPECT_EQ(seen_.Counts, counts);
     EXPECT_TRUE(seen_.Pages.at(0) == chart);
-    EXPECT_EQ(Count("ReadScan"), r.Blocks.size());
-    EXPECT_EQ(Count("StopScan"), 1u);
+    EXPECT_EQ((std::pair{Count("ReadScan"), Count("StopScan")}), (std::pair{blocks.size(), size_t{1}}));
   }
 }
 
@@ -99,29 +93,24 @@ TEST_F(BufferedAcquire, SlowHostOnTwoBuffersTwice) {
 // Pages up to the page limit. The next acquisition goes on with the next
 // sheet: the ring was left free, without a stale end mark.
 TEST_F(BufferedAcquire, PagesUpToTheLimit) {
-  struct Row {
-    const char* ScanType;
-    const char* XferCount;
-    std::vector<uint32_t> First, Second;  // sheets delivered (0: flatbed)
-  };
-  const Row rows[] = {
+  // {ScanType, XferCount, sheets delivered by the first and the second acquisition (0: flatbed)}
+  const std::tuple<const char*, const char*, std::vector<uint32_t>, std::vector<uint32_t>> rows[] = {
       {"dword:00000001", "1", {1}, {2}},       {"dword:00000001", "2", {1, 2}, {3}},
       {"dword:00000001", "-1", {1, 2, 3}, {}}, {"dword:00000002", "1", {0}, {0}},
       // No limit a host means: one whole page, as direct mode gives.
       {"dword:00000001", "0", {1}, {2}},       {"dword:00000001", "-1221288373", {1}, {2}},
   };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(std::string(r.ScanType) + " " + r.XferCount);
-    Open({{"SCANTYPE", r.ScanType}, {"XFERCOUNT", "str(2):\"" + std::string(r.XferCount) + "\""}},
+  for (const auto& [scanType, xferCount, first, second] : rows) {
+    SCOPED_TRACE(std::string(scanType) + " " + xferCount);
+    Open({{"SCANTYPE", scanType}, {"XFERCOUNT", "str(2):\"" + std::string(xferCount) + "\""}},
          "[Feeder]\nSheets=3\n", true);
-    for (const auto* sheets : {&r.First, &r.Second}) {
+    for (const auto* sheets : {&first, &second}) {
       ASSERT_EQ(Acquire(), sheets->empty() ? SX_ERR_NO_PAPER : 0);
       Codes codes;
       for (size_t p = 0; p < sheets->size(); ++p) codes.insert(codes.end(), {2, 0, 0, 0, 0, 1});
       EXPECT_EQ(seen_.Codes, codes);
-      for (size_t p = 0; p < std::min(sheets->size(), seen_.Pages.size()); ++p) {
+      for (size_t p = 0; p < std::min(sheets->size(), seen_.Pages.size()); ++p)
         EXPECT_TRUE(seen_.Pages[p] == ChartPage(600, (*sheets)[p])) << "page " << p;
-      }
       EXPECT_EQ(Count("StopScan"), sheets->size());
     }
   }
@@ -131,25 +120,20 @@ TEST_F(BufferedAcquire, PagesUpToTheLimit) {
 // failed block reaches the host as code -1 without data, and a started
 // scanner is stopped.
 TEST_F(BufferedAcquire, DriverFailures) {
-  struct Row {
-    const char* Faults;
-    int32_t Result;
-    Codes Expected;
-  };
-  const Row rows[] = {
+  // {faults, result, codes the host sees}
+  const std::tuple<const char*, int32_t, Codes> rows[] = {
       {"StartScan=2004\n", -6, {}},
       {"FailReadAtLine=300\n", -6, {2, 0, 0, -1}},  // the third block fails
       {"FailReadAtLine=300\nFaultPage=2\n", -6, {2, 0, 0, 0, 0, 1, 2, 0, 0, -1}},
       {"ShortReadAtLine=200\n", -4, {2, 0, -1}},  // a short page is a failure here
   };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.Faults);
-    Open({{"SCANTYPE", "dword:00000001"}}, std::string("[Feeder]\nSheets=3\n[Faults]\n") + r.Faults,
-         true);
-    EXPECT_EQ(Acquire(), r.Result);
-    EXPECT_EQ(seen_.Codes, r.Expected);
+  for (const auto& [faults, result, expected] : rows) {
+    SCOPED_TRACE(faults);
+    Open({{"SCANTYPE", "dword:00000001"}}, std::string("[Feeder]\nSheets=3\n[Faults]\n") + faults, true);
+    EXPECT_EQ(Acquire(), result);
+    EXPECT_EQ(seen_.Codes, expected);
     EXPECT_TRUE(seen_.Counts.empty() || seen_.Counts.back() == 0);
-    EXPECT_EQ(Count("StopScan"), r.Expected.empty() ? 0u : Count("StartScan"));
+    EXPECT_EQ(Count("StopScan"), expected.empty() ? 0u : Count("StartScan"));
   }
 }
 

@@ -1,12 +1,11 @@
 // Resolution scaling, descreening and sharpening: the fixed-point arithmetic on
-// small hand-made blocks, and one descreened acquisition from the virtual
-// scanner through the exported functions.
+// small hand-made blocks. (Descreened acquisitions are the reliability suite's.)
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "imaging/BlockChain.h"
-#include "support/VscanHost.h"
+#include "sxsys.h"
 
 namespace {
 
@@ -179,19 +178,6 @@ TEST(Sharpen, OutputLineCarriesThePreviousInputLine) {
   // itself; output 1 is line 0 again, now above line 1; output 2 is line 1.
   const Bytes out = Sharpen(4, {10, 10, 50, 50, 90, 90}, 2);
   EXPECT_EQ(out, (Bytes{10, 10, 0, 0, 50, 50}));
-}
-
-// One descreened colour page from the virtual scanner through the exported
-// functions: the host gets the geometry it asked for.
-TEST(DescreenAcquire, DirectPageKeepsRequestedGeometry) {
-  sxtest::VscanHost host("", sxtest::ColourPage(600, {{"DESCREEN", "dword:00000001"}}));
-  host.Load();
-  sxtest::Transfer t{.BufferAnswer = 1'000'000};
-  EXPECT_EQ(host.Acquire(t), 0);
-  EXPECT_EQ(t.Info.PixelsPerLine, 2544);
-  EXPECT_EQ(t.Info.LinesPerPage, 600);
-  EXPECT_EQ(t.Info.ResolutionX, 300);
-  EXPECT_EQ(t.Delivered(), int64_t{600} * 2544 * 3);
 }
 
 }  // namespace

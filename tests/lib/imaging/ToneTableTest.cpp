@@ -26,14 +26,9 @@ Table Build(const Inputs& in) {
   return t;
 }
 
-struct WorkedCase {
-  const char* Name;
-  Inputs In;
-  std::vector<std::pair<int, int>> Points;  // input level -> output level
-};
-
 TEST(ToneTable, WorkedValues) {
-  const WorkedCase cases[] = {
+  // {name, inputs, input level -> output level}
+  const std::tuple<const char*, Inputs, std::vector<std::pair<int, int>>> cases[] = {
       {"gamma 2.2", {0, 0, 255, 0, 220},
        {{0, 0}, {1, 21}, {2, 28}, {16, 72}, {64, 136}, {128, 186}, {192, 224}, {254, 255},
         {255, 255}}},
@@ -47,11 +42,9 @@ TEST(ToneTable, WorkedValues) {
       {"highlight equals shadow", {0, 0, 100, 100, 100}, {{0, 0}, {99, 0}, {100, 255}, {255, 255}}},
       {"highlight below shadow", {0, 0, 40, 90, 100}, {{89, 0}, {90, 255}}},
   };
-  for (const WorkedCase& c : cases) {
-    const Table t = Build(c.In);
-    for (const auto& [in, out] : c.Points) {
-      EXPECT_EQ(t[in], out) << c.Name << ", input " << in;
-    }
+  for (const auto& [name, inputs, points] : cases) {
+    const Table t = Build(inputs);
+    for (const auto& [in, out] : points) EXPECT_EQ(t[in], out) << name << ", input " << in;
   }
 }
 
@@ -59,10 +52,7 @@ TEST(ToneTable, NeutralInputsGiveIdentityAndGammaZeroGivesBlack) {
   const Table identity = Build({});
   for (int i = 0; i < sx::kToneEntries; ++i) ASSERT_EQ(identity[i], i);
 
-  Inputs zero;
-  zero.Gamma = 0;
-  zero.Brightness = 500;
-  for (uint8_t v : Build(zero)) ASSERT_EQ(v, 0);
+  for (uint8_t v : Build({.Brightness = 500, .Gamma = 0})) ASSERT_EQ(v, 0);
 }
 
 // Values far outside the offered ranges must never write outside the 256
@@ -79,9 +69,8 @@ TEST(ToneTable, ExtremeInputsStayInsideTheTable) {
         ASSERT_EQ(guarded[16 + sx::kToneEntries + i], 0xA5) << contrast;
       }
       if (brightness != 0 || contrast < 0) continue;
-      for (int i = 1; i < sx::kToneEntries; ++i) {
+      for (int i = 1; i < sx::kToneEntries; ++i)
         ASSERT_GE(guarded[16 + i], guarded[15 + i]) << "contrast " << contrast << " at " << i;
-      }
     }
   }
 }
@@ -115,11 +104,8 @@ class ToneUpload : public ::testing::Test {
         {0, 0, 255, 0, 220}, {100, 0, 255, 0, 100}, {-200, 0, 255, 0, 100}, {0, 300, 255, 0, 100}};
     for (int i = 0; i < sx::kChannels; ++i) {
       s_.ToneTables[i] = storage_[i].data();
-      s_.Brightness[i] = slots[i].Brightness;
-      s_.Contrast[i] = slots[i].Contrast;
-      s_.Highlight[i] = slots[i].Highlight;
-      s_.Shadow[i] = slots[i].Shadow;
-      s_.Gamma[i] = slots[i].Gamma;
+      s_.Brightness[i] = slots[i].Brightness, s_.Contrast[i] = slots[i].Contrast, s_.Gamma[i] = slots[i].Gamma;
+      s_.Highlight[i] = slots[i].Highlight, s_.Shadow[i] = slots[i].Shadow;
       built_[i] = Build(slots[i]);
     }
   }
@@ -146,11 +132,8 @@ TEST_F(ToneUpload, ChannelRule) {
   Table identity{};
   for (int i = 0; i < sx::kToneEntries; ++i) identity[i] = static_cast<uint8_t>(i);
   enum Kind { Master, Red, Green, Blue, Identity, MasterRed, MasterGreen, MasterBlue };
-  struct Row {
-    uint8_t PixelType, Filter, ColorMatch, ScanType;
-    std::vector<std::pair<int32_t, Kind>> Expected;  // channel, table
-  };
-  const Row rows[] = {
+  // {PixelType, Filter, ColorMatch, ScanType, the tables sent: channel and table}
+  const std::tuple<uint8_t, uint8_t, uint8_t, uint8_t, std::vector<std::pair<int32_t, Kind>>> rows[] = {
       {1, 2, 1, 4, {{2, Green}}},
       {0, 3, 0, 2, {{3, Blue}}},
       {1, 0, 1, 4, {{1, Red}, {2, Green}, {3, Blue}}},
@@ -162,26 +145,21 @@ TEST_F(ToneUpload, ChannelRule) {
       // A filter beyond the blue channel uploads as if none were chosen.
       {1, 7, 0, 2, {{1, Master}, {2, Master}, {3, Master}}},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(::testing::Message() << "pixel " << int(row.PixelType) << " filter "
-                                      << int(row.Filter) << " match " << int(row.ColorMatch)
-                                      << " type " << int(row.ScanType));
-    s_.PixelType = row.PixelType;
-    s_.Filter = row.Filter;
-    s_.ColorMatch = row.ColorMatch;
-    s_.ScanType = row.ScanType;
+  for (const auto& [pixelType, filter, colorMatch, scanType, sent] : rows) {
+    SCOPED_TRACE(::testing::Message() << "pixel " << int(pixelType) << " filter " << int(filter) << " match "
+                                      << int(colorMatch) << " type " << int(scanType));
+    s_.PixelType = pixelType, s_.Filter = filter, s_.ColorMatch = colorMatch, s_.ScanType = scanType;
     // Twice: the in-place composition must start from fresh tables each time.
     Run();
     gUploads.clear();
     Run();
-    ASSERT_EQ(gUploads.size(), row.Expected.size());
-    for (size_t i = 0; i < row.Expected.size(); ++i) {
-      const auto [channel, kind] = row.Expected[i];
+    ASSERT_EQ(gUploads.size(), sent.size());
+    for (size_t i = 0; i < sent.size(); ++i) {
+      const auto [channel, kind] = sent[i];
       const Table expected = kind <= Blue       ? built_[kind]
                              : kind == Identity ? identity
                                                 : Composed(kind - MasterRed + 1);
-      EXPECT_EQ(gUploads[i].Channel, channel);
-      EXPECT_EQ(gUploads[i].Count, 256);
+      EXPECT_TRUE(gUploads[i].Channel == channel && gUploads[i].Count == 256) << "call " << i;
       EXPECT_EQ(gUploads[i].Bytes, expected) << "call " << i;
     }
   }
@@ -190,8 +168,7 @@ TEST_F(ToneUpload, ChannelRule) {
 TEST_F(ToneUpload, WithoutEntryPointNothingIsSentButBothRecordsAreWritten) {
   sxtest::TraceSetup trace(1);
   sx::gDriver.SetGammaTable = nullptr;
-  s_.PixelType = 1;
-  s_.Filter = 2;
+  s_.PixelType = 1, s_.Filter = 2;
   Run();
   EXPECT_TRUE(gUploads.empty());
   EXPECT_EQ(trace.Log(), "Out  1: SetGammaTableFunction : 2 \r\n");

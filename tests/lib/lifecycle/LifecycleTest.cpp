@@ -124,9 +124,8 @@ TEST(Lifecycle, WholeLoadAndFreeTraceInOrder) {
                                    {"Out|SxFree|"}});
     Strings got = ReadTrace(root, labels);
     // Driver calls show the driver's answers; here only their order counts.
-    for (std::string& line : got) {
+    for (std::string& line : got)
       if (line.find("|SetPowerSaveTime|") != std::string::npos) line.resize(line.rfind('|') + 1);
-    }
     EXPECT_EQ(got, expected) << "level " << level;
 
     // A second SxFree finds nothing left to release.

@@ -38,6 +38,14 @@ class ScsiBus : public ::testing::Test {
     Library lib;
     return Enumerate(lib);
   }
+  // "name|port|adapter" of every listed entry, sorted.
+  Strings Listed() {
+    Strings out;
+    for (const SxDataSource& ds : List())
+      out.push_back(Text(ds.DisplayName) + "|" + Text(ds.PortName) + "|" + std::to_string(ds.HostAdapter));
+    std::sort(out.begin(), out.end());
+    return out;
+  }
 
   TempRoot root_;
 };
@@ -75,18 +83,10 @@ TEST_F(ScsiBus, OnlyScannersThatAnswerAndAreOursOrSpeakOurCommandsAreListed) {
   for (const auto& [model, target] : {std::pair{"Foreign", 1}, {"Plain", 2}, {"Disk", 4}, {"Err", 5}, {"Lower", 6}})
     InstallDriver(model, model, target);
   InstallDriver("QM7110", "QM7110", 3);
-  const auto list = List();
-  std::vector<std::string> got;
-  for (const SxDataSource& ds : list)
-    got.push_back(Text(ds.DisplayName) + "|" + Text(ds.PortName) + "|" + std::to_string(ds.HostAdapter));
-  std::sort(got.begin(), got.end());
   // Scanners nobody accepted are the drivers' own entries, on their port.
-  const std::vector<std::string> expected = {
-      ScsiName(1, "Foreign") + "|SCSI-A0|0", ScsiName(2, "Plain") + "|SCSI|0",
-      ScsiName(3, "QM7110") + "|SCSI-SECOND|2", ScsiName(4, "Disk") + "|SCSI|0",
-      ScsiName(5, "Err") + "|SCSI|0", ScsiName(6, "Lower") + "|SCSI|0",
-  };
-  EXPECT_EQ(got, expected);
+  EXPECT_EQ(Listed(), (Strings{ScsiName(1, "Foreign") + "|SCSI-A0|0", ScsiName(2, "Plain") + "|SCSI|0",
+                               ScsiName(3, "QM7110") + "|SCSI-SECOND|2", ScsiName(4, "Disk") + "|SCSI|0",
+                               ScsiName(5, "Err") + "|SCSI|0", ScsiName(6, "Lower") + "|SCSI|0"}));
 }
 
 // A silent target is waited for the whole 6000 ms and given up; one that
@@ -97,12 +97,8 @@ TEST_F(ScsiBus, PendingTargetsAreWaitedForUpToTheLimit) {
              "[Adapter0 Target2]\nDelayMs=300\n" + Qm7110());
   for (int target : {0, 2}) InstallDriver("T" + std::to_string(target), "QM7110", target);
   const auto start = std::chrono::steady_clock::now();
-  const auto list = List();
+  EXPECT_EQ(Listed(), (Strings{ScsiName(0, "QM7110") + "|SCSI|0", ScsiName(2, "QM7110") + "|SCSI-SLOW|0"}));
   const auto took = std::chrono::steady_clock::now() - start;
-  std::vector<std::string> ports;
-  for (const SxDataSource& ds : list) ports.push_back(Text(ds.DisplayName) + "|" + Text(ds.PortName));
-  std::sort(ports.begin(), ports.end());
-  EXPECT_EQ(ports, (std::vector<std::string>{ScsiName(0, "QM7110") + "|SCSI", ScsiName(2, "QM7110") + "|SCSI-SLOW"}));
   EXPECT_GE(took, std::chrono::milliseconds(6000)) << "the silent target waited out";
   EXPECT_LT(took, std::chrono::seconds(9));
 }
@@ -111,20 +107,14 @@ TEST_F(ScsiBus, PendingTargetsAreWaitedForUpToTheLimit) {
 // the drivers alone, and a SCSI driver keeps its own entry.
 TEST_F(ScsiBus, WithoutAUsableAspiModuleOnlyDriversAreListed) {
   InstallDriver("QM7110", "QM7110", 3);
-  const std::string own = ScsiName(3, "QM7110") + "|SCSI|vscan.dll";
-  auto names = [this] {
-    std::vector<std::string> out;
-    for (const SxDataSource& ds : List())
-      out.push_back(Text(ds.DisplayName) + "|" + Text(ds.PortName) + "|" + Text(ds.FileName));
-    return out;
-  };
-  EXPECT_EQ(names(), std::vector<std::string>{own}) << "no module";
+  const Strings own = {ScsiName(3, "QM7110") + "|SCSI|0"};
+  EXPECT_EQ(Listed(), own) << "no module";
   const fs::path system = root_.System();
   fs::create_directories(system);
   fs::copy_file(SX_TEST_VSCAN, system / "wnaspi32.dll");
-  EXPECT_EQ(names(), std::vector<std::string>{own}) << "no entry points";
+  EXPECT_EQ(Listed(), own) << "no entry points";
   InstallBus("");
-  EXPECT_EQ(names(), std::vector<std::string>{own}) << "no adapters";
+  EXPECT_EQ(Listed(), own) << "no adapters";
   // A bus the unclaimed scanner is on: present in the list, never reported.
   fs::remove_all(root_.Twain());
   InstallBus("[Adapter0]\nIdentifier=X\n[Adapter0 Target3]\n" + Qm7110());

@@ -93,20 +93,20 @@ SRB_ExecSCSICmd Inquiry(uint8_t* data, uint8_t flags = 0) {
   return srb;
 }
 
+// The start of a scanner's inquiry answer: device type 6, the vendor at byte 8.
+const std::string kInquiryAnswer("\6\0\0\0\0\0\0\0CORVANE", 15);
+
 TEST(SgBus, RequestsAndAnswers) {
   uint8_t data[90] = {};
   {
     SCOPED_TRACE("a scanner answers");
     FakeDevice device([](sg_io_hdr_t& h) {
-      static_cast<uint8_t*>(h.dxferp)[0] = 6;
-      std::memcpy(static_cast<uint8_t*>(h.dxferp) + 8, "CORVANE", 7);
-      return true;
+      return std::memcpy(h.dxferp, kInquiryAnswer.data(), kInquiryAnswer.size()), true;
     });
     SRB_ExecSCSICmd srb = Inquiry(data);
     EXPECT_EQ(ExecuteOnDevice(device.Fd(), srb, 1000), SS_COMP);
     EXPECT_EQ(srb.SRB_Status, SS_COMP);
-    EXPECT_EQ(data[0], 6);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(data) + 8, 7), "CORVANE");
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(data), kInquiryAnswer.size()), kInquiryAnswer);
     // No more sense than the block holds.
     const sg_io_hdr_t& h = device.Seen;
     EXPECT_EQ((std::vector<int64_t>{h.interface_id, h.dxfer_direction, h.dxfer_len, h.cmd_len, h.mx_sb_len, h.timeout}),
@@ -115,16 +115,11 @@ TEST(SgBus, RequestsAndAnswers) {
   {
     SCOPED_TRACE("check condition with sense data");
     FakeDevice device([](sg_io_hdr_t& h) {
-      h.status = 2;
-      h.driver_status = 0x08;
-      static_cast<uint8_t*>(h.sbp)[0] = 0x70;
-      h.sb_len_wr = 1;
-      return true;
+      return h.status = 2, h.driver_status = 0x08, h.sb_len_wr = 1, static_cast<uint8_t*>(h.sbp)[0] = 0x70, true;
     });
     SRB_ExecSCSICmd srb = Inquiry(data);
     EXPECT_EQ(ExecuteOnDevice(device.Fd(), srb, 1000), SS_ERR);
-    EXPECT_EQ(srb.SRB_TargStat, 2);
-    EXPECT_EQ(srb.SenseArea[0], 0x70);
+    EXPECT_TRUE(srb.SRB_TargStat == 2 && srb.SenseArea[0] == 0x70);
   }
   {
     SCOPED_TRACE("the adapter fails");

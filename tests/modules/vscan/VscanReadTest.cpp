@@ -157,39 +157,34 @@ TEST(VscanRead, ReadsTakeTheScannersPace) {
   }
 }
 
-// Pages read one after another from a module set up by `ini`.
-void KeptPages(const std::string& ini) {
-  Vscan v(ini);
-  v.Open();
-  ScanParameter p = Colour300(1200, 80);
-  p.Top = 150, p.Length = 100;
-  std::array<uint8_t, 256> inverse;
-  for (int i = 0; i < 256; ++i) inverse[i] = static_cast<uint8_t>(255 - i);
-  const uint8_t* const inverted[3] = {inverse.data(), inverse.data(), inverse.data()};
-  const Bytes plain = Chart(p, p.LineNum), dark = Chart(p, p.LineNum, 0, inverted);
-  auto page = [&](size_t upTo) {
-    EXPECT_EQ(v.SetScanParameter(&p) + v.StartScan(), 2);
-    Bytes got = ReadAll(v, upTo, {7000, 65536});
-    EXPECT_EQ(v.StopScan(), 1);
-    return got;
-  };
-  EXPECT_TRUE(page(plain.size() / 2) == Bytes(plain.begin(), plain.begin() + plain.size() / 2));
-  EXPECT_TRUE(page(plain.size()) == plain) << "after a page read halfway";
-  EXPECT_TRUE(page(plain.size()) == plain) << "kept";
-  for (int c = 1; c <= 3; ++c) ASSERT_EQ(v.SetGammaTable(inverse.data(), c, 256), 1);
-  EXPECT_TRUE(page(plain.size()) == dark) << "other tables";
-  p.ScanMethod = 1;
-  for (uint32_t sheet = 1; sheet <= 2; ++sheet)
-    EXPECT_TRUE(page(plain.size()) == Chart(p, p.LineNum, sheet, inverted)) << "sheet " << sheet;
-}
-
 // A kept page is only ever the same page again: a page read halfway, other
 // tone tables or another sheet are drawn afresh. A page drawn whole before
 // its first read is the same raster as one drawn read by read.
 TEST(VscanRead, AKeptPageIsTheSamePageAgain) {
+  std::array<uint8_t, 256> inverse;
+  for (int i = 0; i < 256; ++i) inverse[i] = static_cast<uint8_t>(255 - i);
+  const uint8_t* const inverted[3] = {inverse.data(), inverse.data(), inverse.data()};
   for (const char* keep : {"KeepLastPage=1", "Prerender=1"}) {
     SCOPED_TRACE(keep);
-    KeptPages(std::string("[Page]\n") + keep + "\n[Feeder]\nSheets=2\n");
+    Vscan v(std::string("[Page]\n") + keep + "\n[Feeder]\nSheets=2\n");
+    v.Open();
+    ScanParameter p = Colour300(1200, 80);
+    p.Top = 150, p.Length = 100;
+    const Bytes plain = Chart(p, p.LineNum), dark = Chart(p, p.LineNum, 0, inverted);
+    auto page = [&](size_t upTo) {
+      EXPECT_EQ(v.SetScanParameter(&p) + v.StartScan(), 2);
+      Bytes got = ReadAll(v, upTo, {7000, 65536});
+      EXPECT_EQ(v.StopScan(), 1);
+      return got;
+    };
+    EXPECT_TRUE(page(plain.size() / 2) == Bytes(plain.begin(), plain.begin() + plain.size() / 2));
+    EXPECT_TRUE(page(plain.size()) == plain) << "after a page read halfway";
+    EXPECT_TRUE(page(plain.size()) == plain) << "kept";
+    for (int c = 1; c <= 3; ++c) ASSERT_EQ(v.SetGammaTable(inverse.data(), c, 256), 1);
+    EXPECT_TRUE(page(plain.size()) == dark) << "other tables";
+    p.ScanMethod = 1;
+    for (uint32_t sheet = 1; sheet <= 2; ++sheet)
+      EXPECT_TRUE(page(plain.size()) == Chart(p, p.LineNum, sheet, inverted)) << "sheet " << sheet;
   }
 }
 
