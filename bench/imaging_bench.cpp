@@ -1,7 +1,7 @@
 // The block chain's speed on a 2544 x 3300 colour page (25.2 MB), single
 // thread, in MB/s of input, against baselines measured in the same run:
 // memcpy and OpenCV's boxFilter 4x4, filter2D 3x3, resize INTER_LINEAR to 2/3
-// and LUT. Every kernel runs once per kernel set this processor can run (only
+// and to 1/2, and LUT. Every kernel runs once per kernel set this processor can run (only
 // the one SX_KERNELS names, where it is set). Then a descreened and sharpened
 // acquisition from a scanner as slow as the library is fast, buffered against
 // direct.
@@ -26,6 +26,7 @@
 #include <opencv2/imgproc.hpp>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "BenchSupport.h"
@@ -129,10 +130,10 @@ void BM_Filter(benchmark::State& state, const ChainFilter* filter, uint8_t descr
 }
 
 // Both passes: lines first, then pixels; each block's output lines are
-// packed at its start.
-void BM_ScaleTwoThirds(benchmark::State& state) {
+// packed at its start. The page becomes `num`/`den` of its size.
+void BM_Scale(benchmark::State& state, int32_t num, int32_t den) {
   WithSet(state);
-  sx::ScanSettings s = Colour(kPixels * 2 / 3, kLines * 2 / 3);
+  sx::ScanSettings s = Colour(kPixels * num / den, kLines * num / den);
   Bytes page = Page();
   for (auto _ : state) {
     sx::PrepareLineScaling(s);
@@ -199,9 +200,10 @@ void BM_CvFilter2D(benchmark::State& state) {
   Baseline(state, [&] { cv::filter2D(src, dst, -1, kernel, cv::Point(-1, -1), 0, cv::BORDER_REPLICATE); });
 }
 
-void BM_CvResize(benchmark::State& state) {
+void BM_CvResize(benchmark::State& state, int32_t num, int32_t den) {
   cv::Mat src = PageMat(), dst;
-  Baseline(state, [&] { cv::resize(src, dst, cv::Size(kPixels * 2 / 3, kLines * 2 / 3), 0, 0, cv::INTER_LINEAR); });
+  const cv::Size size(kPixels * num / den, kLines * num / den);
+  Baseline(state, [&] { cv::resize(src, dst, size, 0, 0, cv::INTER_LINEAR); });
 }
 
 void BM_CvLut(benchmark::State& state) {
@@ -240,16 +242,18 @@ void Register() {
   each(benchmark::RegisterBenchmark("descreen16", BM_Filter, &kDescreen, uint8_t{1}, uint8_t{0}));
   each(benchmark::RegisterBenchmark("descreen28", BM_Filter, &kDescreen, uint8_t{2}, uint8_t{0}));
   each(benchmark::RegisterBenchmark("sharpen", BM_Filter, &kSharpen, uint8_t{0}, uint8_t{kSharpenLevel}));
-  each(benchmark::RegisterBenchmark("scale_2_3", BM_ScaleTwoThirds));
+  each(benchmark::RegisterBenchmark("scale_2_3", BM_Scale, 2, 3));
+  each(benchmark::RegisterBenchmark("scale_1_2", BM_Scale, 1, 2));
   each(benchmark::RegisterBenchmark("invert", BM_Invert));
   each(benchmark::RegisterBenchmark("tone", BM_Tone, false));
   each(benchmark::RegisterBenchmark("tone_3_tables", BM_Tone, true));
   using Fn = void (*)(benchmark::State&);
   const std::pair<const char*, Fn> baselines[] = {{"memcpy", BM_Memcpy}, {"cv_boxFilter_4x4", BM_CvBoxFilter},
-                                                  {"cv_filter2D_3x3", BM_CvFilter2D}, {"cv_resize_2_3", BM_CvResize},
-                                                  {"cv_LUT", BM_CvLut}};
+                                                  {"cv_filter2D_3x3", BM_CvFilter2D}, {"cv_LUT", BM_CvLut}};
   for (auto [name, fn] : baselines)
     benchmark::RegisterBenchmark(name, fn)->Unit(benchmark::kMillisecond)->MinTime(0.5);
+  for (auto [name, num, den] : {std::tuple{"cv_resize_2_3", 2, 3}, std::tuple{"cv_resize_1_2", 1, 2}})
+    benchmark::RegisterBenchmark(name, BM_CvResize, num, den)->Unit(benchmark::kMillisecond)->MinTime(0.5);
 }
 
 // --- Buffered against direct, with the scanner as slow as the processing.
@@ -411,6 +415,7 @@ int main(int argc, char** argv) {
   if (r["cv_boxFilter_4x4"] > 0) Goal("descreen /28 vs OpenCV boxFilter 4x4", r["descreen28"] / r["cv_boxFilter_4x4"], 2);
   if (r["cv_filter2D_3x3"] > 0) Goal("sharpen vs OpenCV filter2D 3x3", r["sharpen"] / r["cv_filter2D_3x3"], 2);
   if (r["cv_resize_2_3"] > 0) Goal("2/3 scaling vs OpenCV resize", r["scale_2_3"] / r["cv_resize_2_3"], 1.3);
+  if (r["cv_resize_1_2"] > 0) Goal("1/2 scaling vs OpenCV resize", r["scale_1_2"] / r["cv_resize_1_2"], 0);
   if (r["cv_LUT"] > 0) Goal("tone tables vs OpenCV LUT", r["tone"] / r["cv_LUT"], 0);
   const Overlap o = MeasureOverlap();
   if (o.Failed()) {

@@ -40,14 +40,19 @@ struct HorizontalGeometry {
 // geometry changes and runs without it (more slowly) where it is missing or
 // too small.
 // Sixteen output samples made by byte shuffles, as two groups of eight: each
-// group's inputs lie in the sixteen bytes from its base (its left samples)
-// and in the sixteen from base + sample (its right ones). `Left` and `Right`
-// give each output sample's place there as a 16-bit lane (the place, then a
-// byte the shuffle makes zero), the first group in the low half.
+// group's inputs lie in the window of bytes from its base (its left samples)
+// and in the window from base + sample (its right ones). `Left` and `Right`
+// give each output sample's place in the first sixteen bytes of the window
+// as a 16-bit lane (the place, then a byte the shuffle makes zero), the first
+// group in the low half; `LeftFar` and `RightFar` the places in the next
+// sixteen, where a window is that wide. A place elsewhere is one the
+// shuffle makes zero.
 struct ShufflePair {
   uint32_t Base[2];
   uint8_t Left[32];
   uint8_t Right[32];
+  uint8_t LeftFar[32];
+  uint8_t RightFar[32];
 };
 
 struct HorizontalPlan {
@@ -61,6 +66,7 @@ struct HorizontalPlan {
   // and stay within the line. A kernel set without byte shuffles ignores them.
   ShufflePair* Shuffles = nullptr;
   int32_t ShuffledPixels = 0;
+  int32_t ShuffleWindow = 0;  // bytes: 16, or 32 for a stronger reduction
   int32_t Capacity = 0;                  // output pixels the tables hold
   // The geometry the entries were made for, and how many there are.
   HorizontalGeometry For{};
