@@ -5,10 +5,6 @@
 
 #include "platform/Memory.h"
 
-#ifdef _WIN32
-#include "platform/win32/Win32.h"
-#endif
-
 namespace sx::plat {
 namespace {
 
@@ -56,24 +52,6 @@ TEST(Memory, FixedBlocksGrowOnlyByMovingAndLockedBlocksAreFreed) {
   GlobalUnlockAndFree(nullptr);
   GlobalUnlockAndFreeAddress(&local);
 }
-
-#ifdef _WIN32
-// The count is the blocks made by SxSysGlobalAlloc that are alive, also when
-// a host frees one with the system's GlobalFree (as it may a value list),
-// and never the blocks a host makes with GlobalAlloc itself.
-TEST(Memory, CountFollowsBlocksTheSystemFreesAndIgnoresTheHostsOwn) {
-  const size_t blocks = SxSysGlobalBlockCount();
-  SxHandle list = SxSysGlobalAlloc(kGhnd, 16);
-  HGLOBAL own = ::GlobalAlloc(GHND, 16);
-  EXPECT_EQ(SxSysGlobalBlockCount(), blocks + 1);
-  ::GlobalLock(static_cast<HGLOBAL>(list));
-  ::GlobalUnlock(static_cast<HGLOBAL>(list));
-  EXPECT_EQ(::GlobalFree(static_cast<HGLOBAL>(list)), nullptr);
-  EXPECT_EQ(SxSysGlobalBlockCount(), blocks);
-  EXPECT_EQ(SxSysGlobalFree(own), nullptr);
-  EXPECT_EQ(SxSysGlobalBlockCount(), blocks);
-}
-#endif
 
 }  // namespace
 }  // namespace sx::plat
