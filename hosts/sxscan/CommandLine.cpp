@@ -425,7 +425,8 @@ ParseOutcome ParseCommandLine(const std::vector<std::string>& args) {
 std::string UsageText() {
   std::string text = "usage: sxscan COMMAND [OPERANDS] [OPTIONS]\n\ncommands:\n";
   for (const auto& c : kCommands)
-    if (c.synopsis && (c.kind != CommandKind::Serve || kServeBuilt)) text += Entry(std::string("  ") + c.synopsis, c.summary, kCommandColumn);
+    if (c.synopsis && (c.kind != CommandKind::Serve || kServeBuilt))
+      text += Entry(std::string("  ") + c.synopsis, c.summary, kCommandColumn);
   return text + "\n" + ScanOptionsSection();
 }
 

@@ -119,6 +119,7 @@ bool AllocatePlan(HorizontalPlan& plan, int32_t pixels) {
   plan.LeftMultipliers = new (std::nothrow) uint16_t[3 * n];
   plan.RightMultipliers = new (std::nothrow) uint16_t[3 * n];
   plan.RightAlone = new (std::nothrow) uint32_t[n];
+  // A shuffle pair makes sixteen samples; a pixel has three at most.
   plan.Shuffles = new (std::nothrow) ShufflePair[3 * n / 16 + 1];
   if (!plan.PairOffsets || !plan.LeftMultipliers || !plan.RightMultipliers || !plan.RightAlone || !plan.Shuffles) {
     FreePlan(plan);

@@ -31,14 +31,6 @@ struct HorizontalGeometry {
   int32_t Sample = 1;
 };
 
-// Where each output pixel after the first of a horizontally scaled line comes
-// from: the byte offset of its left input pixel (the right one follows it),
-// and for each of its samples the exact multipliers of the left and the right
-// pixel's weight. Where the left pixel weighs nothing the output is the right
-// pixel alone (its weight, the whole unit, has no 16-bit multiplier): those
-// output pixels are listed apart. A kernel set fills the plan when the
-// geometry changes and runs without it (more slowly) where it is missing or
-// too small.
 // Sixteen output samples made by byte shuffles, as two groups of eight: each
 // group's inputs lie in the window of bytes from its base (its left samples)
 // and in the window from base + sample (its right ones). `Left` and `Right`
@@ -55,6 +47,14 @@ struct ShufflePair {
   uint8_t RightFar[32];
 };
 
+// Where each output pixel after the first of a horizontally scaled line comes
+// from: the byte offset of its left input pixel (the right one follows it),
+// and for each of its samples the exact multipliers of the left and the right
+// pixel's weight. Where the left pixel weighs nothing the output is the right
+// pixel alone (its weight, the whole unit, has no 16-bit multiplier): those
+// output pixels are listed apart. A kernel set fills the plan when the
+// geometry changes and runs without it (more slowly) where it is missing or
+// too small.
 struct HorizontalPlan {
   uint32_t* PairOffsets = nullptr;
   uint16_t* LeftMultipliers = nullptr;   // three per pixel
